@@ -1,0 +1,40 @@
+# make run   build, then run kestrixd in the foreground with the demo plug-in
+# make test  build, then run every test, also under ASan + UBSan
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+CMAKE_GEN  ?= -G Ninja
+JOBS       ?= 2
+
+.PHONY: all build asan run test unit e2e test-asan bench fuzz clean
+
+all: build
+
+build:
+	@cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build $(BUILD)
+
+asan:
+	@cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKESTRIX_SANITIZE=ON >/dev/null
+	@cmake --build $(ASAN_BUILD)
+
+run: build
+	@scripts/demo.sh $(BUILD)
+
+test: build asan
+	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --test-dir $(ASAN_BUILD) -j$(JOBS) --output-on-failure
+
+unit: build
+	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure -LE e2e
+
+e2e: build
+	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure -L e2e
+
+bench:
+	@cmake -S . -B $(BUILD)-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKESTRIX_BUILD_BENCH=ON >/dev/null
+	@cmake --build $(BUILD)-bench
+	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BUILD)-bench

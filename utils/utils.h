@@ -1,0 +1,39 @@
+// FSUNI text (UTF-16 units on the wire) and byte-order helpers.
+//
+// Wire text is FSUNI; inside the daemon text is UTF-8. Conversions are
+// single passes in the caller's buffers. doendian and endianizeFsUniArray
+// reverse fields in place for messages written in the other byte order.
+#ifndef KESTRIX_UTILS_UTILS_H_
+#define KESTRIX_UTILS_UTILS_H_
+
+#include "fstypes.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+FSULONG fsunilength(const FSUNI* s);
+FSUNI* fsunicpy(FSUNI* destination, const FSUNI* source, FSULONG destinationBytes);
+char* fsuni2mb(char* destination, const FSUNI* source, int32_t capacityBytes);
+int32_t utf16array_to_utf8asciz(const FSUNI* source, int32_t units, char* destination,
+                                int32_t capacityBytes);
+FSUNI* mb2fsuni(FSUNI* destination, const char* source, int32_t capacityUnits);
+int32_t utf8array_to_utf16asciz(const char* source, int32_t bytes, FSUNI* destination,
+                                int32_t capacityUnits);
+void doendian(void* field, int32_t width);
+void endianizeFsUniArray(void* area, int32_t bytes);
+// Hex text of n bytes ("AB CD"), trailing '0' digits and blanks removed.
+// out must hold at least 3n + 1 bytes.
+char* bytesToString(const void* bytes, int32_t n, char* out);
+int32_t checkDataSizes(void);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+namespace kestrix {
+// Units before the first 0 unit, looking at no more than maxUnits units.
+FSULONG fsuninlength(const FSUNI* s, FSULONG maxUnits);
+}  // namespace kestrix
+#endif
+
+#endif  // KESTRIX_UTILS_UTILS_H_
