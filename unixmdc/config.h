@@ -1,0 +1,24 @@
+// The two testing extensions of the daemon, read in one place.
+//
+// KESTRIX_LIBDIR replaces the plug-in directory "/opt/Kestrix/lib";
+// KESTRIX_PORT (decimal) replaces UDP port 5501. Unset, the defaults hold.
+#ifndef KESTRIX_UNIXMDC_CONFIG_H_
+#define KESTRIX_UNIXMDC_CONFIG_H_
+
+#include <cstdint>
+#include <string>
+
+namespace kestrix {
+
+inline constexpr const char* kDefaultLibraryDirectory = "/opt/Kestrix/lib";
+inline constexpr uint16_t kDefaultServicePort = 5501;
+
+// The directory the loader reads plug-ins from.
+std::string LibraryDirectory();
+// The UDP port the daemon binds; a value that is not a port in 1..65535
+// falls back to the default.
+uint16_t ServicePort();
+
+}  // namespace kestrix
+
+#endif  // KESTRIX_UNIXMDC_CONFIG_H_

@@ -1,0 +1,67 @@
+// The LAN server: header validation, dispatch by function code, and the
+// duplicate-request tracker. One LanServerInfo per process, reached via info.
+#ifndef KESTRIX_UTILS_LANSERVER_H_
+#define KESTRIX_UTILS_LANSERVER_H_
+
+#include "lanheader.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// A handler gets the request (header converted, body not yet) and the
+// sender's 16-byte comm cookie, and returns a reply from the tracking
+// allocator (its header's length is the number of bytes to send) or null.
+typedef LanHeader* (*MessageHandler)(LanHeader* request, const uint8_t* commCookie);
+
+// One tracked request. Entries are appended: the list runs oldest first.
+typedef struct TrackerEntry {
+  struct TrackerEntry* next;
+  struct TrackerEntry* prev;
+  uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
+  LanHeader* headerCopy;  // null only if the copy could not be made
+  LanHeader* replyCopy;   // null while the request is in process
+} TrackerEntry;
+
+typedef struct LanServerInfo {
+  TrackerEntry tracker;  // sentinel of the tracker list
+  void* trackerLock;     // guards the list and numReplies
+  FSULONG numReplies;    // entries holding a stored reply
+  MessageHandler handlers[LAN_MAX_FUNCTION_CODES];
+  int (*addressCompare)(const void* a, const void* b);
+} LanServerInfo;
+
+extern int g_TrackMessages;
+extern int numDupsRepliedTo;
+extern int numDupsDropped;
+
+// Dispatch (utils/lanserver.cc).
+int LAN_InitServer(LanServerInfo** infoOut);
+int LAN_RegisterMessageHandler(LanServerInfo* server, int code, MessageHandler handler);
+LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* server,
+                              const uint8_t* commCookie);
+LanHeader* ValidateHeader(void* message, LanServerInfo* server);
+LanHeader* BuildReply(const LanHeader* request, int result);
+void LAN_DumpInfo(void);
+
+// Duplicate-request tracker (utils/lan_tracker.cc).
+LanHeader* LAN_HandleDuplicate(LanServerInfo* server, const uint8_t* commCookie,
+                               const LanHeader* request, int* isDuplicate);
+int LAN_RegisterInProcess(LanServerInfo* server, const uint8_t* commCookie,
+                          const LanHeader* request);
+int LAN_RegisterComplete(LanServerInfo* server, const uint8_t* commCookie,
+                         const LanHeader* request, const LanHeader* reply);
+int PurgeTrackerList(LanServerInfo* server);
+int HeaderInList(LanServerInfo* server, const uint8_t* commCookie, const LanHeader* request);
+int CompareHeaderId(const LanHeader* a, const LanHeader* b);
+int LAN_CompareCommCookies(const uint8_t* a, const uint8_t* b);
+int LAN_CompareMessageCookies(const uint8_t* a, const uint8_t* b);
+LanHeader* LAN_MakeHeaderCopy(const LanHeader* header);
+LanHeader* LAN_MakeMessageCopy(const LanHeader* message);
+void DumpTrackerList(int ignored, LanServerInfo* server);
+
+#ifdef __cplusplus
+}  // extern "C"
+#endif
+
+#endif  // KESTRIX_UTILS_LANSERVER_H_
