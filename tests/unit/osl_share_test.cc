@@ -223,7 +223,7 @@ TEST_F(ShareTest, UnopenableFileLogsFtx1199) {
 
 TEST_F(ShareTest, UnusablePathLinesAreNotFound) {
   LogCapture log;
-  UseConf("[data]\n path = relative/dir\n");
+  UseConf("[data]\n path = exports\n");
   EXPECT_EQ(Map("data").result, 3);
   EXPECT_TRUE(log.Contains("Error parseSmbConfFile: The path line for [data] in [" + conf_ +
                            "] holds no absolute path.\n"));
