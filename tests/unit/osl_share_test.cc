@@ -244,6 +244,12 @@ TEST_F(ShareTest, LongNameIsCutAndSmallOutputIsRefused) {
   EXPECT_EQ(Map(longName, 512).mountPoint, longName.substr(0, 255));
 
   LogCapture log;
+  // A cut that splits a character leaves no valid mount point.
+  std::string splitName = "/" + std::string(253, 'n') + "\xC3\xA9";
+  EXPECT_EQ(Map(splitName, 512).result, 3);
+  EXPECT_TRUE(log.Contains("Error OSL_ShareNameToMountPoint: The mount point [" +
+                           splitName.substr(0, 255) + "] is not valid UTF-8.\n"));
+
   EXPECT_EQ(Map("/export/vol1", 12).result, 3);  // needs 12 units and the terminator
   EXPECT_TRUE(log.Contains(
       "Error OSL_ShareNameToMountPoint: The mount point [/export/vol1] does not fit in 12 "
