@@ -35,12 +35,13 @@ FSLONG FakeGetMaxLeases(const uint8_t*, FSLONG* readMax, FSLONG* writeMax) {
 
 class CalcLeaseTest : public ::testing::Test {
  protected:
+  void SetUp() override { lib_.FS_GetMaxLeases = FakeGetMaxLeases; }
   FSLONG Calc(FSLONG requested, FSULONG intention, FSLONG readMax, FSLONG writeMax,
               FSLONG result = 0) {
     g_max = MaxLeases{result, readMax, writeMax};
     return CalcLease(requested, intention, &lib_, vol_.data());
   }
-  FsLibrary lib_{.FS_GetMaxLeases = FakeGetMaxLeases};
+  FsLibrary lib_{};
   Cookie vol_{};
 };
 
@@ -101,6 +102,7 @@ class PurgeTest : public ::testing::Test {
   void SetUp() override {
     kestrix::SetClockForTesting(FakeClock);
     kestrix::InitLeaseList();
+    lib_.FS_UnlockMap = RecordUnlock;
     memStart_ = g_kmemstat;
   }
   void TearDown() override { kestrix::SetClockForTesting(nullptr); }
@@ -125,7 +127,7 @@ class PurgeTest : public ::testing::Test {
   }
 
   kestrix::test::LogCapture log_{12};
-  FsLibrary lib_{.FS_UnlockMap = RecordUnlock};
+  FsLibrary lib_{};
   int32_t memStart_ = 0;
 };
 

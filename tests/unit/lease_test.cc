@@ -248,8 +248,13 @@ std::vector<std::string> LeaseLines(const kestrix::test::LogCapture& log) {
 
 TEST_F(LeaseListTest, DumpKeyListLinesAndLevels) {
   log_.SetLevel(4);
+  log_.Clear();
   FSMDCSP_DumpKeyList();
   EXPECT_EQ(std::vector<std::string>{"SP Key list is empty"}, log_.Lines());
+  log_.SetLevel(3);
+  log_.Clear();
+  FSMDCSP_DumpKeyList();
+  EXPECT_EQ("", log_.Text());
 
   log_.SetLevel(12);
   Add(0x11, 1, 1, nullptr, 1, 5000, 0xAB);
