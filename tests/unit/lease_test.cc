@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/test_util.h"
@@ -236,6 +238,34 @@ TEST_F(LeaseListTest, OutOfMemoryLeavesListUnchanged) {
   EXPECT_EQ(1u, globalKey);
   EXPECT_EQ(1, ListLength());
   EXPECT_EQ(memBefore, g_kmemstat);
+}
+
+TEST_F(LeaseListTest, ConcurrentAddsGetDistinctKeys) {
+  log_.SetLevel(2);
+  constexpr int kThreads = 4, kPerThread = 200;
+  std::vector<std::vector<FSULONG>> keys(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        Cookie vol{}, file{};
+        file[0] = static_cast<uint8_t>(t);
+        file[1] = static_cast<uint8_t>(i);
+        const ShortCookie msg = MakeShort(1), comm = MakeShort(1);
+        FSULONG key;
+        AddLeaseToList(vol.data(), file.data(), msg.data(), comm.data(), 1, 5000, &key, &libA_,
+                       kName);
+        keys[t].push_back(key);
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  std::vector<FSULONG> all;
+  for (const auto& k : keys) all.insert(all.end(), k.begin(), k.end());
+  std::sort(all.begin(), all.end());
+  for (int i = 0; i < kThreads * kPerThread; ++i) ASSERT_EQ(static_cast<FSULONG>(i), all[i]);
+  EXPECT_EQ(kThreads * kPerThread, ListLength());
+  EXPECT_FALSE(log_.Contains("Semaphore breakdown"));
 }
 
 // Lines of the log other than the allocator's own traces.
