@@ -24,40 +24,28 @@ using ShortCookie = std::array<uint8_t, 16>;
 uint32_t g_now = 0;
 uint32_t FakeClock() { return g_now; }
 
+// FS_UnlockMap of fake library N records the cookies it was given.
 struct UnlockRecord {
   Cookie volume;
   Cookie file;
 };
-std::vector<UnlockRecord> g_unlocksA;
-std::vector<UnlockRecord> g_unlocksB;
-
-FSLONG UnlockA(const uint8_t* v, const uint8_t* f) {
-  UnlockRecord r;
+std::vector<UnlockRecord> g_unlocks[2];
+template <int N>
+FSLONG Unlock(const uint8_t* v, const uint8_t* f) {
+  UnlockRecord& r = g_unlocks[N].emplace_back();
   memcpy(r.volume.data(), v, FS_COOKIE_SIZE);
   memcpy(r.file.data(), f, FS_COOKIE_SIZE);
-  g_unlocksA.push_back(r);
-  return 0;
-}
-FSLONG UnlockB(const uint8_t* v, const uint8_t* f) {
-  UnlockRecord r;
-  memcpy(r.volume.data(), v, FS_COOKIE_SIZE);
-  memcpy(r.file.data(), f, FS_COOKIE_SIZE);
-  g_unlocksB.push_back(r);
   return 0;
 }
 
-Cookie MakeCookie(uint8_t first, uint8_t last = 0) {
-  Cookie c{};
+template <size_t N = FS_COOKIE_SIZE>
+std::array<uint8_t, N> MakeCookie(uint8_t first, uint8_t last = 0) {
+  std::array<uint8_t, N> c{};
   c[0] = first;
-  c[FS_COOKIE_SIZE - 1] = last;
+  c[N - 1] = last;
   return c;
 }
-ShortCookie MakeShort(uint8_t first, uint8_t last = 0) {
-  ShortCookie c{};
-  c[0] = first;
-  c[15] = last;
-  return c;
-}
+ShortCookie MakeShort(uint8_t first, uint8_t last = 0) { return MakeCookie<16>(first, last); }
 
 const FSUNI kName[] = {'/', 'm', '/', 'a', 0};
 
@@ -67,8 +55,8 @@ class LeaseListTest : public ::testing::Test {
     kestrix::SetClockForTesting(FakeClock);
     g_now = 1000;
     kestrix::InitLeaseList();
-    libA_.FS_UnlockMap = UnlockA;
-    libB_.FS_UnlockMap = UnlockB;
+    libA_.FS_UnlockMap = Unlock<0>;
+    libB_.FS_UnlockMap = Unlock<1>;
     memStart_ = g_kmemstat;
   }
   void TearDown() override { kestrix::SetClockForTesting(nullptr); }
@@ -165,18 +153,18 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   EXPECT_EQ(0, RemoveLeaseFromList(0, vol.data(), file.data(), &libB_, "SP_LANClose"));
   EXPECT_TRUE(log_.Contains("Debug1 RemoveLeaseFromList (SP_LANClose) 0x0\n"));
   EXPECT_TRUE(log_.Contains("Debug1 Skipping unlock,dup key detect (below)\n"));
-  EXPECT_TRUE(g_unlocksA.empty());
-  EXPECT_TRUE(g_unlocksB.empty());
+  EXPECT_TRUE(g_unlocks[0].empty());
+  EXPECT_TRUE(g_unlocks[1].empty());
   EXPECT_EQ(MakeCookie(5), file);
   EXPECT_EQ(MakeCookie(9), vol);
 
   log_.Clear();
   EXPECT_EQ(0, RemoveLeaseFromList(1, vol.data(), file.data(), &libB_, "GetInitialMap"));
   EXPECT_FALSE(log_.Contains("Skipping unlock"));
-  EXPECT_TRUE(g_unlocksA.empty());
-  ASSERT_EQ(1u, g_unlocksB.size());
-  EXPECT_EQ(MakeCookie(9), g_unlocksB[0].volume);
-  EXPECT_EQ(MakeCookie(5), g_unlocksB[0].file);
+  EXPECT_TRUE(g_unlocks[0].empty());
+  ASSERT_EQ(1u, g_unlocks[1].size());
+  EXPECT_EQ(MakeCookie(9), g_unlocks[1][0].volume);
+  EXPECT_EQ(MakeCookie(5), g_unlocks[1][0].file);
   EXPECT_EQ(0, ListLength());
   EXPECT_EQ(memStart_, g_kmemstat);
 }
@@ -198,8 +186,8 @@ TEST_F(LeaseListTest, UnknownKeyChangesAndWritesNothing) {
   EXPECT_EQ(0, memcmp(&before, &copy, sizeof copy));
   for (uint8_t b : vol) ASSERT_EQ(0xEE, b);
   for (uint8_t b : file) ASSERT_EQ(0xEE, b);
-  EXPECT_TRUE(g_unlocksA.empty());
-  EXPECT_TRUE(g_unlocksB.empty());
+  EXPECT_TRUE(g_unlocks[0].empty());
+  EXPECT_TRUE(g_unlocks[1].empty());
   EXPECT_EQ(1, ListLength());
   EXPECT_EQ("", log_.Text());
 }
