@@ -41,14 +41,14 @@
 //
 // Defaults of the structures written (always within the room given):
 //   VolInfo: vendorStatus 0, FStype 1, GlomType 0, GlomInfo 0, nDisks 1,
-//     BlockSize 4096, msgLen 104 + 80 x disks written (or 104 + the text's
-//     bytes with its zero unit); FSSystem byte k = 0x40 + k. Disk i (from 0):
+//     BlockSize 4096, msgLen 104 + 80 x disks written (104 with a text);
+//     FSSystem byte k = 0x40 + k. Disk i (from 0):
 //     DiskID byte j = 0x10 x (i + 1) + j, IDlength 16, IDoffset 1000 x (i+1),
 //     BlockOffset 2000 x (i+1), nBlocks 100000 x (i+1), the rest 0.
 //   FSMapInfo: fileSize and allocation 1048576, vendorStatus 0, nExtents 1,
 //     extentType 0, fileOffset = start, fileBytes = length (fileSize - start
-//     when length is negative), msgLen 64 + bytes of extents written (or of
-//     the text with its zero unit). Extent i (from 0):
+//     when length is negative), msgLen 64 + bytes of extents written (64
+//     with a text). Extent i (from 0):
 //     type 0: BlockOffset 1000 x (i+1), nBlocks 8 x (i+1);
 //     types 1, 3: LogicalByteAddr 65536 x i, PhysicalByteAddr 1048576 x (i+1),
 //       nBytes 65536, VolumeOrdinal i, validity 1;
@@ -85,6 +85,7 @@
 #include <vector>
 
 #include "fslibrary.h"
+#include "fsmdc.h"
 
 #ifdef TESTFS_CALLBACK
 #include "utils/ksxmem.h"
@@ -379,11 +380,6 @@ std::string Num(long long v) { return std::to_string(v); }
 
 // --- structure writers -----------------------------------------------------
 
-template <typename T>
-void Put(uint8_t* base, size_t offset, T value) {
-  memcpy(base + offset, &value, sizeof(value));
-}
-
 // Writes text and its zero unit at base + offset, cut to fit limit bytes.
 // Returns the bytes written.
 size_t PutText(uint8_t* base, size_t offset, size_t limit, const std::string& text) {
@@ -396,90 +392,87 @@ size_t PutText(uint8_t* base, size_t offset, size_t limit, const std::string& te
   return units.size() * 2;
 }
 
+// Structures are built in locals and copied, so any buffer alignment works.
 void WriteVolInfo(const Conf& conf, const uint8_t* askedCookie, uint8_t* out, size_t room) {
-  constexpr size_t kFixed = 104, kDisk = 80;
-  if (out == nullptr || room < kFixed) return;
-  long long vendorStatus = conf.Vol("vendorStatus", 0);
-  long long nDisks = conf.Vol("nDisks", 1);
-  size_t tail = 0;
-  if (vendorStatus != 0) {
-    tail = PutText(out, kFixed, room, conf.haveVolError ? conf.volError : std::string());
+  if (out == nullptr || room < VOLINFO_FIXED_SIZE) return;
+  VolInfo v{};
+  v.vendorStatus = static_cast<FSLONG>(conf.Vol("vendorStatus", 0));
+  v.nDisks = static_cast<FSULONG>(conf.Vol("nDisks", 1));
+  size_t tail = 0;  // bytes of disks written; a text is not counted
+  if (v.vendorStatus != 0) {
+    PutText(out, VOLINFO_FIXED_SIZE, room,
+                   conf.haveVolError ? conf.volError : std::string());
   } else {
-    long long idLength = conf.Vol("IDlength", 16);
-    for (long long i = 0; i < nDisks && kFixed + kDisk * (i + 1) <= room; ++i) {
-      uint8_t* d = out + kFixed + kDisk * i;
-      memset(d, 0, kDisk);
-      for (int j = 0; j < 16; ++j) d[j] = static_cast<uint8_t>(0x10 * (i + 1) + j);
-      Put<FS64LONG>(d, 16, 1000 * (i + 1));
-      Put<FS64LONG>(d, 24, 2000 * (i + 1));
-      Put<FS64LONG>(d, 32, 100000 * (i + 1));
-      Put<FSULONG>(d, 40, static_cast<FSULONG>(idLength));
-      tail += kDisk;
+    for (FSULONG i = 0; i < v.nDisks && VOLINFO_FIXED_SIZE + FSDISK_SIZE * (i + 1) <= room;
+         ++i) {
+      FSDisk d{};
+      for (int j = 0; j < FSDISK_ID_SIZE; ++j) d.DiskID[j] = static_cast<uint8_t>(0x10 * (i + 1) + j);
+      d.IDoffset = 1000LL * (i + 1);
+      d.BlockOffset = 2000LL * (i + 1);
+      d.nBlocks = 100000LL * (i + 1);
+      d.IDlength = static_cast<FSULONG>(conf.Vol("IDlength", FSDISK_ID_SIZE));
+      memcpy(out + VOLINFO_FIXED_SIZE + FSDISK_SIZE * i, &d, sizeof(d));
+      tail += FSDISK_SIZE;
     }
   }
-  Put<FSLONG>(out, 0, static_cast<FSLONG>(conf.Vol("msgLen", static_cast<long long>(kFixed + tail))));
-  Put<FSLONG>(out, 4, static_cast<FSLONG>(vendorStatus));
-  Put<FSLONG>(out, 8, static_cast<FSLONG>(conf.Vol("FStype", 1)));
-  Put<FSLONG>(out, 12, static_cast<FSLONG>(conf.Vol("GlomType", 0)));
-  Put<FSLONG>(out, 16, static_cast<FSLONG>(conf.Vol("GlomInfo", 0)));
-  Put<FSULONG>(out, 20, static_cast<FSULONG>(nDisks));
-  Put<FSLONG>(out, 24, static_cast<FSLONG>(conf.Vol("BlockSize", 4096)));
-  Put<FSLONG>(out, 28, 0);
+  v.msgLen = static_cast<FSLONG>(conf.Vol("msgLen", static_cast<long long>(VOLINFO_FIXED_SIZE + tail)));
+  v.FStype = static_cast<FSLONG>(conf.Vol("FStype", 1));
+  v.GlomType = static_cast<FSLONG>(conf.Vol("GlomType", 0));
+  v.GlomInfo = static_cast<FSLONG>(conf.Vol("GlomInfo", 0));
+  v.BlockSize = static_cast<FSLONG>(conf.Vol("BlockSize", 4096));
   if (conf.haveVolCookie || askedCookie == nullptr)
-    StoreCookie(conf.volCookie, out + 32);
+    StoreCookie(conf.volCookie, v.Cookie);
   else
-    memmove(out + 32, askedCookie, FS_COOKIE_SIZE);
-  for (int k = 0; k < 40; ++k) out[64 + k] = static_cast<uint8_t>(0x40 + k);
+    memcpy(v.Cookie, askedCookie, FS_COOKIE_SIZE);
+  for (int k = 0; k < FSSYSTEM_SIZE; ++k) v.fsSystem.bytes[k] = static_cast<uint8_t>(0x40 + k);
+  memcpy(out, &v, sizeof(v));
 }
 
 size_t ExtentSize(long long type) {
   switch (type) {
-    case 0: return 16;
-    case 1: case 3: return 32;
-    case 2: return 24;
+    case FS_EXTENT_COMPACT: return COMPACT_EXTENT_SIZE;
+    case FS_EXTENT_VERBOSE: case FS_EXTENT_VERBOSE_ALT: return VERBOSE_EXTENT_SIZE;
+    case FS_EXTENT_SIMPLE: return SIMPLE_EXTENT_SIZE;
     default: return 0;
   }
 }
 
+void WriteExtent(long long type, long long i, uint8_t* at) {
+  if (type == FS_EXTENT_COMPACT) {
+    CompactExtent e{1000 * (i + 1), 8 * (i + 1)};
+    memcpy(at, &e, sizeof(e));
+  } else if (type == FS_EXTENT_SIMPLE) {
+    SimpleExtent e{i, 1000 * (i + 1), 8 * (i + 1)};
+    memcpy(at, &e, sizeof(e));
+  } else {
+    VerboseExtent e{65536 * i, 1048576 * (i + 1), 65536, static_cast<FSULONG>(i), 1};
+    memcpy(at, &e, sizeof(e));
+  }
+}
+
 void WriteMap(const Conf& conf, FS64LONG start, FS64LONG length, uint8_t* out, size_t room) {
-  constexpr size_t kFixed = 64;
-  if (out == nullptr || room < kFixed) return;
-  long long fileSize = conf.Map("fileSize", 1048576);
-  long long type = conf.Map("extentType", 0);
+  if (out == nullptr || room < FSMAPINFO_FIXED_SIZE) return;
+  FSMapInfo m{};
+  long long type = conf.Map("extentType", FS_EXTENT_COMPACT);
   long long nExtents = conf.Map("nExtents", 1);
-  memset(out, 0, kFixed);
-  size_t tail = 0;
+  size_t tail = 0;  // bytes of extents written; a text is not counted
   if (conf.haveMapText) {
-    tail = PutText(out, kFixed, room, conf.mapText);
+    PutText(out, FSMAPINFO_FIXED_SIZE, room, conf.mapText);
   } else if (size_t size = ExtentSize(type); size > 0) {
-    for (long long i = 0; i < nExtents && kFixed + size * (i + 1) <= room; ++i) {
-      uint8_t* e = out + kFixed + size * i;
-      memset(e, 0, size);
-      if (type == 0) {
-        Put<FS64LONG>(e, 0, 1000 * (i + 1));
-        Put<FS64LONG>(e, 8, 8 * (i + 1));
-      } else if (type == 2) {
-        Put<FS64LONG>(e, 0, i);
-        Put<FS64LONG>(e, 8, 1000 * (i + 1));
-        Put<FS64LONG>(e, 16, 8 * (i + 1));
-      } else {
-        Put<FS64LONG>(e, 0, 65536 * i);
-        Put<FS64LONG>(e, 8, 1048576 * (i + 1));
-        Put<FS64LONG>(e, 16, 65536);
-        Put<FSULONG>(e, 24, static_cast<FSULONG>(i));
-        Put<FSULONG>(e, 28, 1);
-      }
+    for (long long i = 0; i < nExtents && FSMAPINFO_FIXED_SIZE + size * (i + 1) <= room; ++i) {
+      WriteExtent(type, i, out + FSMAPINFO_FIXED_SIZE + size * i);
       tail += size;
     }
   }
-  Put<FS64LONG>(out, 0, fileSize);
-  Put<FS64LONG>(out, 8, conf.Map("allocation", 1048576));
-  Put<FSLONG>(out, 16, static_cast<FSLONG>(conf.Map("msgLen", static_cast<long long>(kFixed + tail))));
-  Put<FSLONG>(out, 20, static_cast<FSLONG>(conf.Map("vendorStatus", 0)));
-  Put<FSLONG>(out, 24, static_cast<FSLONG>(nExtents));
-  Put<FSULONG>(out, 28, static_cast<FSULONG>(type));
-  Put<FS64LONG>(out, 32, conf.Map("fileOffset", start));
-  Put<FS64LONG>(out, 40, conf.Map("fileBytes", length >= 0 ? length : fileSize - start));
+  m.fileSize = conf.Map("fileSize", 1048576);
+  m.allocation = conf.Map("allocation", 1048576);
+  m.msgLen = static_cast<FSLONG>(conf.Map("msgLen", static_cast<long long>(FSMAPINFO_FIXED_SIZE + tail)));
+  m.vendorStatus = static_cast<FSLONG>(conf.Map("vendorStatus", 0));
+  m.nExtents = static_cast<FSLONG>(nExtents);
+  m.extentType = static_cast<FSULONG>(type);
+  m.fileOffset = conf.Map("fileOffset", start);
+  m.fileBytes = conf.Map("fileBytes", length >= 0 ? length : m.fileSize - start);
+  memcpy(out, &m, sizeof(m));
 }
 
 }  // namespace
