@@ -9,6 +9,11 @@
 extern "C" {
 #endif
 
+struct DgramAddress;
+
+// Bound of the tracker (0 disables it); set by the daemon's command line.
+extern int g_MaxDuplicateMessages;
+
 // A handler gets the request (header converted, body not yet) and the
 // sender's 16-byte comm cookie, and returns a reply from the tracking
 // allocator (its header's length is the number of bytes to send) or null.
@@ -28,7 +33,7 @@ typedef struct LanServerInfo {
   void* trackerLock;     // guards the list and numReplies
   FSULONG numReplies;    // entries holding a stored reply
   MessageHandler handlers[LAN_MAX_FUNCTION_CODES];
-  int (*addressCompare)(const void* a, const void* b);
+  int (*addressCompare)(const struct DgramAddress* a, const struct DgramAddress* b);
 } LanServerInfo;
 
 extern int g_TrackMessages;

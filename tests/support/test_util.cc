@@ -8,7 +8,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "utils/log.h"
 
 namespace kestrix::test {
 
@@ -52,22 +51,5 @@ int CountOf(const std::string& haystack, const std::string& needle) {
     ++n;
   return n;
 }
-
-LogCapture::LogCapture(int level) : path_(dir_.File("log.txt")), level_(level) {
-  OSL_SetLog(&level_, path_.c_str(), "kestrixd");
-}
-
-LogCapture::~LogCapture() {
-  static int default_level = 2;
-  OSL_SetLog(&default_level, "SCREEN", "kestrixd");
-}
-
-std::string LogCapture::Text() const { return ReadFile(path_); }
-
-bool LogCapture::Contains(const std::string& needle) const {
-  return Text().find(needle) != std::string::npos;
-}
-
-void LogCapture::Clear() { unlink(path_.c_str()); }
 
 }  // namespace kestrix::test

@@ -1,0 +1,69 @@
+// The metadata service provider: start-up, the library table, the volume
+// dispatcher list, reply buffers and the request path helpers. The lease
+// list lives in sp/lease.h; the handlers in sp/handlers.h.
+#ifndef KESTRIX_SP_FSMDCSP_H_
+#define KESTRIX_SP_FSMDCSP_H_
+
+#include "fslibrary.h"
+#include "fstypes.h"
+#include "lanheader.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+  FSMDCSP_MAX_LIBS = 32,
+  FSMDCSP_RESULT_LIB_REFUSED = 408,
+};
+
+// Accepted libraries in load order; slots libCount..31 are null.
+extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
+extern FSLONG libCount;
+
+// Which library claimed which volume cookie.
+typedef struct VolumeDispatcher {
+  struct VolumeDispatcher* next;
+  struct VolumeDispatcher* prev;
+  uint8_t volumeCookie[FS_COOKIE_SIZE];
+  FsLibrary* library;
+} VolumeDispatcher;
+
+extern VolumeDispatcher dispatchListHeadGlb;
+extern void* dispatchListLock;
+
+int FSMDCSP_Init(void);
+int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library);
+FsLibrary* GetLibrary(const uint8_t* volumeCookie);
+int CompareVolCookies(const uint8_t* a, const uint8_t* b);
+// A zero-filled reply of size bytes opened by a copy of the request header,
+// with the library's version as revision when a library is given; or null.
+LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* library);
+
+// Request path helpers (sp/path_helpers.cc).
+FSULONG maxDgramSize(void);
+FSUNI* GetNextString(FSUNI* area, FSULONG capacityBytes);
+FSUNI* ConcatFilenameToPath(const FSUNI* name, const FSUNI* mountPoint, FSUNI separator,
+                            FSUNI* out, FSULONG capacityBytes);
+FSUNI* ConcatFilenameToPathOld(const FSUNI* name, const FSUNI* mountPoint, FSUNI* out,
+                               FSULONG capacityBytes);
+void printFSUNI(const FSUNI* text);
+void printFSUNIBytes(const FSUNI* text);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+namespace kestrix {
+// Bounds applied to a MAXDGRAM value: room for the largest fixed reply part
+// plus useful map room, and no more than one UDP datagram can carry.
+inline constexpr FSULONG kDefaultMaxDgram = 65536;
+inline constexpr FSULONG kMinMaxDgram = 1024;
+inline constexpr FSULONG kMaxUdpPayload = 65507;
+// The size a MAXDGRAM text asks for, after the bounds (logs what was used).
+FSULONG MaxDgramFromText(const char* text);
+// Creates the dispatcher lock and empties the dispatcher list.
+void InitDispatchList();
+}  // namespace kestrix
+#endif
+
+#endif  // KESTRIX_SP_FSMDCSP_H_

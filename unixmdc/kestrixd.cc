@@ -1,0 +1,147 @@
+// Daemon entry: reads the command line into the process-wide settings,
+// starts the log, forks into the background, wires the LAN server, the
+// service provider and the UDP listener together in a fixed order, and
+// bridges every received datagram to the LAN server and its reply back.
+#include "unixmdc/kestrixd.h"
+
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "unixmdc/config.h"
+#include "utils/ksxmem.h"
+#include "utils/log.h"
+#include "utils/osl.h"
+
+extern "C" {
+
+int g_ListenerThreads = 10;
+int g_LocalLogLevel = 2;
+char g_LocalLogName[KESTRIXD_LOG_NAME_SIZE] = "";
+int g_use_dgramServer_MessageHandler_sem = 1;
+int g_MaxDuplicateMessages = 100;
+void* g_kestrixdsem = nullptr;
+LanServerInfo* info = nullptr;
+
+void Usage(const char* programName) {
+  fprintf(stderr,
+          "Usage: %s [-d] [-l(value)] [-t(value)]\n"
+          "-d:noFork (For use with the debugger)\n"
+          "-l:loglevel (0-11 defauilt 2)\n"
+          "-m:Set the maximum duplicate messages handled. Set to 0 to disable tracker. "
+          "(default 100)\n"
+          "-s:Use a semaphore around message handler (1 or 0  default 1)\n"
+          "-t:listener threads(1-99 default=10)\n",
+          programName);
+}
+
+void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, void* server) {
+  uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
+  memset(commCookie, 0, sizeof commCookie);
+  memcpy(commCookie, &sender->address.sin_addr.s_addr, 4);
+
+  if (g_use_dgramServer_MessageHandler_sem == 1) OSL_SemDown(g_kestrixdsem);
+  LanHeader* reply =
+      LAN_ProcessMessage(data, length, static_cast<LanServerInfo*>(server), commCookie);
+  if (reply != nullptr) {
+    DGRAM_SendReply(sender, reply, static_cast<int>(reply->length));
+    ksxmem_free(reply);
+  }
+  if (g_use_dgramServer_MessageHandler_sem == 1) OSL_SemUp(g_kestrixdsem);
+}
+
+void DgramServer(uint16_t port) {
+  LAN_InitServer(&info);
+  info->addressCompare = DGRAM_CompareAddresses;
+  int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
+  if (rc != 0) {
+    OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);
+    exit(1);
+  }
+  OSL_Log(KSX_SP, "kestrixd: setup message handlers.\n");
+}
+
+void startup(void) {
+  OSL_Log(KSX_SP, "kestrixd startup() activated\n");
+  g_kestrixdsem = OSL_SemCreate(1);
+  DgramServer(kestrix::ServicePort());
+  OSL_Log(KSX_PRINT, "kestrixd started. Threads:%d Sem:%s Tracker:%d\n", g_ListenerThreads,
+          g_use_dgramServer_MessageHandler_sem != 0 ? "TRUE" : "FALSE", g_MaxDuplicateMessages);
+  for (;;) sleep(2);
+}
+
+}  // extern "C"
+
+namespace kestrix {
+
+Options ParseOptions(int argc, char** argv) {
+  Options options;
+  g_ListenerThreads = 10;
+  g_LocalLogLevel = 2;
+  g_LocalLogName[0] = '\0';
+  g_use_dgramServer_MessageHandler_sem = 1;
+  g_MaxDuplicateMessages = 100;
+
+  optind = 0;  // a fresh scan, also when called more than once in a process
+  int c;
+  while ((c = getopt(argc, argv, "dl:s:t:m:f:?")) != -1) {
+    switch (c) {
+      case 'd':
+        ++options.foregroundCount;
+        break;
+      case 'l': {
+        int level = atoi(optarg);
+        if (level >= 0 && level <= 11) g_LocalLogLevel = level;
+        break;
+      }
+      case 'm': {
+        int bound = atoi(optarg);
+        g_MaxDuplicateMessages = bound < 0 ? 0 : (bound > 2000 ? 2000 : bound);
+        break;
+      }
+      case 's': {
+        int sem = atoi(optarg);
+        g_use_dgramServer_MessageHandler_sem = (sem == 0 || sem == 1) ? sem : 1;
+        break;
+      }
+      case 't': {
+        int threads = atoi(optarg);
+        if (threads >= 100) g_ListenerThreads = 99;
+        else if (threads >= 1) g_ListenerThreads = threads;
+        break;
+      }
+      case 'f':
+        // A name that does not fit is refused rather than cut to another file.
+        if (strlen(optarg) >= KESTRIXD_LOG_NAME_SIZE) {
+          options.ok = false;
+          return options;
+        }
+        strcpy(g_LocalLogName, optarg);
+        options.logNameGiven = true;
+        break;
+      default:
+        options.ok = false;
+        return options;
+    }
+  }
+  return options;
+}
+
+}  // namespace kestrix
+
+int KestrixdMain(int argc, char** argv) {
+  kestrix::Options options = kestrix::ParseOptions(argc, argv);
+  if (!options.ok) {
+    Usage(argv[0]);
+    exit(1);
+  }
+  OSL_SetLog(&g_LocalLogLevel, options.logNameGiven ? g_LocalLogName : nullptr, "kestrixd");
+  OSL_Log(KSX_PRINT, "Kestrix mdc daemon logging started.\n");
+  if (options.foregroundCount == 0) {
+    pid_t pid = fork();
+    if (pid != 0) exit(0);  // the parent, or no child at all
+  }
+  startup();
+}

@@ -1,0 +1,50 @@
+// The daemon core: command line, start-up order, and the bridge from a
+// received datagram to the LAN server and back.
+#ifndef KESTRIX_UNIXMDC_KESTRIXD_H_
+#define KESTRIX_UNIXMDC_KESTRIXD_H_
+
+#include <stdint.h>
+
+#include "utils/dgram.h"
+#include "utils/lanserver.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum { KESTRIXD_LOG_NAME_SIZE = 100 };
+
+extern int g_ListenerThreads;
+extern int g_LocalLogLevel;
+extern char g_LocalLogName[KESTRIXD_LOG_NAME_SIZE];
+extern int g_use_dgramServer_MessageHandler_sem;
+extern void* g_kestrixdsem;
+extern LanServerInfo* info;
+
+void Usage(const char* programName);
+void startup(void) __attribute__((noreturn));
+void DgramServer(uint16_t port);
+void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, void* server);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+namespace kestrix {
+
+// Outcome of reading the command line.
+struct Options {
+  bool ok = true;         // false: print the usage text and exit 1
+  int foregroundCount = 0;
+  bool logNameGiven = false;
+};
+
+// Sets the defaults, then reads the options into the process-wide settings.
+Options ParseOptions(int argc, char** argv);
+
+}  // namespace kestrix
+
+// Whole program: options, log, fork, start-up. Returns only on a usage error.
+int KestrixdMain(int argc, char** argv);
+#endif
+
+#endif  // KESTRIX_UNIXMDC_KESTRIXD_H_

@@ -1,0 +1,97 @@
+// Datagram transport: binds the UDP socket on all local IPv4 addresses,
+// runs the listener threads that hand each datagram to the callback, and
+// sends replies from the bound socket to the sender's address and port.
+#include "utils/dgram.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "utils/ksxmem.h"
+#include "utils/log.h"
+#include "utils/osl.h"
+
+extern "C" {
+
+int DGRAM_Init(void) { return 0; }
+
+void dumpData(const void* /*data*/, int /*length*/) {}
+
+void CloseSocket(int descriptor) { close(descriptor); }
+
+int makeListenerSocket(uint16_t port, int* socketOut) {
+  OSL_Log(KSX_SP, "creating a socket on port %d\n", port);
+  *socketOut = socket(AF_INET, SOCK_DGRAM, 0);
+  if (*socketOut < 0) return DGRAM_NO_SOCKET;
+  sockaddr_in address;
+  std::memset(&address, 0, sizeof address);
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (bind(*socketOut, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    CloseSocket(*socketOut);
+    return DGRAM_BIND_FAILED;
+  }
+  return DGRAM_OK;
+}
+
+int DGRAM_BindListener(uint16_t port, DgramHandler handler, void* serverArg, int threads) {
+  auto* listener = static_cast<ListenerInfo*>(ksxmem_memalign(-8, sizeof(ListenerInfo), "blll"));
+  if (listener == nullptr) return DGRAM_NO_SOCKET;
+  int rc = makeListenerSocket(port, &listener->socket);
+  if (rc != DGRAM_OK) return rc;
+  listener->handler = handler;
+  listener->port = port;
+  listener->serverArg = serverArg;
+  for (int i = 0; i < threads; ++i) OSL_CreateThread(PrimaryListener, listener);
+  return DGRAM_OK;
+}
+
+void* PrimaryListener(void* listenerInfo) {
+  auto* listener = static_cast<ListenerInfo*>(listenerInfo);
+  auto* buffer = static_cast<uint8_t*>(ksxmem_memalign(
+      -8, DGRAM_RECEIVE_BUFFER_SIZE + kestrix::kDgramGuardBytes, "plim"));
+  if (buffer == nullptr) return reinterpret_cast<void*>(static_cast<intptr_t>(DGRAM_NO_BUFFER));
+
+  int dirty = 0;  // bytes from the start that may hold data of earlier datagrams
+  for (;;) {
+    sockaddr_in from;
+    socklen_t fromLength = sizeof from;
+    ssize_t received = recvfrom(listener->socket, buffer, DGRAM_RECEIVE_BUFFER_SIZE, 0,
+                                reinterpret_cast<sockaddr*>(&from), &fromLength);
+    if (received <= 0) {
+      OSL_Log(KSX_SP, "DGRAM: failed recvfrom:%d\n", static_cast<int>(received));
+      continue;
+    }
+    int size = static_cast<int>(received);
+    if (size < dirty) std::memset(buffer + size, 0, dirty - size);
+    dirty = std::max(size, kestrix::kDgramScrubBytes);
+    if (listener->handler == nullptr) continue;
+
+    DgramAddress sender;
+    sender.socket = listener->socket;
+    sender.address = from;
+    OSL_Log(KSX_SP, "DGRAM: Server received message. size %d\n", size);
+    OSL_Log(KSX_SP, "LANSERVER: received data\n");
+    dumpData(buffer, size);
+    listener->handler(buffer, size, &sender, listener->serverArg);
+  }
+}
+
+int DGRAM_SendReply(DgramAddress* sender, const void* data, int length) {
+  OSL_Log(KSX_SP, "DGRAM_sendReply sending %d bytes\n", length);
+  dumpData(data, length);
+  ssize_t sent = sendto(sender->socket, data, static_cast<size_t>(length), 0,
+                        reinterpret_cast<const sockaddr*>(&sender->address),
+                        sizeof sender->address);
+  return sent == length ? DGRAM_OK : DGRAM_SEND_SHORT;
+}
+
+int DGRAM_CompareAddresses(const DgramAddress* a, const DgramAddress* b) {
+  return a->address.sin_addr.s_addr == b->address.sin_addr.s_addr ? 0 : 1;
+}
+
+}  // extern "C"

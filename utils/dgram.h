@@ -1,0 +1,63 @@
+// Datagram transport: the daemon's one UDP socket, its listener threads,
+// and the sending of replies back to each request's sender.
+#ifndef KESTRIX_UTILS_DGRAM_H_
+#define KESTRIX_UTILS_DGRAM_H_
+
+#include <netinet/in.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// The sender of one datagram, valid during the callback only.
+typedef struct DgramAddress {
+  int socket;                  // the socket it came in on; replies leave from it
+  struct sockaddr_in address;  // family, port and IPv4 address, network order
+} DgramAddress;
+
+typedef void (*DgramHandler)(void* data, int length, DgramAddress* sender, void* serverArg);
+
+// One per process, shared by all listener threads.
+typedef struct ListenerInfo {
+  uint16_t port;
+  int socket;
+  DgramHandler handler;
+  void* serverArg;
+} ListenerInfo;
+
+enum {
+  DGRAM_OK = 0,
+  DGRAM_NO_SOCKET = 1100,
+  DGRAM_BIND_FAILED = 1104,
+  DGRAM_SEND_SHORT = 1105,
+  DGRAM_NO_BUFFER = 408,
+  DGRAM_RECEIVE_BUFFER_SIZE = 65536,
+};
+
+int DGRAM_Init(void);
+int DGRAM_BindListener(uint16_t port, DgramHandler handler, void* serverArg, int threads);
+int makeListenerSocket(uint16_t port, int* socketOut);
+// Body of every listener thread; returns only when its buffer cannot be had.
+void* PrimaryListener(void* listenerInfo);
+int DGRAM_SendReply(DgramAddress* sender, const void* data, int length);
+int DGRAM_CompareAddresses(const DgramAddress* a, const DgramAddress* b);
+void CloseSocket(int descriptor);
+void dumpData(const void* data, int length);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+namespace kestrix {
+// Every request body is shorter than this; handlers write into the receive
+// buffer only inside it. After a datagram the listener zeroes the bytes from
+// the received length up to the larger of this and the previous length, so a
+// short datagram never reads what an earlier one left behind.
+inline constexpr int kDgramScrubBytes = 4096;
+// Zero bytes kept past the receive capacity, so that a scan for a text's
+// terminator always ends inside the buffer.
+inline constexpr int kDgramGuardBytes = 8;
+}  // namespace kestrix
+#endif
+
+#endif  // KESTRIX_UTILS_DGRAM_H_
