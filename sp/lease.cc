@@ -1,0 +1,252 @@
+// The lease list: making, finding, renewing, removing and dumping leases.
+//
+// Every operation of the first group takes leaseListLock for its whole
+// search; a removal calls the library's FS_UnlockMap only after releasing
+// it, and only when no other lease still holds the same file.
+#include "sp/lease.h"
+
+#include <string.h>
+
+#include "utils/ksxmem.h"
+#include "utils/lanserver.h"
+#include "utils/log.h"
+#include "utils/osl.h"
+#include "utils/utils.h"
+
+extern "C" {
+
+LeaseEntry leaseListHeadGlb = {&leaseListHeadGlb, &leaseListHeadGlb, nullptr, {}, {}, {}, {},
+                               0, 0, 0, 0};
+void* leaseListLock = nullptr;
+FSULONG globalKey = 0;
+
+}  // extern "C"
+
+namespace {
+
+// Set while a thread is inside AddLeaseToList's critical section; seeing it
+// set on entry means the lock did not exclude another thread.
+bool addInCriticalSection = false;
+
+// Text for a 32-byte cookie rendered by bytesToString.
+constexpr int kCookieTextSize = 3 * FS_COOKIE_SIZE + 1;
+constexpr int kFileNameBytes = 1024;
+constexpr int kDumpBufferBytes = 1024;
+
+void InsertAfterSentinel(LeaseEntry* lease) {
+  lease->next = leaseListHeadGlb.next;
+  lease->prev = &leaseListHeadGlb;
+  leaseListHeadGlb.next->prev = lease;
+  leaseListHeadGlb.next = lease;
+}
+
+void Unlink(LeaseEntry* lease) {
+  lease->prev->next = lease->next;
+  lease->next->prev = lease->prev;
+}
+
+}  // namespace
+
+namespace kestrix {
+
+void InitLeaseList() {
+  leaseListLock = OSL_SemCreate(1);
+  leaseListHeadGlb.next = &leaseListHeadGlb;
+  leaseListHeadGlb.prev = &leaseListHeadGlb;
+}
+
+}  // namespace kestrix
+
+extern "C" {
+
+int CompareFileCookies(const uint8_t* a, const uint8_t* b) {
+  return memcmp(a, b, FS_COOKIE_SIZE);
+}
+
+LeaseEntry* GetLeasePointer(FSULONG key) {
+  for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
+    if (e->key == key) return e;
+  }
+  return nullptr;
+}
+
+int MoreCookiesInList(const uint8_t* fileCookie) {
+  for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
+    if (CompareFileCookies(e->fileCookie, fileCookie) == 0) {
+      OSL_Log(KSX_DEBUG1, "MoreCookiesInList\n");
+      DumpKey(e);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
+                       const uint8_t* messageCookie, const uint8_t* commCookie,
+                       LeaseEntry** found) {
+  // The volume cookie is not compared: the file, the request and the sender
+  // name the lease.
+  for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
+    if (CompareFileCookies(e->fileCookie, fileCookie) == 0 &&
+        LAN_CompareMessageCookies(e->messageCookie, messageCookie) == 0 &&
+        LAN_CompareCommCookies(e->commCookie, commCookie) == 0) {
+      OSL_Log(KSX_DEBUG1, "MoreCookiesInList2\n");
+      DumpKey(e);
+      *found = e;
+      return 1;
+    }
+  }
+  *found = nullptr;
+  return 0;
+}
+
+void DumpKey(const LeaseEntry* lease) {
+  char text[kCookieTextSize];
+  OSL_Log(KSX_DEBUG1, "Key Data for 0x%x\n", lease->key);
+  OSL_Log(KSX_DEBUG1, "  intention: %d\n", static_cast<int>(lease->intention));
+  OSL_Log(KSX_DEBUG1, "  creation time: %u,  duration %u\n", lease->creationTime,
+          lease->duration);
+  OSL_Log(KSX_DEBUG1, "  volcookie:%s\n",
+          bytesToString(lease->volumeCookie, FS_COOKIE_SIZE, text));
+  OSL_Log(KSX_DEBUG1, "  filecookie:%s\n",
+          bytesToString(lease->fileCookie, FS_COOKIE_SIZE, text));
+  OSL_Log(KSX_DEBUG1, "  commcookie:%s\n",
+          bytesToString(lease->commCookie, LAN_COMMCOOKIE_SIZE, text));
+  OSL_Log(KSX_DEBUG1, "  msgcookie:%s\n",
+          bytesToString(lease->messageCookie, LAN_MSGID_SIZE, text));
+  OSL_Log(KSX_DEBUG1, "\n");
+}
+
+int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
+                   const uint8_t* messageCookie, const uint8_t* commCookie, FSULONG intention,
+                   FSULONG duration, FSULONG* keyOut, FsLibrary* library,
+                   const FSUNI* fileName) {
+  auto* fresh = static_cast<LeaseEntry*>(ksxmem_memalign(-8, sizeof(LeaseEntry), "sael"));
+  if (fresh == nullptr) {
+    OSL_Log(KSX_ERROR, "Out of memory in AddToLeaseList\n");
+    return -1;
+  }
+  memcpy(fresh->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
+  memcpy(fresh->fileCookie, fileCookie, FS_COOKIE_SIZE);
+  memcpy(fresh->messageCookie, messageCookie, LAN_MSGID_SIZE);
+  memcpy(fresh->commCookie, commCookie, LAN_COMMCOOKIE_SIZE);
+  fresh->library = library;
+
+  kestrix::SemGuard guard(leaseListLock);
+  if (addInCriticalSection) OSL_Log(KSX_ERROR, "Semaphore breakdown in AddLeaseToList\n");
+  addInCriticalSection = true;
+
+  // The same request of the same sender, sent again, renews its own lease.
+  LeaseEntry* lease = nullptr;
+  const bool reused =
+      MoreCookiesInList2(volumeCookie, fileCookie, messageCookie, commCookie, &lease) != 0;
+  if (reused) {
+    OSL_Log(KSX_INFO, "Duplicate lease detected.  Bailing...\n");
+    ksxmem_free(fresh);
+    OSL_Log(KSX_DEBUG1, "Re-using key 0x%x\n", lease->key);
+  } else {
+    lease = fresh;
+    lease->key = globalKey++;
+  }
+
+  lease->intention = intention;
+  *keyOut = lease->key;
+  if (static_cast<FSLONG>(duration) < 0) {
+    OSL_Log(KSX_ERROR, "Lease value is less than zero %d\n", static_cast<FSLONG>(duration));
+  }
+  lease->creationTime = OSL_MSeconds();
+  lease->duration = duration;
+
+  if (reused) {
+    OSL_Log(KSX_DEBUG1, "Modified lease list  key:0x%x\n", lease->key);
+  } else {
+    InsertAfterSentinel(lease);
+    char name[kFileNameBytes] = "";
+    if (fileName != nullptr) fsuni2mb(name, fileName, kFileNameBytes);
+    OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key, name);
+  }
+
+  addInCriticalSection = false;
+  return 0;
+}
+
+int GetLeaseCopy(FSULONG key, LeaseEntry* copy) {
+  kestrix::SemGuard guard(leaseListLock);
+  const LeaseEntry* lease = GetLeasePointer(key);
+  if (lease == nullptr) return LEASE_NOT_FOUND_COPY;
+  *copy = *lease;
+  return 0;
+}
+
+int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut) {
+  LeaseEntry copy;
+  const int status = GetLeaseCopy(key, &copy);
+  if (status != 0) return status;
+  memcpy(volumeCookieOut, copy.volumeCookie, FS_COOKIE_SIZE);
+  memcpy(fileCookieOut, copy.fileCookie, FS_COOKIE_SIZE);
+  return 0;
+}
+
+int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut,
+                        FsLibrary* library, const char* callerName) {
+  bool unlock = false;
+  {
+    kestrix::SemGuard guard(leaseListLock);
+    LeaseEntry* lease = GetLeasePointer(key);
+    if (lease == nullptr) return LEASE_NOT_FOUND_REMOVE;
+
+    memcpy(volumeCookieOut, lease->volumeCookie, FS_COOKIE_SIZE);
+    memcpy(fileCookieOut, lease->fileCookie, FS_COOKIE_SIZE);
+    OSL_Log(KSX_DEBUG1, "RemoveLeaseFromList (%s) 0x%x\n", callerName, key);
+    Unlink(lease);
+
+    if (MoreCookiesInList(lease->fileCookie)) {
+      // Another lease still holds the file: its map stays locked.
+      OSL_Log(KSX_DEBUG1, "Skipping unlock,dup key detect (below)\n");
+      DumpKey(lease);
+    } else {
+      unlock = true;
+    }
+    ksxmem_free(lease);
+  }
+
+  // The caller's library, outside the lock; the result does not matter here.
+  if (unlock && library != nullptr && library->FS_UnlockMap != nullptr) {
+    library->FS_UnlockMap(volumeCookieOut, fileCookieOut);
+  }
+  return 0;
+}
+
+int ChangeLeaseEntry(FSULONG key, FSLONG duration) {
+  kestrix::SemGuard guard(leaseListLock);
+  LeaseEntry* lease = GetLeasePointer(key);
+  if (lease == nullptr) return -1;
+  lease->creationTime = OSL_MSeconds();
+  lease->duration = static_cast<FSULONG>(duration);
+  return 0;
+}
+
+void FSMDCSP_DumpKeyList(void) {
+  auto* text = static_cast<char*>(ksxmem_memalign(-8, kDumpBufferBytes, "dklt"));
+  if (text == nullptr) return;
+  {
+    kestrix::SemGuard guard(leaseListLock);
+    if (leaseListHeadGlb.next == &leaseListHeadGlb) {
+      OSL_Log(KSX_SP, "Key list is empty\n");
+    } else {
+      OSL_Log(KSX_DEBUG1, "Key List Start\n");
+      for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
+        OSL_Log(KSX_DEBUG1, "  key: 0x%x\n", e->key);
+        OSL_Log(KSX_DEBUG1, "  volcookie:%s\n",
+                bytesToString(e->volumeCookie, FS_COOKIE_SIZE, text));
+        OSL_Log(KSX_DEBUG1, "  filecookie:%s\n",
+                bytesToString(e->fileCookie, FS_COOKIE_SIZE, text));
+        OSL_Log(KSX_DEBUG1, "\n");
+      }
+      OSL_Log(KSX_DEBUG1, "Key List End\n");
+    }
+  }
+  ksxmem_free(text);
+}
+
+}  // extern "C"

@@ -1,0 +1,87 @@
+// The lease list: which client holds which file of which volume, through
+// which filesystem library, for how long; and the lease durations and expiry.
+//
+// Leases live on a circular doubly linked list through the sentinel
+// leaseListHeadGlb, newest first. leaseListLock guards the list, every lease
+// in it and globalKey. The first group of operations takes the lock itself;
+// the second group is for callers that already hold it.
+#ifndef KESTRIX_SP_LEASE_H_
+#define KESTRIX_SP_LEASE_H_
+
+#include "fslibrary.h"
+#include "fstypes.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct LeaseEntry {
+  struct LeaseEntry* next;
+  struct LeaseEntry* prev;
+  FsLibrary* library;  // the library that served the file
+  uint8_t volumeCookie[FS_COOKIE_SIZE];
+  uint8_t fileCookie[FS_COOKIE_SIZE];
+  uint8_t messageCookie[LAN_MSGID_SIZE];  // messageID of the request that made it
+  uint8_t commCookie[LAN_COMMCOOKIE_SIZE];  // sender of that request
+  FSULONG key;
+  FSULONG intention;     // 1 for read, anything else for write
+  FSULONG duration;      // milliseconds
+  FSULONG creationTime;  // OSL_MSeconds when made or last renewed
+} LeaseEntry;
+
+// Status codes of the list operations.
+enum {
+  LEASE_NOT_FOUND_COPY = 407,
+  LEASE_NOT_FOUND_REMOVE = 408,
+};
+
+extern LeaseEntry leaseListHeadGlb;
+extern void* leaseListLock;
+extern FSULONG globalKey;  // the next key to hand out; wraps to 0
+
+// Take leaseListLock themselves.
+int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
+                   const uint8_t* messageCookie, const uint8_t* commCookie, FSULONG intention,
+                   FSULONG duration, FSULONG* keyOut, FsLibrary* library,
+                   const FSUNI* fileName);
+int GetLeaseCopy(FSULONG key, LeaseEntry* copy);
+int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut);
+int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut,
+                        FsLibrary* library, const char* callerName);
+int ChangeLeaseEntry(FSULONG key, FSLONG duration);
+void FSMDCSP_DumpKeyList(void);
+
+// For callers that hold leaseListLock.
+LeaseEntry* GetLeasePointer(FSULONG key);
+int MoreCookiesInList(const uint8_t* fileCookie);
+int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
+                       const uint8_t* messageCookie, const uint8_t* commCookie,
+                       LeaseEntry** found);
+void DumpKey(const LeaseEntry* lease);
+int CompareFileCookies(const uint8_t* a, const uint8_t* b);
+
+// Durations and expiry (sp/lease_expiry.cc). Leases are in milliseconds,
+// library maxima in seconds.
+extern const FSLONG defaultReadLease;   // 5000
+extern const FSLONG defaultWriteLease;  // 3600000
+FSLONG CalcLease(FSLONG requested, FSULONG intention, FsLibrary* library,
+                 const uint8_t* volumeCookie);
+int PurgeLeaseList(void);
+void* PurgeLeaseThread(void* ignored);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+namespace kestrix {
+
+// A lease lives until duration + kLeaseGraceMs have passed since creationTime.
+inline constexpr FSULONG kLeaseGraceMs = 30000;
+inline constexpr int32_t kPurgePeriodMs = 5000;
+
+// Creates leaseListLock and empties the lease list; called once at start-up.
+void InitLeaseList();
+
+}  // namespace kestrix
+#endif
+
+#endif  // KESTRIX_SP_LEASE_H_

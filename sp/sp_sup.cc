@@ -1,0 +1,349 @@
+// sp_sup: byte-order converters and log dumps of the service request and
+// reply bodies, the dump dispatcher, and the reply length rules.
+//
+// Bounds we keep ourselves:
+// - Reply dumps walk a disk or extent table, or a text, only as far as the
+//   reply header's length (the handlers keep it within the buffer), so a
+//   library that wrote a huge nDisks or nExtents cannot make the dump read
+//   past the reply. Reply converters do the same whenever the header length
+//   is at least 48 (the header is converted before the body).
+// - Request dumps read the path and name areas only within their 2048 bytes.
+// - Reply lengths count text units only inside the buffer and never exceed it.
+#include "sp/sp_sup.h"
+
+#include <algorithm>
+
+#include "sp/fsmdc_sup.h"
+#include "utils/lan_sup.h"
+#include "utils/log.h"
+#include "utils/utils.h"
+
+namespace kestrix {
+namespace {
+
+constexpr int kNameLineMax = 256;  // characters of one GetInitialMap name line
+
+bool NeedsConversion(const LanHeader* header) {
+  return header->byteOrder != LAN_BYTEORDER_MARK;
+}
+
+// Bytes of the reply, from the embedded structure at `offset`, that the
+// reply's own length covers. Dumps always use it.
+uint64_t LimitFromLength(FSULONG length, uint64_t offset) {
+  return length > offset ? length - offset : 0;
+}
+
+// The converters trust a header length of at least 48; below that they walk
+// the tables as far as the counts say.
+uint64_t ConversionLimit(const LanHeader* header, uint64_t offset) {
+  if (header->length < LAN_HEADER_SIZE) return kNoByteLimit;
+  return LimitFromLength(header->length, offset);
+}
+
+void LogInt(const char* label, int value) { OSL_Log(KSX_SP, "%s %d\n", label, value); }
+void LogHex(const char* label, FSULONG value) { OSL_Log(KSX_SP, "%s %x\n", label, value); }
+void LogLong(const char* label, FS64LONG value) {
+  OSL_Log(KSX_SP, "%s %lld\n", label, static_cast<long long>(value));
+}
+void LogCookie(const char* label, const uint8_t* cookie) {
+  char text[3 * FS_COOKIE_SIZE + 1];
+  OSL_Log(KSX_SP, "%s %s\n", label, bytesToString(cookie, FS_COOKIE_SIZE, text));
+}
+
+void Title(const char* title, const LanHeader* header) {
+  OSL_Log(KSX_SP, "%s", title);
+  LANSUP_DumpLanHeader(header);
+}
+
+// One name line of a GetInitialMap request: the non-zero bytes from *pos on,
+// until two zero bytes in a row, 256 characters, or the end of the area.
+// *pos is left just after the last byte looked at.
+void NarrowNameLine(const uint8_t* area, size_t areaBytes, size_t* pos,
+                    char (&out)[kNameLineMax + 1]) {
+  int zeros = 0;
+  int used = 0;
+  while (*pos < areaBytes && zeros < 2 && used < kNameLineMax) {
+    const uint8_t byte = area[(*pos)++];
+    if (byte != 0) {
+      out[used++] = static_cast<char>(byte);
+      zeros = 0;
+    } else {
+      ++zeros;
+    }
+  }
+  out[used] = '\0';
+}
+
+// Units of the text at textOffset that lie inside a buffer of bufferSize.
+uint64_t TextUnitsWithin(const void* reply, FSULONG textOffset, FSULONG bufferSize) {
+  if (bufferSize <= textOffset) return 0;
+  const FSUNI* text = reinterpret_cast<const FSUNI*>(static_cast<const uint8_t*>(reply) +
+                                                     textOffset);
+  return fsuninlength(text, (bufferSize - textOffset) / 2);
+}
+
+// 160 + msgLen + 2 * (n + 1) in 64 bits.
+int64_t MapReplyLength(const void* reply, FSLONG msgLen, FSULONG textOffset,
+                       FSULONG bufferSize) {
+  const uint64_t units = TextUnitsWithin(reply, textOffset, bufferSize);
+  return SP_MAP_REPLY_LENGTH_BASE + static_cast<int64_t>(msgLen) +
+         2 * (static_cast<int64_t>(units) + 1);
+}
+
+// Never above the buffer; never below the reply's fixed part (a negative
+// msgLen), unless the buffer itself is smaller.
+FSULONG Clamp(int64_t length, uint64_t fixedPart, FSULONG bufferSize) {
+  const int64_t floor = static_cast<int64_t>(std::min<uint64_t>(fixedPart, bufferSize));
+  return static_cast<FSULONG>(std::clamp<int64_t>(length, floor, bufferSize));
+}
+
+}  // namespace
+
+FSULONG GetVolumeReplyLength(const GetVolumeReply* reply, FSULONG bufferSize) {
+  const FSULONG disks = reply->volInfo.nDisks;
+  uint64_t length;
+  if (disks != 0) {
+    // 272 + 80 * (nDisks - 1): the disk table starts at byte 192.
+    length = SP_GETVOLUME_TEXT_OFFSET + static_cast<uint64_t>(FSDISK_SIZE) * disks;
+  } else {
+    length = SP_GETVOLUME_REPLY_SIZE +
+             2 * (TextUnitsWithin(reply, SP_GETVOLUME_TEXT_OFFSET, bufferSize) + 1);
+  }
+  return static_cast<FSULONG>(std::min<uint64_t>(length, bufferSize));
+}
+
+FSULONG GetInitialMapReplyLength(const GetInitialMapReply* reply, FSULONG bufferSize) {
+  return Clamp(MapReplyLength(reply, reply->map.msgLen, SP_GETINITIALMAP_TEXT_OFFSET, bufferSize),
+               sizeof(GetInitialMapReply), bufferSize);
+}
+
+int64_t GetExtendedMapReplyWantedLength(const GetExtendedMapReply* reply, FSULONG bufferSize) {
+  return MapReplyLength(reply, reply->map.msgLen, SP_GETEXTENDEDMAP_TEXT_OFFSET, bufferSize);
+}
+
+FSULONG GetExtendedMapReplyLength(const GetExtendedMapReply* reply, FSULONG bufferSize) {
+  return Clamp(GetExtendedMapReplyWantedLength(reply, bufferSize), sizeof(GetExtendedMapReply),
+               bufferSize);
+}
+
+}  // namespace kestrix
+
+using kestrix::ConversionLimit;
+using kestrix::LimitFromLength;
+using kestrix::LogCookie;
+using kestrix::LogHex;
+using kestrix::LogInt;
+using kestrix::LogLong;
+using kestrix::NeedsConversion;
+using kestrix::Title;
+
+extern "C" {
+
+// ---- request converters ----
+
+void SPSUP_TransLanGetVolume(GetVolumeMsg* msg) {
+  if (!NeedsConversion(&msg->header)) return;
+  endianizeFsUniArray(msg->path, sizeof(msg->path));
+}
+
+void SPSUP_TransLanGetInitialMap(GetInitialMapMsg* msg) {
+  if (!NeedsConversion(&msg->header)) return;
+  doendian(&msg->filesize, 8);
+  doendian(&msg->allocsize, 8);
+  doendian(&msg->lease, 4);
+  doendian(&msg->intention, 4);
+  doendian(&msg->flag, 4);
+  endianizeFsUniArray(msg->names, sizeof(msg->names));
+}
+
+void SPSUP_TransLanGetExtendedMap(GetExtendedMapMsg* msg) {
+  if (!NeedsConversion(&msg->header)) return;
+  doendian(&msg->filesize, 8);
+  doendian(&msg->allocation, 8);
+  doendian(&msg->start, 8);
+  doendian(&msg->length, 8);
+  doendian(&msg->lease, 4);
+  doendian(&msg->key, 4);
+  doendian(&msg->flag, 4);
+}
+
+void SPSUP_TransLanSetSize(SetSizeMsg* msg) {
+  if (!NeedsConversion(&msg->header)) return;
+  doendian(&msg->filesize, 8);
+  doendian(&msg->lease, 4);
+  doendian(&msg->key, 4);
+}
+
+void SPSUP_TransLanClose(CloseMsg* msg) {
+  if (!NeedsConversion(&msg->header)) return;
+  doendian(&msg->filesize, 8);
+  doendian(&msg->key, 4);
+}
+
+// ---- reply converters ----
+
+void SPSUP_TransLanGetVolumeResp(GetVolumeReply* reply) {
+  if (!NeedsConversion(&reply->header)) return;
+  doendian(&reply->result, 4);
+  kestrix::TransVolInfoWithin(&reply->volInfo,
+                              ConversionLimit(&reply->header, SP_GETVOLUME_VOLINFO_OFFSET));
+}
+
+void SPSUP_TransLanGetInitialMapResp(GetInitialMapReply* reply) {
+  if (!NeedsConversion(&reply->header)) return;
+  doendian(&reply->result, 4);
+  doendian(&reply->lease, 4);
+  doendian(&reply->key, 4);
+  kestrix::TransMapInfoWithin(&reply->map,
+                              ConversionLimit(&reply->header, SP_GETINITIALMAP_MAP_OFFSET));
+}
+
+void SPSUP_TransLanGetExtendedMapResp(GetExtendedMapReply* reply) {
+  if (!NeedsConversion(&reply->header)) return;
+  doendian(&reply->result, 4);
+  doendian(&reply->lease, 4);
+  kestrix::TransMapInfoWithin(&reply->map,
+                              ConversionLimit(&reply->header, SP_GETEXTENDEDMAP_MAP_OFFSET));
+}
+
+void SPSUP_TransLanSetSizeResp(SetSizeReply* reply) {
+  if (!NeedsConversion(&reply->header)) return;
+  doendian(&reply->result, 4);
+  doendian(&reply->lease, 4);
+}
+
+void SPSUP_TransLanCloseResp(CloseReply* reply) {
+  if (!NeedsConversion(&reply->header)) return;
+  doendian(&reply->result, 4);
+}
+
+// ---- request dumps ----
+
+void SPSUP_DumpGetVolumeMsg(const GetVolumeMsg* msg) {
+  Title("--- GetVolume Message ---\n", &msg->header);
+  // Same text as fsuni2mb into 1024 bytes, but never past the path area.
+  char path[1024];
+  const FSULONG units = kestrix::fsuninlength(msg->path, SP_PATH_UNITS);
+  utf16array_to_utf8asciz(msg->path, static_cast<int32_t>(units), path, sizeof(path));
+  OSL_Log(KSX_SP, "%s %s\n", "path", path);
+}
+
+void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
+  Title("--- GetInitialMap Message ---\n", &msg->header);
+  const uint8_t* area = reinterpret_cast<const uint8_t*>(msg->names);
+  size_t pos = 0;
+  char line[kestrix::kNameLineMax + 1];
+  kestrix::NarrowNameLine(area, sizeof(msg->names), &pos, line);
+  OSL_Log(KSX_SP, "share: [%s]\n", line);
+  // The file-name walk goes on where the share walk stopped.
+  kestrix::NarrowNameLine(area, sizeof(msg->names), &pos, line);
+  OSL_Log(KSX_SP, "filename:[%s]\n", line);
+  LogInt("lease", static_cast<int>(msg->lease));
+  LogInt("intention", static_cast<int>(msg->intention));
+  LogInt("flag", static_cast<int>(msg->flag));
+  LogLong("filesize", msg->filesize);
+  LogLong("allocsize", msg->allocsize);
+}
+
+void SPSUP_DumpGetExtendedMapMsg(const GetExtendedMapMsg* msg) {
+  Title("--- GetExtendedMap Message ---\n", &msg->header);
+  LogInt("lease", static_cast<int>(msg->lease));
+  LogHex("key", msg->key);
+  LogLong("filesize", msg->filesize);
+  LogLong("allocation", msg->allocation);
+  LogLong("start", msg->start);
+  LogLong("length", msg->length);
+  LogInt("flag", static_cast<int>(msg->flag));
+}
+
+void SPSUP_DumpSetSizeMsg(const SetSizeMsg* msg) {
+  Title("--- SetSize Message ---\n", &msg->header);
+  LogHex("key", msg->key);
+  LogInt("lease", static_cast<int>(msg->lease));
+  LogLong("filesize", msg->filesize);
+}
+
+void SPSUP_DumpCloseMsg(const CloseMsg* msg) {
+  Title("--- Close Message ---\n", &msg->header);
+  LogHex("key", msg->key);
+  LogLong("filesize", msg->filesize);
+}
+
+// ---- reply dumps ----
+
+void SPSUP_DumpGetVolumeReply(const GetVolumeReply* reply, FSULONG size) {
+  Title("--- GetVolume Reply Message ---\n", &reply->header);
+  LogInt("result", reply->result);
+  kestrix::DumpVolInfoWithin(&reply->volInfo,
+                             LimitFromLength(reply->header.length, SP_GETVOLUME_VOLINFO_OFFSET));
+}
+
+void SPSUP_DumpGetInitialMapReply(const GetInitialMapReply* reply, FSULONG size) {
+  Title("--- GetInitalMap Reply Message ---\n", &reply->header);
+  LogInt("result", reply->result);
+  LogInt("lease", static_cast<int>(reply->lease));
+  LogHex("key", reply->key);
+  LogCookie("fileCookie", reply->fileCookie);
+  LogCookie("volumeCookie", reply->volumeCookie);
+  kestrix::DumpFSMapInfoWithin(&reply->map,
+                               LimitFromLength(reply->header.length, SP_GETINITIALMAP_MAP_OFFSET));
+}
+
+void SPSUP_DumpGetExtendedMapReply(const GetExtendedMapReply* reply, FSULONG size) {
+  Title("--- GetExtendedMap Reply Message ---\n", &reply->header);
+  LogInt("result", reply->result);
+  LogInt("lease", static_cast<int>(reply->lease));
+  kestrix::DumpFSMapInfoWithin(
+      &reply->map, LimitFromLength(reply->header.length, SP_GETEXTENDEDMAP_MAP_OFFSET));
+}
+
+void SPSUP_DumpSetSizeReply(const SetSizeReply* reply, FSULONG size) {
+  Title("--- SetSize Reply Message ---\n", &reply->header);
+  LogInt("result", reply->result);
+  LogInt("lease", static_cast<int>(reply->lease));
+}
+
+void SPSUP_DumpCloseReply(const CloseReply* reply, FSULONG size) {
+  Title("--- Close Reply Message ---\n", &reply->header);
+  LogInt("result", reply->result);
+}
+
+void SPSUP_DumpMessage(const LanHeader* msg, FSULONG size) {
+  if (msg == nullptr) return;
+  switch (msg->functionCode) {
+    case -SP_FUNC_CLOSE:
+      SPSUP_DumpCloseReply(reinterpret_cast<const CloseReply*>(msg), size);
+      break;
+    case -SP_FUNC_SETSIZE:
+      SPSUP_DumpSetSizeReply(reinterpret_cast<const SetSizeReply*>(msg), size);
+      break;
+    case -SP_FUNC_GETEXTENDEDMAP:
+      SPSUP_DumpGetExtendedMapReply(reinterpret_cast<const GetExtendedMapReply*>(msg), size);
+      break;
+    case -SP_FUNC_GETINITIALMAP:
+      SPSUP_DumpGetInitialMapReply(reinterpret_cast<const GetInitialMapReply*>(msg), size);
+      break;
+    case -SP_FUNC_GETVOLUME:
+      SPSUP_DumpGetVolumeReply(reinterpret_cast<const GetVolumeReply*>(msg), size);
+      break;
+    case SP_FUNC_GETVOLUME:
+      SPSUP_DumpGetVolumeMsg(reinterpret_cast<const GetVolumeMsg*>(msg));
+      break;
+    case SP_FUNC_GETINITIALMAP:
+      SPSUP_DumpGetInitialMapMsg(reinterpret_cast<const GetInitialMapMsg*>(msg));
+      break;
+    case SP_FUNC_GETEXTENDEDMAP:
+      SPSUP_DumpGetExtendedMapMsg(reinterpret_cast<const GetExtendedMapMsg*>(msg));
+      break;
+    case SP_FUNC_SETSIZE:
+      SPSUP_DumpSetSizeMsg(reinterpret_cast<const SetSizeMsg*>(msg));
+      break;
+    case SP_FUNC_CLOSE:
+      SPSUP_DumpCloseMsg(reinterpret_cast<const CloseMsg*>(msg));
+      break;
+    default:
+      break;
+  }
+}
+
+}  // extern "C"
