@@ -10,6 +10,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "sp/fsmdcsp.h"
+#include "sp/handlers.h"
 #include "unixmdc/config.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
@@ -55,6 +57,8 @@ void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, vo
 void DgramServer(uint16_t port) {
   LAN_InitServer(&info);
   info->addressCompare = DGRAM_CompareAddresses;
+  FSMDCSP_Init();
+  LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
   int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
   if (rc != 0) {
     OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);

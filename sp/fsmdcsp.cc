@@ -1,0 +1,105 @@
+// Service provider start-up and library dispatch: loads and accepts the
+// filesystem libraries, starts the lease purge thread, remembers which
+// library serves which volume, and makes the reply buffers of the handlers.
+#include "sp/fsmdcsp.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "sp/lease.h"
+#include "unixmdc/loadlib.h"
+#include "utils/ksxmem.h"
+#include "utils/log.h"
+#include "utils/osl.h"
+
+extern "C" {
+
+FsLibrary* libs[FSMDCSP_MAX_LIBS] = {};
+FSLONG libCount = 0;
+VolumeDispatcher dispatchListHeadGlb = {};
+void* dispatchListLock = nullptr;
+
+int CompareVolCookies(const uint8_t* a, const uint8_t* b) {
+  return std::memcmp(a, b, FS_COOKIE_SIZE);
+}
+
+int FSMDCSP_Init(void) {
+  maxDgramSize();  // read MAXDGRAM now, before any listener thread runs
+  kestrix::InitDispatchList();
+  kestrix::InitLeaseList();
+
+  int result = 0;
+  for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
+    FsLibrary* library = FSMDCSP_LoadNextLibrary();
+    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d libs[%d]:%x\n", i, libCount,
+            static_cast<unsigned>(reinterpret_cast<uintptr_t>(library)));
+    if (library == nullptr) break;
+    bool refused = library->FS_GetVersion() > FS_MAX_LIBRARY_VERSION || library->FS_Init() != 0;
+    if (refused) {
+      std::free(library);  // the library stays open but is never called again
+      result = FSMDCSP_RESULT_LIB_REFUSED;
+      continue;
+    }
+    libs[libCount++] = library;
+    if (library->FS_SetLog != nullptr) library->FS_SetLog(g_LogLevel, nullptr);
+  }
+  OSL_CreateThread(PurgeLeaseThread, nullptr);
+  return result;
+}
+
+int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
+  kestrix::SemGuard lock(dispatchListLock);
+  for (VolumeDispatcher* d = dispatchListHeadGlb.next; d != &dispatchListHeadGlb; d = d->next) {
+    if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) {
+      d->library = library;  // a later claim replaces an earlier one
+      std::memcpy(d->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
+      return 0;
+    }
+  }
+  auto* entry =
+      static_cast<VolumeDispatcher*>(ksxmem_memalign(-8, sizeof(VolumeDispatcher), "psid"));
+  if (entry == nullptr) return 0;  // the allocator has logged the failure
+  entry->library = library;
+  std::memcpy(entry->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
+  entry->prev = &dispatchListHeadGlb;
+  entry->next = dispatchListHeadGlb.next;
+  dispatchListHeadGlb.next->prev = entry;
+  dispatchListHeadGlb.next = entry;
+  return 0;
+}
+
+FsLibrary* GetLibrary(const uint8_t* volumeCookie) {
+  kestrix::SemGuard lock(dispatchListLock);
+  for (VolumeDispatcher* d = dispatchListHeadGlb.next; d != &dispatchListHeadGlb; d = d->next) {
+    if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) return d->library;
+  }
+  return nullptr;
+}
+
+LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* library) {
+  auto* reply = static_cast<LanHeader*>(ksxmem_memalign(-8, static_cast<int32_t>(size), "hnal"));
+  if (reply == nullptr) {
+    OSL_Log(KSX_ERROR, "SP_InitReply failed to malloc reply of %d bytes\n",
+            static_cast<int>(size));
+    return nullptr;
+  }
+  std::memcpy(reply, request, LAN_HEADER_SIZE);
+  if (library != nullptr) reply->revision = library->FS_GetVersion();
+  reply->length = size;
+  reply->functionCode = -request->functionCode;
+  reply->byteOrder = LAN_BYTEORDER_MARK;
+  reply->result = 0;
+  return reply;
+}
+
+}  // extern "C"
+
+namespace kestrix {
+
+void InitDispatchList() {
+  dispatchListLock = OSL_SemCreate(1);
+  dispatchListHeadGlb.next = &dispatchListHeadGlb;
+  dispatchListHeadGlb.prev = &dispatchListHeadGlb;
+}
+
+}  // namespace kestrix

@@ -1,0 +1,19 @@
+// The request handlers of the service provider, one per function code.
+// Each takes the request (header converted, body not yet) and the sender's
+// comm cookie and returns a reply from the tracking allocator, or null.
+#ifndef KESTRIX_SP_HANDLERS_H_
+#define KESTRIX_SP_HANDLERS_H_
+
+#include "lanheader.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* commCookie);
+
+#ifdef __cplusplus
+}  // extern "C"
+#endif
+
+#endif  // KESTRIX_SP_HANDLERS_H_
