@@ -71,9 +71,9 @@ bool ReadDirectory() {
     char path[LIB_PATH_SIZE];
     int n = snprintf(path, sizeof(path), "%s/%s", dir.c_str(), ent->d_name);
     if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
-      // A cut path would name another file; leave the entry out.
-      OSL_Log(KSX_ERROR, "loadlib: path of %s in %s is too long, skipped\n", ent->d_name,
-              dir.c_str());
+      // A cut path would name another file; leave the entry out. The name
+      // alone is logged, since the whole path would not fit a log line.
+      OSL_Log(KSX_ERROR, "loadlib: path of %s is too long, skipped\n", ent->d_name);
       continue;
     }
     auto* entry = static_cast<LibPathEntry*>(calloc(1, sizeof(LibPathEntry)));

@@ -189,7 +189,8 @@ bool ParseNumber(const std::string& text, long long* out) {
   if (text.empty()) return false;
   char* end = nullptr;
   errno = 0;
-  long long v = strtoll(text.c_str(), &end, 0);
+  bool hex = text.rfind("0x", 0) == 0 || text.rfind("-0x", 0) == 0;
+  long long v = strtoll(text.c_str(), &end, hex ? 16 : 10);
   if (*end != '\0' || errno != 0) return false;
   *out = v;
   return true;
