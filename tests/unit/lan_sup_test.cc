@@ -13,12 +13,6 @@ namespace {
 
 using Raw = std::array<uint8_t, 48>;
 
-Raw Header(const LanHeader& h) {
-  Raw raw;
-  std::memcpy(raw.data(), &h, 48);
-  return raw;
-}
-
 TEST(LanSupTest, MarkerOneLeavesTheHeaderByteForByte) {
   Raw raw;
   for (size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<uint8_t>(i * 7 + 3);
