@@ -2,6 +2,7 @@
 // filesystem libraries, starts the lease purge thread, remembers which
 // library serves which volume, and makes the reply buffers of the handlers.
 #include "sp/fsmdcsp.h"
+#include "utils/dlist.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -61,10 +62,7 @@ int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
   if (entry == nullptr) return 0;  // the allocator has logged the failure
   entry->library = library;
   std::memcpy(entry->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
-  entry->prev = &dispatchListHeadGlb;
-  entry->next = dispatchListHeadGlb.next;
-  dispatchListHeadGlb.next->prev = entry;
-  dispatchListHeadGlb.next = entry;
+  kestrix::dlist::InsertFront(&dispatchListHeadGlb, entry);
   return 0;
 }
 
@@ -98,8 +96,7 @@ namespace kestrix {
 
 void InitDispatchList() {
   dispatchListLock = OSL_SemCreate(1);
-  dispatchListHeadGlb.next = &dispatchListHeadGlb;
-  dispatchListHeadGlb.prev = &dispatchListHeadGlb;
+  kestrix::dlist::MakeEmpty(&dispatchListHeadGlb);
 }
 
 }  // namespace kestrix

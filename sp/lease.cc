@@ -4,6 +4,7 @@
 // search; a removal calls the library's FS_UnlockMap only after releasing
 // it, and only when no other lease still holds the same file.
 #include "sp/lease.h"
+#include "utils/dlist.h"
 
 #include <string.h>
 
@@ -33,26 +34,13 @@ constexpr int kCookieTextSize = 3 * FS_COOKIE_SIZE + 1;
 constexpr int kFileNameBytes = 1024;
 constexpr int kDumpBufferBytes = 1024;
 
-void InsertAfterSentinel(LeaseEntry* lease) {
-  lease->next = leaseListHeadGlb.next;
-  lease->prev = &leaseListHeadGlb;
-  leaseListHeadGlb.next->prev = lease;
-  leaseListHeadGlb.next = lease;
-}
-
-void Unlink(LeaseEntry* lease) {
-  lease->prev->next = lease->next;
-  lease->next->prev = lease->prev;
-}
-
 }  // namespace
 
 namespace kestrix {
 
 void InitLeaseList() {
   leaseListLock = OSL_SemCreate(1);
-  leaseListHeadGlb.next = &leaseListHeadGlb;
-  leaseListHeadGlb.prev = &leaseListHeadGlb;
+  kestrix::dlist::MakeEmpty(&leaseListHeadGlb);
 }
 
 }  // namespace kestrix
@@ -160,7 +148,7 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
   if (reused) {
     OSL_Log(KSX_DEBUG1, "Modified lease list  key:0x%x\n", lease->key);
   } else {
-    InsertAfterSentinel(lease);
+    kestrix::dlist::InsertFront(&leaseListHeadGlb, lease);
     char name[kFileNameBytes] = "";
     if (fileName != nullptr) fsuni2mb(name, fileName, kFileNameBytes);
     OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key, name);
@@ -198,7 +186,7 @@ int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCook
     memcpy(volumeCookieOut, lease->volumeCookie, FS_COOKIE_SIZE);
     memcpy(fileCookieOut, lease->fileCookie, FS_COOKIE_SIZE);
     OSL_Log(KSX_DEBUG1, "RemoveLeaseFromList (%s) 0x%x\n", callerName, key);
-    Unlink(lease);
+    kestrix::dlist::Unlink(lease);
 
     if (MoreCookiesInList(lease->fileCookie)) {
       // Another lease still holds the file: its map stays locked.

@@ -4,6 +4,7 @@
 #include <stdint.h>
 
 #include "sp/lease.h"
+#include "utils/dlist.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/osl.h"
@@ -65,8 +66,7 @@ int PurgeLeaseList(void) {
     const FSULONG now = OSL_MSeconds();
     const FSULONG limit = lease->duration + kestrix::kLeaseGraceMs;  // wraps as unsigned
     if (Elapsed(lease->creationTime, now) >= limit) {
-      lease->prev->next = lease->next;
-      lease->next->prev = lease->prev;
+      kestrix::dlist::Unlink(lease);
       OSL_Log(KSX_DEBUG1, "Purged lease  key:0x%x, intention:%d  duration:%u creation:%u time:%u\n",
               lease->key, static_cast<int>(lease->intention), lease->duration,
               lease->creationTime, now);

@@ -4,6 +4,7 @@
 // The loader runs on the start-up thread only and takes no lock. Its
 // records come from the process heap, not from the tracking allocator.
 #include "unixmdc/loadlib.h"
+#include "utils/dlist.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -31,26 +32,6 @@ bool g_nothingTried = true;
 // Low 32 bits of an address, the width the "%x" log lines print.
 unsigned Low32(const void* p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
 
-void MakeEmpty() {
-  libHead.next = &libHead;
-  libHead.prev = &libHead;
-}
-
-bool IsEmpty() { return libHead.next == &libHead; }
-
-void InsertAfterHead(LibPathEntry* entry) {
-  entry->next = libHead.next;
-  entry->prev = &libHead;
-  libHead.next->prev = entry;
-  libHead.next = entry;
-}
-
-void Unlink(LibPathEntry* entry) {
-  entry->prev->next = entry->next;
-  entry->next->prev = entry->prev;
-  entry->next = entry->prev = nullptr;
-}
-
 bool IsCandidate(const char* name) {
   return (strstr(name, ".so") != nullptr || strstr(name, ".a") != nullptr) &&
          strstr(name, "ksxcvt") == nullptr;
@@ -59,7 +40,7 @@ bool IsCandidate(const char* name) {
 // Reads the directory once into the pending list; false when it cannot be
 // opened (the next call then tries again).
 bool ReadDirectory() {
-  MakeEmpty();
+  kestrix::dlist::MakeEmpty(&libHead);
   const std::string dir = kestrix::LibraryDirectory();
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) {
@@ -80,7 +61,7 @@ bool ReadDirectory() {
     if (entry == nullptr) continue;
     memcpy(entry->path, path, static_cast<size_t>(n) + 1);
     OSL_Log(KSX_SP, "loadlib: loaded %s\n", entry->path);
-    InsertAfterHead(entry);
+    kestrix::dlist::InsertFront(&libHead, entry);
   }
   closedir(d);
   g_directoryRead = true;
@@ -136,10 +117,10 @@ extern "C" FsLibrary* FSMDCSP_LoadNextLibrary(void) {
   if (!g_directoryRead && !ReadDirectory()) return nullptr;
 
   FsLibrary* lib = nullptr;
-  if (!IsEmpty()) lib = static_cast<FsLibrary*>(calloc(1, sizeof(FsLibrary)));
+  if (!kestrix::dlist::IsEmpty(&libHead)) lib = static_cast<FsLibrary*>(calloc(1, sizeof(FsLibrary)));
   if (lib != nullptr) {
     bool loaded = false;
-    while (!loaded && !IsEmpty()) {
+    while (!loaded && !kestrix::dlist::IsEmpty(&libHead)) {
       LibPathEntry* entry = libHead.next;
       loaded = TryCandidate(entry->path, lib);
       if (!loaded) {
@@ -148,7 +129,7 @@ extern "C" FsLibrary* FSMDCSP_LoadNextLibrary(void) {
                 entry->path);
         memset(lib, 0, sizeof(*lib));
       }
-      Unlink(entry);
+      kestrix::dlist::Unlink(entry);
       free(entry);
       g_nothingTried = false;
     }
@@ -169,13 +150,13 @@ namespace kestrix {
 
 void ResetLibraryLoaderForTesting() {
   if (g_directoryRead) {
-    while (!IsEmpty()) {
+    while (!kestrix::dlist::IsEmpty(&libHead)) {
       LibPathEntry* entry = libHead.next;
-      Unlink(entry);
+      kestrix::dlist::Unlink(entry);
       free(entry);
     }
   }
-  MakeEmpty();
+  kestrix::dlist::MakeEmpty(&libHead);
   g_directoryRead = false;
   g_nothingTried = true;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "utils/ksxmem.h"
+#include "utils/dlist.h"
 #include "utils/lan_sup.h"
 #include "utils/lanserver.h"
 #include "utils/log.h"
@@ -29,11 +30,6 @@ TrackerEntry* FindEntry(LanServerInfo* server, const uint8_t* commCookie,
     if (SameIdentity(e, commCookie, request)) return e;
   }
   return nullptr;
-}
-
-void Unlink(TrackerEntry* entry) {
-  entry->prev->next = entry->next;
-  entry->next->prev = entry->prev;
 }
 
 }  // namespace
@@ -123,10 +119,7 @@ int LAN_RegisterInProcess(LanServerInfo* server, const uint8_t* commCookie,
     return 0;
   }
   entry->headerCopy = LAN_MakeHeaderCopy(request);
-  entry->next = &server->tracker;
-  entry->prev = server->tracker.prev;
-  server->tracker.prev->next = entry;
-  server->tracker.prev = entry;
+  kestrix::dlist::InsertBack(&server->tracker, entry);
   return 0;
 }
 
@@ -160,7 +153,7 @@ int PurgeTrackerList(LanServerInfo* server) {
     TrackerEntry* next = e->next;
     if (e->replyCopy != nullptr) {
       OSL_Log(KSX_SP, "purging tracker\n");
-      Unlink(e);
+      kestrix::dlist::Unlink(e);
       ksxmem_free(e->headerCopy);
       ksxmem_free(e->replyCopy);
       ksxmem_free(e);

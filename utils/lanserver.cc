@@ -2,6 +2,7 @@
 // duplicate tracker, calls the handler registered for the function code and
 // records the outcome. It neither receives nor sends.
 #include "utils/lanserver.h"
+#include "utils/dlist.h"
 
 #include <cstring>
 
@@ -29,8 +30,7 @@ int LAN_InitServer(LanServerInfo** infoOut) {
   *infoOut = server;
   if (server == nullptr) return 0;
   server->trackerLock = OSL_SemCreate(1);
-  server->tracker.next = &server->tracker;
-  server->tracker.prev = &server->tracker;
+  kestrix::dlist::MakeEmpty(&server->tracker);
   for (auto& handler : server->handlers) handler = nullptr;
   return 0;
 }

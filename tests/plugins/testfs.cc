@@ -86,6 +86,7 @@
 
 #include "fslibrary.h"
 #include "fsmdc.h"
+#include "tests/plugins/testfs_escape.h"
 
 #ifdef TESTFS_CALLBACK
 #include "utils/ksxmem.h"
@@ -149,41 +150,8 @@ struct Conf {
 
 // --- text helpers ---------------------------------------------------------
 
-std::string Escape(const std::string& in) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : in) {
-    if (c <= 0x20 || c == '%' || c == 0x7f || c == '=') {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
-
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string Unescape(const std::string& in) {
-  std::string out;
-  for (size_t i = 0; i < in.size(); ++i) {
-    if (in[i] == '%' && i + 2 < in.size() && HexValue(in[i + 1]) >= 0 &&
-        HexValue(in[i + 2]) >= 0) {
-      out += static_cast<char>(HexValue(in[i + 1]) * 16 + HexValue(in[i + 2]));
-      i += 2;
-    } else {
-      out += in[i];
-    }
-  }
-  return out;
-}
+using testfs::Escape;
+using testfs::Unescape;
 
 bool ParseNumber(const std::string& text, long long* out) {
   if (text.empty()) return false;

@@ -8,32 +8,14 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/plugins/testfs_escape.h"
 #include "support/test_util.h"
 
 namespace kestrix::test {
 
 namespace {
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string Unescape(const std::string& in) {
-  std::string out;
-  for (size_t i = 0; i < in.size(); ++i) {
-    if (in[i] == '%' && i + 2 < in.size() && HexValue(in[i + 1]) >= 0 &&
-        HexValue(in[i + 2]) >= 0) {
-      out += static_cast<char>(HexValue(in[i + 1]) * 16 + HexValue(in[i + 2]));
-      i += 2;
-    } else {
-      out += in[i];
-    }
-  }
-  return out;
-}
+using testfs::Unescape;
 
 }  // namespace
 
@@ -57,20 +39,7 @@ int64_t CallRecord::Int(const std::string& key) const {
   return *end == '\0' ? v : 0;
 }
 
-std::string TestFsEscape(const std::string& text) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : text) {
-    if (c <= 0x20 || c == '%' || c == 0x7f || c == '=') {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
+std::string TestFsEscape(const std::string& text) { return testfs::Escape(text); }
 
 CallRecord ParseCallRecord(const std::string& line) {
   CallRecord record;
