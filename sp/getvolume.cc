@@ -29,6 +29,10 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
   } else {
     SPSUP_TransLanGetVolume(msg);
     SPSUP_DumpMessage(request, 0);
+    // A path that fills its area has no terminator of its own; end it at
+    // the area's last unit so that nothing past the request is read or
+    // rewritten.
+    msg->path[SP_PATH_UNITS - 1] = 0;
     OSL_TransPath(msg->path);
 
     if (msg->path[0] != 0) {

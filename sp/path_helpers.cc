@@ -14,7 +14,9 @@
 namespace kestrix {
 
 FSULONG MaxDgramFromText(const char* text) {
-  long long asked = std::atoi(text);
+  // atoi's rules, but a value beyond int saturates instead of wrapping, so
+  // that a huge size is lowered rather than read as its low 32 bits.
+  long long asked = std::strtoll(text, nullptr, 10);
   FSULONG used = static_cast<FSULONG>(asked);
   if (asked < static_cast<long long>(kMinMaxDgram)) used = kMinMaxDgram;
   if (asked > static_cast<long long>(kMaxUdpPayload)) used = kMaxUdpPayload;
