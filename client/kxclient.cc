@@ -1,6 +1,9 @@
 // UDP endpoint and request helpers for talking to kestrixd.
 #include "client/kxclient.h"
 
+#include "fsmdc.h"
+#include "spmsgs.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -23,7 +26,9 @@ Endpoint::Endpoint(const std::string& host, uint16_t port) {
   if (fd_ < 0) return;
   sockaddr_in local{};
   local.sin_family = AF_INET;
-  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  // A loopback peer answers a loopback sender; any other needs a routable one.
+  bool loopback = (ntohl(peer.sin_addr.s_addr) >> 24) == 127;
+  local.sin_addr.s_addr = htonl(loopback ? INADDR_LOOPBACK : INADDR_ANY);
   if (bind(fd_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
     close(fd_);
     fd_ = -1;
@@ -140,6 +145,133 @@ std::string ToUtf8(const std::u16string& text) {
     }
   }
   return out;
+}
+
+Bytes MakeGetVolumeRequest(const std::string& pathUtf8, const uint8_t* cookie) {
+  Bytes message = MakeRequest(SP_FUNC_GETVOLUME, sizeof(GetVolumeMsg));
+  if (cookie != nullptr)
+    std::memcpy(message.data() + offsetof(GetVolumeMsg, volumeCookie), cookie, FS_COOKIE_SIZE);
+  PutText(message, offsetof(GetVolumeMsg, path), SP_PATH_UNITS - 1, ToUtf16(pathUtf8));
+  return message;
+}
+
+std::optional<Bytes> ParseHex(const std::string& text, size_t maxBytes) {
+  Bytes out;
+  int high = -1;  // first digit of a pair, -1 between pairs
+  for (char c : text) {
+    int digit;
+    if (c >= '0' && c <= '9') digit = c - '0';
+    else if (c >= 'a' && c <= 'f') digit = c - 'a' + 10;
+    else if (c >= 'A' && c <= 'F') digit = c - 'A' + 10;
+    else if ((c == ' ' || c == ':' || c == '-') && high < 0) continue;
+    else return std::nullopt;
+    if (high < 0) {
+      high = digit;
+      continue;
+    }
+    if (out.size() == maxBytes) return std::nullopt;
+    out.push_back(static_cast<uint8_t>(high << 4 | digit));
+    high = -1;
+  }
+  if (high >= 0) return std::nullopt;
+  return out;
+}
+
+std::string ToHex(const uint8_t* bytes, size_t n) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (size_t i = 0; i < n; ++i) {
+    out.push_back(kDigits[bytes[i] >> 4]);
+    out.push_back(kDigits[bytes[i] & 15]);
+  }
+  return out;
+}
+
+namespace {
+
+// Reads integers of a received message, reversing them when its writer
+// used the other byte order. Reads past the end give 0.
+class FieldReader {
+ public:
+  FieldReader(const Bytes& message, bool swapped) : message_(message), swapped_(swapped) {}
+  template <typename T>
+  T Get(size_t offset) const {
+    if (offset + sizeof(T) > message_.size()) return T{};
+    uint8_t raw[sizeof(T)];
+    std::memcpy(raw, message_.data() + offset, sizeof(T));
+    if (swapped_) std::reverse(raw, raw + sizeof(T));
+    T value;
+    std::memcpy(&value, raw, sizeof(T));
+    return value;
+  }
+
+ private:
+  const Bytes& message_;
+  bool swapped_;
+};
+
+}  // namespace
+
+std::optional<ReplyHeader> ParseHeader(const Bytes& message) {
+  if (message.size() < LAN_HEADER_SIZE) return std::nullopt;
+  ReplyHeader h;
+  h.swapped = Read<uint32_t>(message, offsetof(LanHeader, byteOrder)) != LAN_BYTEORDER_MARK;
+  FieldReader r(message, h.swapped);
+  h.revision = r.Get<int32_t>(offsetof(LanHeader, revision));
+  std::memcpy(h.messageID.data(), message.data() + offsetof(LanHeader, messageID),
+              LAN_MSGID_SIZE);
+  h.functionCode = r.Get<int32_t>(offsetof(LanHeader, functionCode));
+  h.length = r.Get<uint32_t>(offsetof(LanHeader, length));
+  h.flags = r.Get<uint32_t>(offsetof(LanHeader, flags));
+  h.result = r.Get<int32_t>(offsetof(LanHeader, result));
+  h.pathSeparator = r.Get<uint16_t>(offsetof(LanHeader, pathSeparator));
+  return h;
+}
+
+std::optional<GetVolumeInfo> ParseGetVolumeReply(const Bytes& reply) {
+  std::optional<ReplyHeader> header = ParseHeader(reply);
+  if (!header || header->functionCode != -SP_FUNC_GETVOLUME ||
+      reply.size() < SP_GETVOLUME_TEXT_OFFSET)
+    return std::nullopt;
+  GetVolumeInfo v;
+  v.header = *header;
+  FieldReader r(reply, header->swapped);
+  constexpr size_t kVol = SP_GETVOLUME_VOLINFO_OFFSET;
+  v.result = r.Get<int32_t>(offsetof(GetVolumeReply, result));
+  v.msgLen = r.Get<int32_t>(kVol + offsetof(VolInfo, msgLen));
+  v.vendorStatus = r.Get<int32_t>(kVol + offsetof(VolInfo, vendorStatus));
+  v.fsType = r.Get<int32_t>(kVol + offsetof(VolInfo, FStype));
+  v.glomType = r.Get<int32_t>(kVol + offsetof(VolInfo, GlomType));
+  v.glomInfo = r.Get<int32_t>(kVol + offsetof(VolInfo, GlomInfo));
+  v.nDisks = r.Get<uint32_t>(kVol + offsetof(VolInfo, nDisks));
+  v.blockSize = r.Get<int32_t>(kVol + offsetof(VolInfo, BlockSize));
+  std::memcpy(v.cookie.data(), reply.data() + kVol + offsetof(VolInfo, Cookie), FS_COOKIE_SIZE);
+
+  constexpr size_t kTable = SP_GETVOLUME_TEXT_OFFSET;
+  if (v.vendorStatus == 0) {
+    size_t fit = (reply.size() - kTable) / FSDISK_SIZE;
+    size_t count = std::min<size_t>(v.nDisks, fit);
+    v.disksTruncated = count < v.nDisks;
+    for (size_t i = 0; i < count; ++i) {
+      size_t at = kTable + i * FSDISK_SIZE;
+      VolumeDisk d;
+      std::memcpy(d.diskId.data(), reply.data() + at + offsetof(FSDisk, DiskID), FSDISK_ID_SIZE);
+      d.idLength = r.Get<uint32_t>(at + offsetof(FSDisk, IDlength));
+      d.idOffset = r.Get<int64_t>(at + offsetof(FSDisk, IDoffset));
+      d.blockOffset = r.Get<int64_t>(at + offsetof(FSDisk, BlockOffset));
+      d.nBlocks = r.Get<int64_t>(at + offsetof(FSDisk, nBlocks));
+      v.disks.push_back(d);
+    }
+  } else {
+    std::u16string text;
+    for (size_t at = kTable; at + 2 <= reply.size(); at += 2) {
+      auto unit = r.Get<uint16_t>(at);
+      if (unit == 0) break;
+      text.push_back(static_cast<char16_t>(unit));
+    }
+    v.errorText = ToUtf8(text);
+  }
+  return v;
 }
 
 }  // namespace kestrix::client

@@ -3,11 +3,13 @@
 #ifndef KESTRIX_CLIENT_KXCLIENT_H_
 #define KESTRIX_CLIENT_KXCLIENT_H_
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "fstypes.h"
 #include "lanheader.h"
 
 namespace kestrix::client {
@@ -53,6 +55,61 @@ void SwapHeader(Bytes& message);
 void PutText(Bytes& message, size_t offset, size_t units, const std::u16string& text);
 std::u16string ToUtf16(const std::string& utf8);
 std::string ToUtf8(const std::u16string& text);
+
+// A GetVolume request (2228 bytes): the path, at most 1023 units so that
+// the terminator stays, and the 32-byte volume cookie (zeros when null).
+Bytes MakeGetVolumeRequest(const std::string& pathUtf8, const uint8_t* cookie = nullptr);
+
+// Hex text to bytes. Blanks, ':' and '-' between digit pairs are skipped;
+// an odd digit count, another character or more than maxBytes bytes fails.
+std::optional<Bytes> ParseHex(const std::string& text, size_t maxBytes);
+// Two lower-case hex digits per byte, no separators.
+std::string ToHex(const uint8_t* bytes, size_t n);
+
+// A received header in host byte order. A reply whose marker does not read
+// 1 was written in the other byte order; its fields are reversed here.
+struct ReplyHeader {
+  bool swapped = false;
+  int32_t revision = 0;
+  std::array<uint8_t, LAN_MSGID_SIZE> messageID{};
+  int32_t functionCode = 0;
+  uint32_t length = 0;
+  uint32_t flags = 0;
+  int32_t result = 0;
+  uint16_t pathSeparator = 0;
+};
+// Nothing when the datagram is shorter than a header.
+std::optional<ReplyHeader> ParseHeader(const Bytes& message);
+
+struct VolumeDisk {
+  std::array<uint8_t, 16> diskId{};
+  uint32_t idLength = 0;
+  int64_t idOffset = 0;
+  int64_t blockOffset = 0;
+  int64_t nBlocks = 0;
+};
+
+// A GetVolume reply taken apart. Only what the datagram holds is read:
+// disks that nDisks names beyond its end are missing from `disks` and
+// `disksTruncated` is set; the error text stops at its 0 unit or the end.
+struct GetVolumeInfo {
+  ReplyHeader header;
+  int32_t result = 0;
+  int32_t msgLen = 0;
+  int32_t vendorStatus = 0;
+  int32_t fsType = 0;
+  int32_t glomType = 0;
+  int32_t glomInfo = 0;
+  uint32_t nDisks = 0;
+  int32_t blockSize = 0;
+  std::array<uint8_t, FS_COOKIE_SIZE> cookie{};
+  std::vector<VolumeDisk> disks;   // when vendorStatus is 0
+  std::string errorText;           // UTF-8, when vendorStatus is not 0
+  bool disksTruncated = false;
+};
+// Nothing unless the datagram is a GetVolume reply (code -1) that reaches
+// past the fixed part of the volume description (192 bytes).
+std::optional<GetVolumeInfo> ParseGetVolumeReply(const Bytes& reply);
 
 template <typename T>
 T Read(const Bytes& message, size_t offset) {

@@ -1,0 +1,233 @@
+// kestrix-cli: sends one request to a running kestrixd and prints the
+// reply. Exit status: 0 when a reply came, 2 when none came in time, 1 for a
+// usage error.
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/kxclient.h"
+#include "spmsgs.h"
+
+namespace {
+
+using kestrix::client::Bytes;
+
+constexpr uint16_t kDefaultPort = 5501;
+constexpr int kDefaultTimeoutMs = 2000;
+constexpr int kExitReply = 0;
+constexpr int kExitUsage = 1;
+constexpr int kExitNoReply = 2;
+
+void Usage() {
+  std::fprintf(stderr,
+               "usage: kestrix-cli [-h host] [-p port] [-t timeout_ms] COMMAND ...\n"
+               "commands:\n"
+               "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
+               "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
+               "  raw CODE [LENGTH]         header-only request; prints the reply header\n"
+               "defaults: host 127.0.0.1, port $KESTRIX_PORT or %u, timeout %d ms\n",
+               static_cast<unsigned>(kDefaultPort), kDefaultTimeoutMs);
+}
+
+// A whole decimal (or 0x hex) number within [low, high].
+std::optional<long long> ParseNumber(const char* text, long long low, long long high) {
+  if (text == nullptr || *text == '\0') return std::nullopt;
+  char* end = nullptr;
+  errno = 0;
+  long long value = std::strtoll(text, &end, 0);
+  if (errno != 0 || *end != '\0' || value < low || value > high) return std::nullopt;
+  return value;
+}
+
+std::optional<std::string> ResolveIPv4(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr)
+    return std::nullopt;
+  char text[INET_ADDRSTRLEN] = {};
+  const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+  const char* ok = inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
+  freeaddrinfo(found);
+  if (ok == nullptr) return std::nullopt;
+  return std::string(text);
+}
+
+// A message ID that differs between runs and between requests of one run.
+void StampMessageId(Bytes& request) {
+  static uint32_t sequence = 0;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  uint32_t parts[4] = {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec),
+                       static_cast<uint32_t>(getpid()), ++sequence};
+  std::memcpy(kestrix::client::HeaderOf(request)->messageID, parts, sizeof parts);
+}
+
+void PrintHeader(const kestrix::client::ReplyHeader& h) {
+  std::printf("functionCode %d\n", h.functionCode);
+  std::printf("length %u\n", h.length);
+  std::printf("revision %d\n", h.revision);
+  std::printf("flags %u\n", h.flags);
+  std::printf("header result %d\n", h.result);
+  std::printf("messageID %s\n", kestrix::client::ToHex(h.messageID.data(), h.messageID.size()).c_str());
+  std::printf("pathSeparator %u\n", static_cast<unsigned>(h.pathSeparator));
+  if (h.swapped) std::printf("byteOrder other\n");
+}
+
+void PrintVolume(const Bytes& reply) {
+  std::optional<kestrix::client::GetVolumeInfo> v = kestrix::client::ParseGetVolumeReply(reply);
+  if (!v) {
+    // LAN-level errors (results 6 and 8) come back as a bare header.
+    std::optional<kestrix::client::ReplyHeader> h = kestrix::client::ParseHeader(reply);
+    if (h) PrintHeader(*h);
+    std::printf("received %zu bytes: no volume description\n", reply.size());
+    return;
+  }
+  std::printf("result %d\n", v->result);
+  std::printf("revision %d\n", v->header.revision);
+  std::printf("length %u\n", v->header.length);
+  if (v->header.result != 0) std::printf("header result %d\n", v->header.result);
+  std::printf("msgLen %d\n", v->msgLen);
+  std::printf("vendorStatus %d\n", v->vendorStatus);
+  std::printf("FStype %d\n", v->fsType);
+  std::printf("GlomType %d\n", v->glomType);
+  std::printf("GlomInfo %d\n", v->glomInfo);
+  std::printf("BlockSize %d\n", v->blockSize);
+  std::printf("nDisks %u\n", v->nDisks);
+  std::printf("cookie %s\n", kestrix::client::ToHex(v->cookie.data(), v->cookie.size()).c_str());
+  if (v->vendorStatus != 0) {
+    std::printf("error %s\n", v->errorText.c_str());
+    return;
+  }
+  for (size_t i = 0; i < v->disks.size(); ++i) {
+    const kestrix::client::VolumeDisk& d = v->disks[i];
+    size_t idBytes = d.idLength < d.diskId.size() ? d.idLength : d.diskId.size();
+    std::printf("disk %zu DiskID %s IDlength %u IDoffset %" PRId64 " BlockOffset %" PRId64
+                " nBlocks %" PRId64 "\n",
+                i, kestrix::client::ToHex(d.diskId.data(), idBytes).c_str(), d.idLength,
+                d.idOffset, d.blockOffset, d.nBlocks);
+  }
+  if (v->disksTruncated)
+    std::printf("(%zu of %u disks in the reply)\n", v->disks.size(), v->nDisks);
+}
+
+struct Options {
+  std::string host = "127.0.0.1";
+  uint16_t port = kDefaultPort;
+  int timeoutMs = kDefaultTimeoutMs;
+};
+
+uint16_t PortFromEnvironment() {
+  std::optional<long long> port = ParseNumber(std::getenv("KESTRIX_PORT"), 1, 65535);
+  return port ? static_cast<uint16_t>(*port) : kDefaultPort;
+}
+
+int Run(int argc, char** argv) {
+  Options options;
+  options.port = PortFromEnvironment();
+  int opt;
+  opterr = 0;
+  while ((opt = getopt(argc, argv, "+h:p:t:")) != -1) {
+    std::optional<long long> n;
+    switch (opt) {
+      case 'h':
+        options.host = optarg;
+        break;
+      case 'p':
+        if (!(n = ParseNumber(optarg, 1, 65535))) {
+          std::fprintf(stderr, "kestrix-cli: bad port '%s'\n", optarg);
+          return kExitUsage;
+        }
+        options.port = static_cast<uint16_t>(*n);
+        break;
+      case 't':
+        if (!(n = ParseNumber(optarg, 0, 3600000))) {
+          std::fprintf(stderr, "kestrix-cli: bad timeout '%s'\n", optarg);
+          return kExitUsage;
+        }
+        options.timeoutMs = static_cast<int>(*n);
+        break;
+      default:
+        Usage();
+        return kExitUsage;
+    }
+  }
+  std::vector<std::string> args(argv + optind, argv + argc);
+  if (args.empty()) {
+    Usage();
+    return kExitUsage;
+  }
+
+  Bytes request;
+  const std::string& command = args[0];
+  bool isRaw = false;
+  if (command == "getvolume" && args.size() == 2) {
+    request = kestrix::client::MakeGetVolumeRequest(args[1]);
+  } else if (command == "getvolume-cookie" && args.size() == 2) {
+    std::optional<Bytes> cookie = kestrix::client::ParseHex(args[1], FS_COOKIE_SIZE);
+    if (!cookie) {
+      std::fprintf(stderr, "kestrix-cli: bad cookie '%s' (hex, at most 32 bytes)\n",
+                   args[1].c_str());
+      return kExitUsage;
+    }
+    cookie->resize(FS_COOKIE_SIZE, 0);
+    request = kestrix::client::MakeGetVolumeRequest("", cookie->data());
+  } else if (command == "raw" && (args.size() == 2 || args.size() == 3)) {
+    std::optional<long long> code = ParseNumber(args[1].c_str(), INT32_MIN, INT32_MAX);
+    std::optional<long long> length =
+        args.size() == 3 ? ParseNumber(args[2].c_str(), 0, UINT32_MAX) : LAN_HEADER_SIZE;
+    if (!code || !length) {
+      std::fprintf(stderr, "kestrix-cli: raw needs a numeric CODE and LENGTH\n");
+      return kExitUsage;
+    }
+    request = kestrix::client::MakeRequest(static_cast<int32_t>(*code), LAN_HEADER_SIZE);
+    kestrix::client::HeaderOf(request)->length = static_cast<uint32_t>(*length);
+    isRaw = true;
+  } else {
+    Usage();
+    return kExitUsage;
+  }
+
+  std::optional<std::string> address = ResolveIPv4(options.host);
+  if (!address) {
+    std::fprintf(stderr, "kestrix-cli: unknown host '%s'\n", options.host.c_str());
+    return kExitUsage;
+  }
+  kestrix::client::Endpoint endpoint(*address, options.port);
+  if (!endpoint.ok()) {
+    std::fprintf(stderr, "kestrix-cli: cannot open a UDP socket\n");
+    return kExitNoReply;
+  }
+  StampMessageId(request);
+  std::optional<Bytes> reply = endpoint.Transact(request, options.timeoutMs);
+  if (!reply) {
+    std::fprintf(stderr, "kestrix-cli: no reply from %s:%u within %d ms\n", address->c_str(),
+                 static_cast<unsigned>(options.port), options.timeoutMs);
+    return kExitNoReply;
+  }
+  if (isRaw) {
+    std::optional<kestrix::client::ReplyHeader> header = kestrix::client::ParseHeader(*reply);
+    if (header) PrintHeader(*header);
+    else std::printf("received %zu bytes: shorter than a header\n", reply->size());
+  } else {
+    PrintVolume(*reply);
+  }
+  return kExitReply;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return Run(argc, argv); }
