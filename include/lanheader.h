@@ -42,6 +42,12 @@ static_assert(offsetof(LanHeader, result) == 36);
 static_assert(offsetof(LanHeader, reserved1) == 40);
 static_assert(offsetof(LanHeader, pathSeparator) == 42);
 static_assert(offsetof(LanHeader, reserved2) == 44);
+
+// A reply's function code: the request's negated in two's complement, so that
+// the most negative code maps to itself instead of overflowing.
+inline FSLONG LanReplyFunctionCode(FSLONG requestCode) {
+  return static_cast<FSLONG>(0u - static_cast<FSULONG>(requestCode));
+}
 #endif
 
 #endif  // KESTRIX_INCLUDE_LANHEADER_H_

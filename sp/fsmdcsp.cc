@@ -84,7 +84,7 @@ LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* libra
   std::memcpy(reply, request, LAN_HEADER_SIZE);
   if (library != nullptr) reply->revision = library->FS_GetVersion();
   reply->length = size;
-  reply->functionCode = -request->functionCode;
+  reply->functionCode = LanReplyFunctionCode(request->functionCode);
   reply->byteOrder = LAN_BYTEORDER_MARK;
   reply->result = 0;
   return reply;

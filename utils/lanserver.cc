@@ -47,7 +47,7 @@ LanHeader* BuildReply(const LanHeader* request, int result) {
   std::memcpy(reply, request, LAN_HEADER_SIZE);
   reply->byteOrder = LAN_BYTEORDER_MARK;
   reply->length = LAN_HEADER_SIZE;
-  reply->functionCode = -request->functionCode;
+  reply->functionCode = LanReplyFunctionCode(request->functionCode);
   reply->result = result;
   return reply;
 }

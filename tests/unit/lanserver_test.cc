@@ -157,6 +157,17 @@ TEST_F(LanServerTest, TrackingOffRecordsNothing) {
   EXPECT_EQ(numDupsRepliedTo + numDupsDropped, 0);
 }
 
+TEST_F(LanServerTest, ExtremeFunctionCodesGetResult8) {
+  Init(100);
+  for (int32_t code : {INT32_MIN, INT32_MAX, -1, 100}) {
+    LanHeader* reply = Process(Request("x", 0, code));
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(reply->result, LAN_RESULT_NO_HANDLER);
+    EXPECT_EQ(reply->functionCode, code == INT32_MIN ? INT32_MIN : -code);
+    ksxmem_free(reply);
+  }
+}
+
 TEST_F(LanServerTest, RejectedHeaderSkipsTrackerAndHandler) {
   Init(100);
   LAN_RegisterMessageHandler(g_server, 9, CountingHandler);
