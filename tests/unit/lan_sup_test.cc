@@ -49,16 +49,15 @@ TEST(LanSupTest, OtherOrderReversesExactlyTheSixFields) {
   EXPECT_EQ(std::memcmp(raw.data() + 8, wire.data() + 8, 16), 0);
   EXPECT_EQ(std::memcmp(raw.data() + 40, wire.data() + 40, 2), 0);
   EXPECT_EQ(std::memcmp(raw.data() + 44, wire.data() + 44, 4), 0);
-}
 
-TEST(LanSupTest, AnyMarkerOtherThanOneConverts) {
+  // Any marker other than 1 means the other order, and stays as it was.
   for (uint32_t marker : {0u, 2u}) {
-    LanHeader h{};
-    h.byteOrder = marker;
-    h.length = 0x30000000;
-    LANSUP_TransLanHeader(&h);
-    EXPECT_EQ(h.length, 0x30u) << marker;
-    EXPECT_EQ(h.byteOrder, marker);
+    LanHeader other{};
+    other.byteOrder = marker;
+    other.length = 0x30000000;
+    LANSUP_TransLanHeader(&other);
+    EXPECT_EQ(other.length, 0x30u) << marker;
+    EXPECT_EQ(other.byteOrder, marker);
   }
 }
 
