@@ -97,6 +97,19 @@ TEST_F(ShareTest, MissingFilesFailWithTheirLines) {
             "this warning.\nError FTX1201W OSL_ShareNameToMountPoint failed name is : data\n");
 }
 
+TEST_F(ShareTest, MountPointsThatCannotBeStoredFailWithResult3) {
+  LogCapture log(2);
+  std::vector<FSUNI> name(300), out(16, 0x7777);
+  mb2fsuni(name.data(), "/export/data", 300);
+  EXPECT_EQ(OSL_ShareNameToMountPoint(name.data(), out.data(), 12), 3);
+  EXPECT_EQ(out[0], 0x7777);
+  EXPECT_TRUE(log.Contains(
+      "Error OSL_ShareNameToMountPoint: The mount point [/export/data] does not fit in 12 units.\n"));
+  // A 256-byte name is cut to 255 bytes, here inside its last character.
+  EXPECT_EQ(Map("/" + std::string(253, 'a') + "\xC3\xA9"), "result 3");
+  EXPECT_TRUE(log.Contains("is not valid UTF-8.\n"));
+}
+
 TEST_F(ShareTest, HomesUsesTheHomeDirectoryFromThePasswordFile) {
   const std::string passwd = dir_.File("passwd");
   WriteFile(passwd, "no separators here\nbob:x:1:1:Bob:/home/bob:/bin/sh\nalice:::::/srv/alice:\n");
