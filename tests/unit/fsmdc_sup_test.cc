@@ -12,33 +12,18 @@
 #include <vector>
 
 #include "support/test_util.h"
+#include "support/wire_buffer.h"
 
 namespace {
 
-using Puts = std::initializer_list<std::pair<size_t, std::string_view>>;
-
-// An 8-byte aligned, zero-filled buffer of n bytes (n % 8 == 0).
-struct Buffer {
-  explicit Buffer(size_t n) : words(n / 8, 0) {}
-  uint8_t* bytes() { return reinterpret_cast<uint8_t*>(words.data()); }
-  template <typename T>
-  T* As(size_t at = 0) { return reinterpret_cast<T*>(bytes() + at); }
-  std::vector<uint64_t> words;
-};
+using kestrix::test::Buffer;
+using kestrix::test::Puts;
 
 // n bytes holding the hex fields (blank-separated) big-endian, the other order
 // on the little-endian hosts these tests run on; `turned` reverses those not marked '='.
 Buffer Fields(size_t n, Puts puts, bool turned) {
   Buffer b(n);
-  for (auto [at, hex] : puts)
-    for (size_t k = 0, end; k < hex.size(); k = end + 1) {
-      end = std::min(hex.find(' ', k), hex.size());
-      const bool keep = hex[k] == '=';
-      uint8_t* field = b.bytes() + at;
-      for (k += keep; k < end; k += 2)
-        b.bytes()[at++] = std::stoi(std::string(hex.substr(k, 2)), nullptr, 16);
-      if (turned && !keep) std::reverse(field, b.bytes() + at);
-    }
+  kestrix::test::PutFields(b, puts, turned);
   return b;
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/test_util.h"
+#include "support/wire_buffer.h"
 
 // Messages are built as aggregates whose unnamed trailing fields are zero.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -19,16 +20,9 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// An 8-byte aligned, zero-filled buffer of n bytes rounded up to 8.
-struct Buffer {
-  explicit Buffer(size_t n) : words((n + 7) / 8, 0) {}
-  uint8_t* bytes() { return reinterpret_cast<uint8_t*>(words.data()); }
-  template <typename T>
-  T* As(size_t at = 0) { return reinterpret_cast<T*>(bytes() + at); }
-  std::vector<uint64_t> words;
-};
+using kestrix::test::Buffer;
 
-using Puts = std::initializer_list<std::pair<size_t, std::string_view>>;
+using kestrix::test::Puts;
 
 // n bytes: the marker 1 and the fields put, written big-endian (the other
 // order on the little-endian hosts these tests run on; blanks separate the
@@ -38,15 +32,7 @@ Buffer Message(size_t n, Puts puts, bool turned) {
   Buffer b(n);
   std::memcpy(b.bytes(), "\x00\x00\x00\x01", 4);
   b.As<LanHeader>()->length = static_cast<FSULONG>(n);
-  for (auto [at, hex] : puts)
-    for (size_t k = 0, end; k < hex.size(); k = end + 1) {
-      end = std::min(hex.find(' ', k), hex.size());
-      const bool keep = hex[k] == '=';
-      uint8_t* field = b.bytes() + at;
-      for (k += keep; k < end; k += 2)
-        b.bytes()[at++] = std::stoi(std::string(hex.substr(k, 2)), nullptr, 16);
-      if (turned && !keep) std::reverse(field, b.bytes() + at);
-    }
+  kestrix::test::PutFields(b, puts, turned);
   return b;
 }
 
