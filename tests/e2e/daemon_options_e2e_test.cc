@@ -1,5 +1,10 @@
 // The daemon's command line and start-up, run as a real process.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
 
 #include "e2e/e2e_util.h"
 
@@ -77,6 +82,50 @@ TEST(DaemonOptionsE2E, SecondDaemonOnATakenPortReportsBindFailure) {
   EXPECT_NE(second.Log().find("Error DGRAM_BindListener failed 1104.  May be another kestrixd "
                               "running.\n"),
             std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrix::test
+
+namespace kestrix::test {
+namespace {
+
+// Processes whose command line mentions `needle`, found through /proc.
+std::vector<pid_t> ProcessesMentioning(const std::string& needle) {
+  std::vector<pid_t> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string cmdline = ReadFile(entry.path().string() + "/cmdline");
+    std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+    if (cmdline.find(needle) != std::string::npos) found.push_back(std::stoi(name));
+  }
+  return found;
+}
+
+TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
+  TempDir dir;
+  const std::string log = dir.File("forked.log");
+  const uint16_t port = FreeUdpPort();
+  RunResult parent = RunToExit(KESTRIXD_BINARY, {"-f", log, "-l", "4"},
+                               {{"KESTRIX_PORT", std::to_string(port)},
+                                {"KESTRIX_LIBDIR", dir.path()},
+                                {"KESTRIX_SMBPATH", dir.File("none.conf")}});
+  EXPECT_EQ(parent.exitStatus, 0);
+  std::vector<pid_t> children;
+  for (int i = 0; i < 500 && children.empty(); ++i) {
+    if (ReadFile(log).find("kestrixd started.") != std::string::npos)
+      children = ProcessesMentioning(log);
+    if (children.empty()) usleep(10000);
+  }
+  ASSERT_EQ(children.size(), 1u) << ReadFile(log);
+  client::Endpoint endpoint("127.0.0.1", port);
+  auto reply = endpoint.Transact(client::MakeRequest(6, 48, 0, "forked"));
+  for (pid_t child : children) kill(child, SIGKILL);
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_EQ(client::HeaderOf(*reply)->result, 8);
+  // The log was started before the fork: one "logging started" line.
+  EXPECT_EQ(CountOf(ReadFile(log), "Kestrix mdc daemon logging started."), 1);
 }
 
 }  // namespace
