@@ -90,10 +90,11 @@ int64_t MapReplyLength(const void* reply, FSLONG msgLen, FSULONG textOffset,
          2 * (static_cast<int64_t>(units) + 1);
 }
 
-// Never above the buffer; never below the reply's fixed part (a negative
-// msgLen), unless the buffer itself is smaller.
-FSULONG Clamp(int64_t length, uint64_t fixedPart, FSULONG bufferSize) {
-  const int64_t floor = static_cast<int64_t>(std::min<uint64_t>(fixedPart, bufferSize));
+// Never above the buffer; never below 162, the length of a map with msgLen 0
+// and no text (a negative msgLen), unless the buffer itself is smaller.
+FSULONG Clamp(int64_t length, FSULONG bufferSize) {
+  constexpr int64_t kEmptyMapLength = SP_MAP_REPLY_LENGTH_BASE + 2;
+  const int64_t floor = std::min<int64_t>(kEmptyMapLength, bufferSize);
   return static_cast<FSULONG>(std::clamp<int64_t>(length, floor, bufferSize));
 }
 
@@ -114,7 +115,7 @@ FSULONG GetVolumeReplyLength(const GetVolumeReply* reply, FSULONG bufferSize) {
 
 FSULONG GetInitialMapReplyLength(const GetInitialMapReply* reply, FSULONG bufferSize) {
   return Clamp(MapReplyLength(reply, reply->map.msgLen, SP_GETINITIALMAP_TEXT_OFFSET, bufferSize),
-               sizeof(GetInitialMapReply), bufferSize);
+               bufferSize);
 }
 
 int64_t GetExtendedMapReplyWantedLength(const GetExtendedMapReply* reply, FSULONG bufferSize) {
@@ -122,8 +123,7 @@ int64_t GetExtendedMapReplyWantedLength(const GetExtendedMapReply* reply, FSULON
 }
 
 FSULONG GetExtendedMapReplyLength(const GetExtendedMapReply* reply, FSULONG bufferSize) {
-  return Clamp(GetExtendedMapReplyWantedLength(reply, bufferSize), sizeof(GetExtendedMapReply),
-               bufferSize);
+  return Clamp(GetExtendedMapReplyWantedLength(reply, bufferSize), bufferSize);
 }
 
 }  // namespace kestrix

@@ -170,14 +170,16 @@ TEST(SpSupLengthTest, VolumeAndMapReplies) {
   for (int k = 0; k < 60; ++k) t.As<FSUNI>(152)[k] = 'z';
   EXPECT_EQ(GetVolumeReplyLength(t.As<GetVolumeReply>(), 272), 272u);
   EXPECT_EQ(GetExtendedMapReplyWantedLength(t.As<GetExtendedMapReply>(), 184), 160 + 2 * 17);
-  // Map replies: too long is capped, a negative msgLen keeps the fixed part.
+  // Map replies: too long is capped, a negative msgLen gives the empty map's 162.
   GetExtendedMapReply* e = m.As<GetExtendedMapReply>();
   for (auto [msgLen, wanted, length] : {std::tuple{64, 226, 226u}, {0, 162, 162u},
-                                        {70000, 70162, 65536u}, {-100000, -99838, 152u}}) {
+                                        {70000, 70162, 65536u}, {-100000, -99838, 162u}}) {
     e->map.msgLen = msgLen;
     EXPECT_EQ(GetExtendedMapReplyWantedLength(e, 65536), wanted) << "msgLen " << msgLen;
     EXPECT_EQ(GetExtendedMapReplyLength(e, 65536), length) << "msgLen " << msgLen;
   }
+  // No map written (msgLen 0, no text): 162, below the struct's 224 bytes.
+  EXPECT_EQ(GetInitialMapReplyLength(m.As<GetInitialMapReply>(), 65536), 162u);
   m.As<GetInitialMapReply>()->map.msgLen = 96;
   PutText(m.As<FSUNI>(224), u"abc");
   EXPECT_EQ(GetInitialMapReplyLength(m.As<GetInitialMapReply>(), 65536), 160u + 96 + 8);
