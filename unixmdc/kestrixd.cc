@@ -90,7 +90,9 @@ Options ParseOptions(int argc, char** argv) {
 
   optind = 0;  // a fresh scan, also when called more than once in a process
   int c;
-  while ((c = getopt(argc, argv, "dl:s:t:m:f:?")) != -1) {
+  // The leading '+' stops the scan at the first word that is not an option,
+  // instead of letting the C library move later options forward.
+  while ((c = getopt(argc, argv, "+dl:s:t:m:f:?")) != -1) {
     switch (c) {
       case 'd':
         ++options.foregroundCount;

@@ -34,6 +34,9 @@ TEST(DaemonOptionsE2E, DefaultsAndClampedValuesShowInTheStartLine) {
             "Print kestrixd started. Threads:10 Sem:FALSE Tracker:2000");
   EXPECT_EQ(StartLine({"-t", "-5", "-t", "99", "-m", "2000"}),
             "Print kestrixd started. Threads:99 Sem:TRUE Tracker:2000");
+  // Options after the first word that is not one are not read.
+  EXPECT_EQ(StartLine({"-t", "5", "stray", "-t", "7", "-x"}),
+            "Print kestrixd started. Threads:5 Sem:TRUE Tracker:100");
 }
 
 TEST(DaemonOptionsE2E, LogLevelOptionFiltersLines) {
