@@ -56,6 +56,11 @@ void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, vo
 
 void DgramServer(uint16_t port) {
   LAN_InitServer(&info);
+  if (info == nullptr) {
+    // Nothing can be served without the LAN server's record.
+    OSL_Log(KSX_ERROR, "kestrixd: no memory for the LAN server.\n");
+    exit(1);
+  }
   info->addressCompare = DGRAM_CompareAddresses;
   FSMDCSP_Init();
   LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
