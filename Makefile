@@ -1,11 +1,12 @@
 # make run   build, then run kestrixd in the foreground with the demo plug-in
-# make test  build, then run every test, also under ASan + UBSan
+# make test  build, then run every test, also under ASan + UBSan and ThreadSanitizer
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+TSAN_BUILD ?= build-tsan
 CMAKE_GEN  ?= -G Ninja
 JOBS       ?= 2
 
-.PHONY: all build asan run test unit e2e test-asan bench fuzz clean
+.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz clean
 
 all: build
 
@@ -17,13 +18,19 @@ asan:
 	@cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKESTRIX_SANITIZE=ON >/dev/null
 	@cmake --build $(ASAN_BUILD)
 
+tsan:
+	@cmake -S . -B $(TSAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIX_TSAN=ON >/dev/null
+	@cmake --build $(TSAN_BUILD)
+
 run: build
 	@scripts/demo.sh $(BUILD)
 
-test: build asan
+test: build asan tsan
 	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --test-dir $(ASAN_BUILD) -j$(JOBS) --output-on-failure
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir $(TSAN_BUILD) -j$(JOBS) --output-on-failure
 
 unit: build
 	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure -LE e2e
@@ -37,4 +44,4 @@ bench:
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BUILD)-bench

@@ -20,6 +20,8 @@ FSLONG libCount = 0;
 VolumeDispatcher dispatchListHeadGlb = {};
 void* dispatchListLock = nullptr;
 
+static bool s_purgeThreadStarted = false;
+
 int CompareVolCookies(const uint8_t* a, const uint8_t* b) {
   return std::memcmp(a, b, FS_COOKIE_SIZE);
 }
@@ -44,7 +46,7 @@ int FSMDCSP_Init(void) {
     libs[libCount++] = library;
     if (library->FS_SetLog != nullptr) library->FS_SetLog(g_LogLevel, nullptr);
   }
-  OSL_CreateThread(PurgeLeaseThread, nullptr);
+  s_purgeThreadStarted = OSL_CreateThread(PurgeLeaseThread, nullptr) == 0;
   return result;
 }
 
@@ -93,6 +95,10 @@ LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* libra
 }  // extern "C"
 
 namespace kestrix {
+
+bool ServiceProviderReady() {
+  return dispatchListLock != nullptr && leaseListLock != nullptr && s_purgeThreadStarted;
+}
 
 void InitDispatchList() {
   dispatchListLock = OSL_SemCreate(1);

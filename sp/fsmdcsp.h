@@ -63,6 +63,8 @@ inline constexpr FSULONG kMaxUdpPayload = 65507;
 FSULONG MaxDgramFromText(const char* text);
 // Creates the dispatcher lock and empties the dispatcher list.
 void InitDispatchList();
+// After FSMDCSP_Init: both locks were created and the purge thread runs.
+bool ServiceProviderReady();
 }  // namespace kestrix
 #endif
 

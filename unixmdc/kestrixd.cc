@@ -39,6 +39,15 @@ void Usage(const char* programName) {
           programName);
 }
 
+// A lock or thread that start-up could not create ends the daemon: a
+// missing lock would silently turn every guard of it into a no-op, and
+// without the purge thread no lease would ever expire.
+static void RequireForStartup(bool created, const char* what) {
+  if (created) return;
+  OSL_Log(KSX_ERROR, "kestrixd: cannot create %s.\n", what);
+  exit(1);
+}
+
 void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, void* server) {
   uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
   memset(commCookie, 0, sizeof commCookie);
@@ -61,8 +70,11 @@ void DgramServer(uint16_t port) {
     OSL_Log(KSX_ERROR, "kestrixd: no memory for the LAN server.\n");
     exit(1);
   }
+  RequireForStartup(info->trackerLock != nullptr, "the tracker lock");
   info->addressCompare = DGRAM_CompareAddresses;
   FSMDCSP_Init();
+  RequireForStartup(kestrix::ServiceProviderReady(),
+                    "the service provider's locks or its lease purge thread");
   LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
   int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
   if (rc != 0) {
@@ -75,6 +87,7 @@ void DgramServer(uint16_t port) {
 void startup(void) {
   OSL_Log(KSX_SP, "kestrixd startup() activated\n");
   g_kestrixdsem = OSL_SemCreate(1);
+  RequireForStartup(g_kestrixdsem != nullptr, "the message semaphore");
   DgramServer(kestrix::ServicePort());
   OSL_Log(KSX_PRINT, "kestrixd started. Threads:%d Sem:%s Tracker:%d\n", g_ListenerThreads,
           g_use_dgramServer_MessageHandler_sem != 0 ? "TRUE" : "FALSE", g_MaxDuplicateMessages);

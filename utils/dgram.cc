@@ -46,7 +46,20 @@ int DGRAM_BindListener(uint16_t port, DgramHandler handler, void* serverArg, int
   listener->handler = handler;
   listener->port = port;
   listener->serverArg = serverArg;
-  for (int i = 0; i < threads; ++i) OSL_CreateThread(PrimaryListener, listener);
+  int started = 0;
+  for (int i = 0; i < threads; ++i) {
+    int rc = OSL_CreateThread(PrimaryListener, listener);
+    if (rc == 0) {
+      ++started;
+    } else {
+      OSL_Log(KSX_ERROR, "DGRAM: cannot start listener thread %d: %s\n", i, std::strerror(rc));
+    }
+  }
+  // With no thread to receive, nothing would ever be served.
+  if (started == 0 && threads > 0) {
+    CloseSocket(listener->socket);
+    return DGRAM_NO_SOCKET;
+  }
   return DGRAM_OK;
 }
 

@@ -15,6 +15,15 @@
 
 namespace {
 
+// numReplies changes under trackerLock; the purge's quick test reads it
+// without the lock, so every access is atomic.
+FSULONG Replies(const LanServerInfo* server) {
+  return __atomic_load_n(&server->numReplies, __ATOMIC_RELAXED);
+}
+void AddReplies(LanServerInfo* server, int delta) {
+  __atomic_fetch_add(&server->numReplies, static_cast<FSULONG>(delta), __ATOMIC_RELAXED);
+}
+
 bool Tracked(const LanHeader* request) { return (request->flags & LAN_FLAG_TRACK) != 0; }
 
 bool SameIdentity(const TrackerEntry* entry, const uint8_t* commCookie,
@@ -98,7 +107,7 @@ LanHeader* LAN_HandleDuplicate(LanServerInfo* server, const uint8_t* commCookie,
   if (found->replyCopy == nullptr) return nullptr;  // still in process
   LanHeader* copy = LAN_MakeMessageCopy(found->replyCopy);
   if (copy == nullptr) return nullptr;  // no memory: dropped like an in-process copy
-  ++numDupsRepliedTo;
+  __atomic_fetch_add(&numDupsRepliedTo, 1, __ATOMIC_RELAXED);
   char id[3 * LAN_MSGID_SIZE + 1];
   OSL_Log(KSX_SP, "LAN_HandleDuplicate: Found duplicate message. id:%s\n",
           bytesToString(request->messageID, LAN_MSGID_SIZE, id));
@@ -136,20 +145,20 @@ int LAN_RegisterComplete(LanServerInfo* server, const uint8_t* commCookie,
   if (entry->replyCopy != nullptr) {
     ksxmem_free(entry->replyCopy);
     entry->replyCopy = nullptr;
-    --server->numReplies;
+    AddReplies(server, -1);
   }
   entry->replyCopy = LAN_MakeMessageCopy(reply);
-  if (entry->replyCopy != nullptr) ++server->numReplies;
+  if (entry->replyCopy != nullptr) AddReplies(server, 1);
   return 0;
 }
 
 int PurgeTrackerList(LanServerInfo* server) {
   if (!g_TrackMessages) return 0;
   const auto bound = static_cast<FSULONG>(g_MaxDuplicateMessages);
-  if (server->numReplies <= bound) return 0;
+  if (Replies(server) <= bound) return 0;
   kestrix::SemGuard lock(server->trackerLock);
   TrackerEntry* e = server->tracker.next;
-  while (e != &server->tracker && server->numReplies >= bound) {
+  while (e != &server->tracker && Replies(server) >= bound) {
     TrackerEntry* next = e->next;
     if (e->replyCopy != nullptr) {
       OSL_Log(KSX_SP, "purging tracker\n");
@@ -157,7 +166,7 @@ int PurgeTrackerList(LanServerInfo* server) {
       ksxmem_free(e->headerCopy);
       ksxmem_free(e->replyCopy);
       ksxmem_free(e);
-      --server->numReplies;
+      AddReplies(server, -1);
     }
     e = next;
   }

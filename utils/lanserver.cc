@@ -81,7 +81,7 @@ LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* 
     reply = LAN_HandleDuplicate(server, commCookie, request, &isDuplicate);
     if (reply == nullptr && isDuplicate) {
       OSL_Log(KSX_SP, "Dropping duplicate message.\n");
-      ++numDupsDropped;
+      __atomic_fetch_add(&numDupsDropped, 1, __ATOMIC_RELAXED);
       OSL_SemUp(server->trackerLock);
       return nullptr;
     }
@@ -104,8 +104,11 @@ LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* 
 }
 
 void LAN_DumpInfo(void) {
-  OSL_Log(KSX_PRINT, "Number of duplicate messages responded to: %d\n", numDupsRepliedTo);
-  OSL_Log(KSX_PRINT, "Number of duplicate messages dropped:      %d\n", numDupsDropped);
+  // The counters change under trackerLock; this dump reads them without it.
+  OSL_Log(KSX_PRINT, "Number of duplicate messages responded to: %d\n",
+          __atomic_load_n(&numDupsRepliedTo, __ATOMIC_RELAXED));
+  OSL_Log(KSX_PRINT, "Number of duplicate messages dropped:      %d\n",
+          __atomic_load_n(&numDupsDropped, __ATOMIC_RELAXED));
 }
 
 }  // extern "C"

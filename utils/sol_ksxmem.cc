@@ -43,6 +43,11 @@ int32_t s_listInit = 0;     // list-initialised flag
 
 constexpr int32_t kBaseAlign = 8;
 
+// g_kmemstat changes under the allocator's lock but is read without it (log
+// lines, statistics), so every access is atomic.
+int32_t MemStat() { return __atomic_load_n(&g_kmemstat, __ATOMIC_RELAXED); }
+void AddMemStat(int32_t delta) { __atomic_fetch_add(&g_kmemstat, delta, __ATOMIC_RELAXED); }
+
 uint32_t RoundUp8(uint32_t n) { return (n + 7u) & ~7u; }
 
 MemBlockHeader* HeaderOf(void* p) {
@@ -128,7 +133,7 @@ void* ksxmem_memalign(int32_t align, int32_t size, const char* tagText) {
   *GuardOf(p, size) = KSXMEM_GUARD;
 
   ksxmem_sem(1);
-  g_kmemstat += static_cast<int32_t>(total);
+  AddMemStat(static_cast<int32_t>(total));
   header->next = sol_ksxmemHead.next;
   header->prev = &sol_ksxmemHead;
   sol_ksxmemHead.next->prev = header;
@@ -136,7 +141,7 @@ void* ksxmem_memalign(int32_t align, int32_t size, const char* tagText) {
   ksxmem_sem(0);
 
   OSL_Log(KSX_DEBUG1, "ksxmem_memalign\tp:%p size:%d tag:%s used:%d sizeofMem:%d orig:%p\n", p,
-          static_cast<int32_t>(total), callerTag, g_kmemstat, g_sizeofMem, orig);
+          static_cast<int32_t>(total), callerTag, MemStat(), g_sizeofMem, orig);
   return p;
 }
 
@@ -162,10 +167,10 @@ int32_t free_up(void* p, int32_t takeLock) {
   *guard = 0;
 
   OSL_Log(KSX_DEBUG1, "ksxmem_free\tp:%p size:%d tag:%s used:%d orig:%p\n", p, static_cast<int32_t>(header->total),
-          tag(header->tag, tagText), g_kmemstat, header->orig);
+          tag(header->tag, tagText), MemStat(), header->orig);
 
   if (takeLock) ksxmem_sem(1);
-  g_kmemstat -= static_cast<int32_t>(header->total);
+  AddMemStat(-static_cast<int32_t>(header->total));
   header->prev->next = header->next;
   header->next->prev = header->prev;
   if (takeLock) ksxmem_sem(0);
@@ -180,7 +185,7 @@ int32_t free_up(void* p, int32_t takeLock) {
 
 void ksxmem_walk(int32_t ignored) {
   OSL_Log(KSX_PRINT, "**************** ksxmem_walk Start ****************\n");
-  OSL_Log(KSX_PRINT, "ksxmem_walk total memory:%d\n", g_kmemstat);
+  OSL_Log(KSX_PRINT, "ksxmem_walk total memory:%d\n", MemStat());
   char tagText[5];
   ksxmem_sem(1);
   for (MemBlockHeader* cur = sol_ksxmemHead.next; cur != &sol_ksxmemHead; cur = cur->next) {
@@ -193,7 +198,7 @@ void ksxmem_walk(int32_t ignored) {
 
 void ksxmem_destroy(void) {
   OSL_Log(KSX_INFO, "MEM_destroy Start\n");
-  OSL_Log(KSX_INFO, "MEM_destroy total memory:%d\n", g_kmemstat);
+  OSL_Log(KSX_INFO, "MEM_destroy total memory:%d\n", MemStat());
   char tagText[5];
   ksxmem_sem(1);
   MemBlockHeader* cur = sol_ksxmemHead.next;
@@ -201,7 +206,7 @@ void ksxmem_destroy(void) {
     MemBlockHeader* next = cur->next;
     void* user = reinterpret_cast<char*>(cur) + g_sizeofMem;
     OSL_Log(KSX_INFO, "ksxmem_destroy\tp:%p size:%d tag:%s used:%d orig:%p\n", user, static_cast<int32_t>(cur->total),
-            tag(cur->tag, tagText), g_kmemstat, cur->orig);
+            tag(cur->tag, tagText), MemStat(), cur->orig);
     free_up(user, 0);
     cur = next;
   }
@@ -210,7 +215,7 @@ void ksxmem_destroy(void) {
 }
 
 void ksxmem_stats(uint32_t* used, uint32_t* zero) {
-  if (used != nullptr) *used = static_cast<uint32_t>(g_kmemstat);
+  if (used != nullptr) *used = static_cast<uint32_t>(MemStat());
   if (zero != nullptr) *zero = 0;
 }
 
@@ -219,7 +224,7 @@ char* ksxmem_gettag(void* p, char* destination) {
   MemBlockHeader* header = reinterpret_cast<MemBlockHeader*>(static_cast<char*>(p) - sizeof(MemBlockHeader));
   char tagText[5];
   OSL_Log(KSX_DEBUG1, "ksxmem_gettag\tp:%p size:%d tag:%s used:%d orig:%p\n", static_cast<void*>(header),
-          static_cast<int32_t>(header->total), tag(header->tag, tagText), g_kmemstat, header->orig);
+          static_cast<int32_t>(header->total), tag(header->tag, tagText), MemStat(), header->orig);
   return tag(header->tag, destination);
 }
 

@@ -127,12 +127,7 @@ int DaemonProcess::WaitExit(int timeoutMs) {
 }
 
 bool DaemonProcess::WaitForLog(const std::string& needle, int timeoutMs) const {
-  auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (Clock::now() < deadline) {
-    if (Log().find(needle) != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return Log().find(needle) != std::string::npos;
+  return PollUntil([&] { return Log().find(needle) != std::string::npos; }, timeoutMs);
 }
 
 }  // namespace kestrix::test

@@ -3,10 +3,12 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 
 namespace kestrix::test {
@@ -50,6 +52,15 @@ int CountOf(const std::string& haystack, const std::string& needle) {
        pos = haystack.find(needle, pos + needle.size()))
     ++n;
   return n;
+}
+
+bool PollUntil(const std::function<bool()>& done, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return done();
 }
 
 }  // namespace kestrix::test

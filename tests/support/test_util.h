@@ -2,6 +2,7 @@
 #ifndef KESTRIX_TESTS_SUPPORT_TEST_UTIL_H_
 #define KESTRIX_TESTS_SUPPORT_TEST_UTIL_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@ void WriteFile(const std::string& path, const std::string& contents);
 std::vector<std::string> SplitLines(const std::string& text);
 // Number of occurrences of needle in haystack.
 int CountOf(const std::string& haystack, const std::string& needle);
+// Calls done every 10 ms until it returns true (true) or timeoutMs pass (false).
+bool PollUntil(const std::function<bool()>& done, int timeoutMs);
 
 // Points the daemon's log at a file of its own at the given level for the
 // lifetime of the object. The file's lines look like "Error text".

@@ -6,13 +6,16 @@
 #include <string.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
 #include "support/test_util.h"
 #include "support/testfs.h"
+#include "sp/lease.h"
 #include "utils/ksxmem.h"
+#include "utils/osl.h"
 
 namespace kestrix::test {
 namespace {
@@ -37,13 +40,25 @@ class FsmdcspInitTest : public ::testing::Test {
   LogCapture log_{9};
 };
 
+std::atomic<uint32_t> g_now{1000};
+
 TEST_F(FsmdcspInitTest, NoDirectoryLeavesTableEmptyAndStillStartsThePurgeThread) {
   setenv("KESTRIX_LIBDIR", lib_.File("absent").c_str(), 1);
-  const auto threads = std::distance(fs::directory_iterator("/proc/self/task"), {});
+  SetClockForTesting([] { return g_now.load(); });
   EXPECT_EQ(FSMDCSP_Init(), 0);
   EXPECT_EQ(libCount, 0);
-  EXPECT_EQ(std::distance(fs::directory_iterator("/proc/self/task"), {}), threads + 1);
+  EXPECT_TRUE(ServiceProviderReady());
   ExpectInitLines(1, 0, 0, nullptr);
+
+  // The purge thread runs: a lease whose time is up goes without anyone asking.
+  const uint8_t cookie[FS_COOKIE_SIZE] = {7};
+  const FSUNI noName[1] = {0};
+  FSULONG key = 0;
+  ASSERT_EQ(AddLeaseToList(cookie, cookie, cookie, cookie, 1, 0, &key, nullptr, noName), 0);
+  g_now = 1000 + kLeaseGraceMs;
+  LeaseEntry copy;
+  EXPECT_TRUE(PollUntil([&] { return GetLeaseCopy(key, &copy) == LEASE_NOT_FOUND_COPY; }, 15000));
+  SetClockForTesting(nullptr);
 }
 
 TEST_F(FsmdcspInitTest, RefusedLibrariesTakeNoSlotAndTheAcceptedOneGetsTheLogLevel) {
