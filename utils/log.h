@@ -4,6 +4,11 @@
 // read through g_LogLevel on every call. The destination is the system log,
 // standard output, or a file opened for each message. A level-0 message ends
 // the process with a core image.
+//
+// Threads may log while OSL_SetLog changes the destination: each line goes
+// whole to the destination in force when it is written, never to a half
+// changed one. Text that came from a request is passed through
+// kestrix::LogSafe so that it cannot start a line of its own.
 #ifndef KESTRIX_UTILS_LOG_H_
 #define KESTRIX_UTILS_LOG_H_
 
@@ -27,8 +32,11 @@ enum {
   KSX_HIGH = 12,
 };
 
-extern int* g_LogLevel;          // the current level, read on every call
-extern char g_filename[1024];    // "SYSTEM", "" (standard output) or a file path
+// The current level, read on every call. The daemon reads and writes both the
+// pointer and the int with atomic loads and stores.
+extern int* g_LogLevel;
+// "SYSTEM", "" (standard output) or a file path; changed only by OSL_SetLog.
+extern char g_filename[1024];
 extern const char* LogLevel2Str[13];
 
 void OSL_Log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -42,8 +50,37 @@ void ForceCore(void) __attribute__((noreturn));
 }  // extern "C"
 
 namespace kestrix {
+
+// Writes level into the int g_LogLevel points at; every thread sees it at
+// its next log call.
+void StoreLogLevel(int level);
+// g_LogLevel itself, for handing to the libraries' FS_SetLog.
+int* LogLevelPointer();
+// True when OSL_SetLog would take destination as a file name: neither empty
+// nor "SCREEN" nor "SYSTEM" (in any case).
+bool IsFileDestination(const char* destination);
+
+// A text for one argument of a log line, rendered so that it cannot break
+// the line: control bytes (0x01-0x1F, 0x7F), the C1 controls U+0080-U+009F
+// and bytes that are not part of well-formed UTF-8 appear as \xNN. Other
+// characters, backslashes included, stay as they are. A text that needs no
+// escape is used in place; an escaped one is cut, at a whole character, to
+// the 1023 bytes a log line can hold.
+class LogSafe {
+ public:
+  explicit LogSafe(const char* text);
+  LogSafe(const LogSafe&) = delete;
+  LogSafe& operator=(const LogSafe&) = delete;
+  const char* c_str() const { return text_; }
+
+ private:
+  const char* text_;
+  char escaped_[1024];
+};
+
 // Where ksx_setLogLevel writes; tests point it away from /opt.
 void SetLevelFilePathForTesting(const char* path);
+
 }  // namespace kestrix
 #endif
 

@@ -43,6 +43,28 @@ TEST(LogTest, LevelFileHoldsDigitsPaddedTo32Bytes) {
   kestrix::SetLevelFilePathForTesting(nullptr);
 }
 
+TEST(LogTest, LogSafeEscapesControlsAndMalformedBytesOnly) {
+  const std::string feeds(255, '\n');  // 1020 bytes once escaped
+  std::string escaped;
+  for (size_t i = 0; i < feeds.size(); ++i) escaped += "\\x0a";
+  const struct {
+    std::string in, out;
+  } kCases[] = {
+      {"plain [text] \\ back\\x0a", "plain [text] \\ back\\x0a"},
+      {"a\nb\r", "a\\x0ab\\x0d"},
+      {"\x01\x1f\x7f", "\\x01\\x1f\\x7f"},
+      {"\xc3\xa9\xe6\x97\xa5\xf0\x9f\x98\x80", "\xc3\xa9\xe6\x97\xa5\xf0\x9f\x98\x80"},
+      {"\xc2\x85", "\\xc2\\x85"},                      // C1 control (next line)
+      {"\xc3", "\\xc3"},                                // cut character
+      {"\xe0\x80\x80", "\\xe0\\x80\\x80"},              // overlong
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},              // surrogate
+      {"\xf4\x90\x80\x80\xff", "\\xf4\\x90\\x80\\x80\\xff"},  // above U+10FFFF
+      {feeds + "\xe6\x97\xa5", escaped + "\xe6\x97\xa5"},  // 1023 bytes
+      {feeds + "\xf0\x9f\x98\x80", escaped},               // cut before the character
+  };
+  for (const auto& c : kCases) EXPECT_EQ(kestrix::LogSafe(c.in.c_str()).c_str(), c.out) << c.in;
+}
+
 // The core image itself is not wanted in a test run.
 void PanicWithoutCoreFile() {
   struct rlimit noCore = {0, 0};
