@@ -151,7 +151,8 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
     kestrix::dlist::InsertFront(&leaseListHeadGlb, lease);
     char name[kFileNameBytes] = "";
     if (fileName != nullptr) fsuni2mb(name, fileName, kFileNameBytes);
-    OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key, name);
+    OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key,
+            kestrix::LogSafe(name).c_str());
   }
 
   addInCriticalSection = false;

@@ -225,7 +225,7 @@ void SPSUP_DumpGetVolumeMsg(const GetVolumeMsg* msg) {
   char path[1024];
   const FSULONG units = kestrix::fsuninlength(msg->path, SP_PATH_UNITS);
   utf16array_to_utf8asciz(msg->path, static_cast<int32_t>(units), path, sizeof(path));
-  OSL_Log(KSX_SP, "%s %s\n", "path", path);
+  OSL_Log(KSX_SP, "%s %s\n", "path", kestrix::LogSafe(path).c_str());
 }
 
 void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
@@ -234,10 +234,10 @@ void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
   size_t pos = 0;
   char line[kestrix::kNameLineMax + 1];
   kestrix::NarrowNameLine(area, sizeof(msg->names), &pos, line);
-  OSL_Log(KSX_SP, "share: [%s]\n", line);
+  OSL_Log(KSX_SP, "share: [%s]\n", kestrix::LogSafe(line).c_str());
   // The file-name walk goes on where the share walk stopped.
   kestrix::NarrowNameLine(area, sizeof(msg->names), &pos, line);
-  OSL_Log(KSX_SP, "filename:[%s]\n", line);
+  OSL_Log(KSX_SP, "filename:[%s]\n", kestrix::LogSafe(line).c_str());
   LogInt("lease", static_cast<int>(msg->lease));
   LogInt("intention", static_cast<int>(msg->intention));
   LogInt("flag", static_cast<int>(msg->flag));

@@ -59,7 +59,7 @@ bool TakePath(const char* line, const char* fileName, const char* shareName, cha
   if (start == nullptr) {
     OSL_Log(KSX_ERROR,
             "parseSmbConfFile: The path line for [%s] in [%s] holds no absolute path.\n",
-            shareName, fileName);
+            LogSafe(shareName).c_str(), fileName);
     return false;
   }
   const char* end = strchr(start, ' ');
@@ -68,7 +68,7 @@ bool TakePath(const char* line, const char* fileName, const char* shareName, cha
   if (len > kNameSize - 1) {
     OSL_Log(KSX_ERROR,
             "parseSmbConfFile: The path for [%s] in [%s] is longer than %d bytes.\n",
-            shareName, fileName, kNameSize - 1);
+            LogSafe(shareName).c_str(), fileName, kNameSize - 1);
     return false;
   }
   memcpy(path, start, len);
@@ -84,13 +84,14 @@ int32_t LookUpHome(const char* shareName, char* path) {
   if (!f) return -1;
   // An empty share name has no second character; compare with "" instead.
   const char* refName = shareName[0] != '\0' ? shareName + 1 : shareName;
+  const LogSafe safeRefName(refName);
   char line[kLineSize];
   char userName[kPasswdFieldSize];
   char homeDir[kPasswdFieldSize];
   while (ReadLine(f.get(), line)) {
     if (token_getNumTokens(line, ':') <= 1) continue;
     token_getToken(line, ':', 0, userName, sizeof userName);
-    OSL_Log(KSX_DEBUG1, "username is [%s] volName is [%s]\n", userName, refName);
+    OSL_Log(KSX_DEBUG1, "username is [%s] volName is [%s]\n", userName, safeRefName.c_str());
     if (strcmp(refName, userName) == 0) {
       token_getToken(line, ':', 5, homeDir, sizeof homeDir);
       memcpy(path, homeDir, strlen(homeDir) + 1);
@@ -109,14 +110,14 @@ int32_t StoreMountPoint(const char* text, FSUNI* out, int32_t capacityUnits) {
                                       kNameSize);
   if (n < 0) {
     OSL_Log(KSX_ERROR, "OSL_ShareNameToMountPoint: The mount point [%s] is not valid UTF-8.\n",
-            text);
+            LogSafe(text).c_str());
     return 3;
   }
   // Capacity too small: result 3, never a truncated mount point.
   if (capacityUnits <= n) {
     OSL_Log(KSX_ERROR,
             "OSL_ShareNameToMountPoint: The mount point [%s] does not fit in %d units.\n",
-            text, capacityUnits);
+            LogSafe(text).c_str(), capacityUnits);
     return 3;
   }
   memcpy(out, units, static_cast<size_t>(n) * sizeof(FSUNI));
@@ -151,7 +152,8 @@ int32_t OSL_ShareNameToMountPoint(const FSUNI* shareName, FSUNI* mountPoint,
   if (name[0] == '/') return kestrix::StoreMountPoint(name, mountPoint, capacityUnits);
 
   if (sambaCheck(name, path) == -1) {
-    OSL_Log(KSX_ERROR, "FTX1201W OSL_ShareNameToMountPoint failed name is : %s\n", name);
+    OSL_Log(KSX_ERROR, "FTX1201W OSL_ShareNameToMountPoint failed name is : %s\n",
+            kestrix::LogSafe(name).c_str());
     return 3;
   }
   return kestrix::StoreMountPoint(path[0] != '\0' ? path : name, mountPoint, capacityUnits);
@@ -175,7 +177,7 @@ int32_t sambaCheck(const char* shareName, char* path) {
     result = parseSmbConfFile(fileName, shareName, path);
     if (result == -1) {
       OSL_Log(KSX_ERROR, "sambaCheck: Could not find a samba share for [%s] in [%s].\n",
-              shareName, fileName);
+              kestrix::LogSafe(shareName).c_str(), fileName);
     }
     return result;
   }
@@ -198,7 +200,9 @@ int32_t sambaCheck(const char* shareName, char* path) {
 int32_t parseSmbConfFile(const char* fileName, const char* shareName, char* path) {
   int32_t result = -1;
   bool homes = false;
-  OSL_Log(KSX_DEBUG1, "parseSmbConfFile: Opening [%s] looking for [%s]\n", fileName, shareName);
+  const kestrix::LogSafe safeShareName(shareName);
+  OSL_Log(KSX_DEBUG1, "parseSmbConfFile: Opening [%s] looking for [%s]\n", fileName,
+          safeShareName.c_str());
 
   {
     File f(fopen(fileName, "r"));
@@ -209,10 +213,11 @@ int32_t parseSmbConfFile(const char* fileName, const char* shareName, char* path
     }
     char header[kestrix::kLineSize];
     snprintf(header, sizeof header, "[%s]", shareName);
+    const kestrix::LogSafe safeHeader(header);
     char line[kestrix::kLineSize];
     while (kestrix::ReadLine(f.get(), line)) {
-      OSL_Log(KSX_DEBUG1, "debug parseSmbConfFile: smbName is %s volName is %s\n", header,
-              shareName);
+      OSL_Log(KSX_DEBUG1, "debug parseSmbConfFile: smbName is %s volName is %s\n",
+              safeHeader.c_str(), safeShareName.c_str());
       if (strcmp(line, "[homes]") == 0) homes = true;
       if (strcmp(line, header) != 0) continue;
 
@@ -225,8 +230,8 @@ int32_t parseSmbConfFile(const char* fileName, const char* shareName, char* path
         }
       }
       if (found && kestrix::TakePath(line, fileName, shareName, path)) {
-        OSL_Log(KSX_DEBUG1, "parseSmbConfFile: Found [%s]. The path name is [%s]\n", shareName,
-                path);
+        OSL_Log(KSX_DEBUG1, "parseSmbConfFile: Found [%s]. The path name is [%s]\n",
+                safeShareName.c_str(), path);
         result = 0;
       }
       break;
