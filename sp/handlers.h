@@ -11,6 +11,7 @@ extern "C" {
 #endif
 
 LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* commCookie);
+LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* commCookie);
 
 #ifdef __cplusplus
 }  // extern "C"

@@ -4,10 +4,16 @@
 
 namespace kestrix {
 
-std::string LibraryDirectory() {
-  const char* dir = std::getenv("KESTRIX_LIBDIR");
-  return (dir != nullptr && *dir != '\0') ? dir : kDefaultLibraryDirectory;
+namespace {
+std::string Variable(const char* name, const char* unset) {
+  const char* value = std::getenv(name);
+  return (value != nullptr && *value != '\0') ? value : unset;
 }
+}  // namespace
+
+std::string LibraryDirectory() { return Variable("KESTRIX_LIBDIR", kDefaultLibraryDirectory); }
+
+std::string LogDirectory() { return Variable("KESTRIX_LOG_DIR", ""); }
 
 uint16_t ServicePort() {
   const char* text = std::getenv("KESTRIX_PORT");

@@ -1,7 +1,8 @@
-// The two testing extensions of the daemon, read in one place.
+// The daemon's environment extensions, read in one place.
 //
 // KESTRIX_LIBDIR replaces the plug-in directory "/opt/Kestrix/lib";
 // KESTRIX_PORT (decimal) replaces UDP port 5501. Unset, the defaults hold.
+// KESTRIX_LOG_DIR confines the files the "LOG" command may log to.
 #ifndef KESTRIX_UNIXMDC_CONFIG_H_
 #define KESTRIX_UNIXMDC_CONFIG_H_
 
@@ -18,6 +19,9 @@ std::string LibraryDirectory();
 // The UDP port the daemon binds; a value that is not a port in 1..65535
 // falls back to the default.
 uint16_t ServicePort();
+// The directory a "LOG" file destination must lie in; empty (unset or set
+// to nothing) when any file is taken.
+std::string LogDirectory();
 
 }  // namespace kestrix
 

@@ -76,6 +76,7 @@ void DgramServer(uint16_t port) {
   RequireForStartup(kestrix::ServiceProviderReady(),
                     "the service provider's locks or its lease purge thread");
   LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
+  LAN_RegisterMessageHandler(info, 7, SP_LanSendStringCmd);
   int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
   if (rc != 0) {
     OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);
