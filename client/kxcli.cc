@@ -37,6 +37,9 @@ void Usage() {
                "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
                "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
                "  raw CODE [LENGTH]         header-only request; prints the reply header\n"
+               "  log LEVEL [DESTINATION]   LOG string command: log level and destination\n"
+               "                            (SCREEN, SYSTEM or a file; none: system log)\n"
+               "  cmd TEXT                  any string command, sent as TEXT\n"
                "defaults: host 127.0.0.1, port $KESTRIX_PORT or %u, timeout %d ms\n",
                static_cast<unsigned>(kDefaultPort), kDefaultTimeoutMs);
 }
@@ -124,6 +127,61 @@ void PrintVolume(const Bytes& reply) {
     std::printf("(%zu of %u disks in the reply)\n", v->disks.size(), v->nDisks);
 }
 
+// Names of the results a reply can carry: LAN-level ones in the header,
+// service ones in the body.
+const char* ResultName(int32_t result, bool headerLevel) {
+  if (headerLevel) {
+    return result == LAN_RESULT_BAD_LENGTH ? "BAD_LENGTH"
+           : result == LAN_RESULT_NO_HANDLER ? "NO_HANDLER"
+                                             : "UNKNOWN";
+  }
+  switch (result) {
+    case SP_RESULT_OK: return "OK";
+    case SP_RESULT_LIBRARY_ONE: return "LIBRARY_ONE";
+    case SP_RESULT_UNKNOWN_SHARE: return "UNKNOWN_SHARE";
+    case SP_RESULT_NO_MEMORY: return "NO_MEMORY";
+    case SP_RESULT_SIZE_NOTICE: return "SIZE_NOTICE";
+    case SP_RESULT_NO_LIBRARY: return "NO_LIBRARY";
+    case SP_RESULT_NO_FILE_NAME: return "NO_FILE_NAME";
+    case SP_RESULT_KEY_NOT_FOUND: return "KEY_NOT_FOUND";
+    case SP_RESULT_LEASE_GONE: return "LEASE_GONE";
+    case SP_RESULT_LEASE_NOT_RENEWED: return "LEASE_NOT_RENEWED";
+    case SP_RESULT_FILE_NOT_FOUND: return "FILE_NOT_FOUND";
+    default: return "LIBRARY_STATUS";
+  }
+}
+
+// "log LEVEL [DESTINATION]": the pieces joined by '|', so that a destination
+// may hold blanks; a '|' of their own would split the command elsewhere.
+std::optional<Bytes> LogCommandRequest(const std::vector<std::string>& args) {
+  std::string text = "LOG";
+  for (size_t i = 1; i < args.size(); ++i) {
+    if (args[i].find('|') != std::string::npos) return std::nullopt;
+    text += "|" + args[i];
+  }
+  return kestrix::client::MakeStringCommandRequest(text);
+}
+
+void PrintCommandResult(const Bytes& reply) {
+  std::optional<kestrix::client::ReplyHeader> h = kestrix::client::ParseHeader(reply);
+  if (!h || h->result != 0 || h->functionCode != -SP_FUNC_SENDSTRINGCMD ||
+      reply.size() < sizeof(SendStringCmdReply)) {
+    if (h) PrintHeader(*h);
+    if (h && h->result != 0) std::printf("header result %s\n", ResultName(h->result, true));
+    std::printf("received %zu bytes: no string command reply\n", reply.size());
+    return;
+  }
+  uint32_t raw = kestrix::client::Read<uint32_t>(reply, offsetof(SendStringCmdReply, result));
+  auto result = static_cast<int32_t>(h->swapped ? __builtin_bswap32(raw) : raw);
+  std::printf("result %d %s\n", result, ResultName(result, false));
+}
+
+void PrintRawHeader(const Bytes& reply) {
+  std::optional<kestrix::client::ReplyHeader> header = kestrix::client::ParseHeader(reply);
+  if (header) PrintHeader(*header);
+  else std::printf("received %zu bytes: shorter than a header\n", reply.size());
+}
+
 struct Options {
   std::string host = "127.0.0.1";
   uint16_t port = kDefaultPort;
@@ -173,7 +231,7 @@ int Run(int argc, char** argv) {
 
   Bytes request;
   const std::string& command = args[0];
-  bool isRaw = false;
+  void (*print)(const Bytes&) = PrintVolume;
   if (command == "getvolume" && args.size() == 2) {
     request = kestrix::client::MakeGetVolumeRequest(args[1]);
   } else if (command == "getvolume-cookie" && args.size() == 2) {
@@ -195,7 +253,18 @@ int Run(int argc, char** argv) {
     }
     request = kestrix::client::MakeRequest(static_cast<int32_t>(*code), LAN_HEADER_SIZE);
     kestrix::client::HeaderOf(request)->length = static_cast<uint32_t>(*length);
-    isRaw = true;
+    print = PrintRawHeader;
+  } else if (command == "log" && (args.size() == 2 || args.size() == 3)) {
+    std::optional<Bytes> logRequest = LogCommandRequest(args);
+    if (!logRequest) {
+      std::fprintf(stderr, "kestrix-cli: LEVEL and DESTINATION cannot hold '|'\n");
+      return kExitUsage;
+    }
+    request = *logRequest;
+    print = PrintCommandResult;
+  } else if (command == "cmd" && args.size() == 2) {
+    request = kestrix::client::MakeStringCommandRequest(args[1]);
+    print = PrintCommandResult;
   } else {
     Usage();
     return kExitUsage;
@@ -218,13 +287,7 @@ int Run(int argc, char** argv) {
                  static_cast<unsigned>(options.port), options.timeoutMs);
     return kExitNoReply;
   }
-  if (isRaw) {
-    std::optional<kestrix::client::ReplyHeader> header = kestrix::client::ParseHeader(*reply);
-    if (header) PrintHeader(*header);
-    else std::printf("received %zu bytes: shorter than a header\n", reply->size());
-  } else {
-    PrintVolume(*reply);
-  }
+  print(*reply);
   return kExitReply;
 }
 

@@ -155,6 +155,12 @@ Bytes MakeGetVolumeRequest(const std::string& pathUtf8, const uint8_t* cookie) {
   return message;
 }
 
+Bytes MakeStringCommandRequest(const std::string& textUtf8) {
+  Bytes message = MakeRequest(SP_FUNC_SENDSTRINGCMD, sizeof(SendStringCmdMsg));
+  PutText(message, offsetof(SendStringCmdMsg, command), SP_PATH_UNITS - 1, ToUtf16(textUtf8));
+  return message;
+}
+
 std::optional<Bytes> ParseHex(const std::string& text, size_t maxBytes) {
   Bytes out;
   int high = -1;  // first digit of a pair, -1 between pairs

@@ -59,6 +59,8 @@ std::string ToUtf8(const std::u16string& text);
 // A GetVolume request (2228 bytes): the path, at most 1023 units so that
 // the terminator stays, and the 32-byte volume cookie (zeros when null).
 Bytes MakeGetVolumeRequest(const std::string& pathUtf8, const uint8_t* cookie = nullptr);
+// A SendStringCmd request (2128 bytes): the command text, at most 1023 units.
+Bytes MakeStringCommandRequest(const std::string& textUtf8);
 
 // Hex text to bytes. Blanks, ':' and '-' between digit pairs are skipped;
 // an odd digit count, another character or more than maxBytes bytes fails.
