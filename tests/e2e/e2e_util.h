@@ -2,11 +2,16 @@
 #ifndef KESTRIX_TESTS_E2E_E2E_UTIL_H_
 #define KESTRIX_TESTS_E2E_E2E_UTIL_H_
 
+#include <gtest/gtest.h>
+
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "client/kxclient.h"
 #include "support/daemon_process.h"
 #include "support/test_util.h"
+#include "support/testfs.h"
 
 namespace kestrix::test {
 
@@ -22,6 +27,41 @@ inline Bytes ExpectedLanReply(const Bytes& requestHeaderInHostOrder, int result)
   h->result = result;
   return reply;
 }
+
+// A daemon with testfs plug-ins steered from a directory of the test's own,
+// and one client endpoint to it.
+class PluginDaemonTest : public ::testing::Test {
+ protected:
+  void SetUp() override { daemon_.SetEnv("KESTRIX_TESTFS_DIR", steer_.path()); }
+  void Install(const std::string& variant, const std::string& name, const std::string& conf) {
+    InstallTestPlugin(variant, daemon_.libDir(), name);
+    TestFs(steer_.path(), name).Configure(conf);
+  }
+  void Start(std::vector<std::string> args = {"-l", "10"}) {
+    ASSERT_TRUE(daemon_.Start(args)) << daemon_.Log();
+    endpoint_ = std::make_unique<client::Endpoint>("127.0.0.1", daemon_.port());
+  }
+  Bytes Ask(const Bytes& request) {
+    auto reply = endpoint_->Transact(request);
+    EXPECT_TRUE(reply.has_value());
+    return reply.value_or(Bytes(48, 0));
+  }
+  // Library file names in the order the daemon accepted them.
+  std::vector<std::string> LoadOrder() const {
+    std::vector<std::string> names;
+    for (const auto& line : SplitLines(daemon_.Log())) {
+      const std::string mark = "Successfully loaded library ";
+      auto pos = line.find(mark);
+      if (pos != std::string::npos) names.push_back(line.substr(line.rfind('/') + 1));
+    }
+    return names;
+  }
+  TestFs Fs(const std::string& name) const { return TestFs(steer_.path(), name); }
+
+  TempDir steer_;
+  DaemonProcess daemon_;
+  std::unique_ptr<client::Endpoint> endpoint_;
+};
 
 }  // namespace kestrix::test
 

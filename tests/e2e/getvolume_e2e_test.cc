@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "e2e/e2e_util.h"
-#include "support/testfs.h"
 
 namespace kestrix::test {
 namespace {
@@ -28,41 +27,13 @@ std::string CookieAt(const Bytes& reply, size_t offset) {
                      strnlen(reinterpret_cast<const char*>(reply.data() + offset), 32));
 }
 
-class GetVolumeE2E : public ::testing::Test {
+class GetVolumeE2E : public PluginDaemonTest {
  protected:
   void SetUp() override {
-    daemon_.SetEnv("KESTRIX_TESTFS_DIR", steer_.path());
+    PluginDaemonTest::SetUp();
     WriteFile(daemon_.dir().File("smb.conf"),
               "[global]\n   workgroup = demo\n[data]\n   path = /export/data\n");
   }
-  void Install(const std::string& variant, const std::string& name, const std::string& conf) {
-    InstallTestPlugin(variant, daemon_.libDir(), name);
-    TestFs(steer_.path(), name).Configure(conf);
-  }
-  void Start(std::vector<std::string> args = {"-l", "10"}) {
-    ASSERT_TRUE(daemon_.Start(args)) << daemon_.Log();
-    endpoint_ = std::make_unique<Endpoint>("127.0.0.1", daemon_.port());
-  }
-  Bytes Ask(const Bytes& request) {
-    auto reply = endpoint_->Transact(request);
-    EXPECT_TRUE(reply.has_value());
-    return reply.value_or(Bytes(48, 0));
-  }
-  // Library file names in the order the daemon accepted them.
-  std::vector<std::string> LoadOrder() const {
-    std::vector<std::string> names;
-    for (const auto& line : SplitLines(daemon_.Log())) {
-      const std::string mark = "Successfully loaded library ";
-      auto pos = line.find(mark);
-      if (pos != std::string::npos) names.push_back(line.substr(line.rfind('/') + 1));
-    }
-    return names;
-  }
-  TestFs Fs(const std::string& name) const { return TestFs(steer_.path(), name); }
-
-  TempDir steer_;
-  DaemonProcess daemon_;
-  std::unique_ptr<Endpoint> endpoint_;
 };
 
 TEST_F(GetVolumeE2E, ShareServedBySecondLibraryAfterFirstRefuses) {

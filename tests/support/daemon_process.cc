@@ -25,9 +25,11 @@ std::vector<char*> Argv(std::vector<std::string>& words) {
   return argv;
 }
 
-// Forks and execs program; stderr goes to errPath when it is not empty.
+// Forks and execs program; stderr goes to errPath and stdout to outPath
+// when they are not empty.
 pid_t Spawn(const std::string& program, std::vector<std::string> args,
-            const std::map<std::string, std::string>& env, const std::string& errPath) {
+            const std::map<std::string, std::string>& env, const std::string& errPath,
+            const std::string& outPath = "") {
   std::vector<std::string> words{program};
   words.insert(words.end(), args.begin(), args.end());
   pid_t pid = fork();
@@ -36,6 +38,10 @@ pid_t Spawn(const std::string& program, std::vector<std::string> args,
   if (!errPath.empty()) {
     int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd >= 0) dup2(fd, 2);
+  }
+  if (!outPath.empty()) {
+    int fd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd >= 0) dup2(fd, 1);
   }
   int devnull = open("/dev/null", O_RDONLY);
   if (devnull >= 0) dup2(devnull, 0);
@@ -107,7 +113,7 @@ bool DaemonProcess::Start(const std::vector<std::string>& extraArgs, int timeout
   if (env.find("KESTRIX_SMBPATH") == env.end()) env["KESTRIX_SMBPATH"] = dir_.File("smb.conf");
   std::vector<std::string> args{"-d", "-f", logPath_};
   args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-  pid_ = Spawn(binary_, args, env, dir_.File("stderr.txt"));
+  pid_ = Spawn(binary_, args, env, dir_.File("stderr.txt"), dir_.File("stdout.txt"));
   return WaitForLog("kestrixd started.", timeoutMs);
 }
 

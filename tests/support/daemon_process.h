@@ -49,6 +49,9 @@ class DaemonProcess {
   uint16_t port() const { return port_; }
   const std::string& logPath() const { return logPath_; }
   std::string Log() const { return ReadFile(logPath_); }
+  // What the process wrote to standard output and standard error.
+  std::string Stdout() const { return ReadFile(dir_.File("stdout.txt")); }
+  std::string Stderr() const { return ReadFile(dir_.File("stderr.txt")); }
   // Polls the log until it contains needle.
   bool WaitForLog(const std::string& needle, int timeoutMs = 5000) const;
   const TempDir& dir() const { return dir_; }
