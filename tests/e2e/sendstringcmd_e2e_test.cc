@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
 #include <thread>
 
 #include "e2e/e2e_util.h"
@@ -15,21 +16,23 @@ using client::Read;
 
 class SendStringCmdE2E : public PluginDaemonTest {
  protected:
-  // Every text is answered with the same 2132-byte reply, result 0.
-  void Command(const std::string& text, client::Endpoint* endpoint = nullptr) {
-    auto reply = (endpoint != nullptr ? endpoint : endpoint_.get())
-                     ->Transact(client::MakeStringCommandRequest(text));
-    ASSERT_TRUE(reply.has_value()) << text;
-    EXPECT_EQ(reply->size(), 2132u) << text;
-    EXPECT_EQ(Read<int32_t>(*reply, 24), -7) << text;
-    EXPECT_EQ(Read<uint32_t>(*reply, 28), 2132u) << text;
-    EXPECT_EQ(Read<int32_t>(*reply, 48), 0) << text;
+  // Every text gets the same 2132-byte reply with result 0.
+  void Command(const std::string& text, client::Endpoint* to = nullptr) {
+    Bytes reply = (to != nullptr ? to : endpoint_.get())
+                      ->Transact(client::MakeStringCommandRequest(text))
+                      .value_or(Bytes());
+    EXPECT_EQ(reply.size(), 2132u) << text;
+    EXPECT_EQ(Read<int32_t>(reply, 24), -7) << text;
+    EXPECT_EQ(Read<int32_t>(reply, 48), 0) << text;
   }
-  // A share no configuration knows: logged as "SP path NAME", answered 3.
-  void Probe(const std::string& share) {
-    EXPECT_EQ(Read<int32_t>(Ask(client::MakeGetVolumeRequest(share)), 48), 3);
-  }
+  // No share is configured: logged at level 4 as "SP path NAME", result 3.
+  void Probe(const std::string& share) { Ask(client::MakeGetVolumeRequest(share)); }
 };
+
+int CountLines(const std::string& text, const std::string& line) {
+  auto lines = SplitLines(text);
+  return static_cast<int>(std::count(lines.begin(), lines.end(), line));
+}
 
 TEST_F(SendStringCmdE2E, LevelReachesLibrariesAndLinesFollowTheDestination) {
   Install("libtestfs.so", "liba.so", "");
@@ -37,165 +40,112 @@ TEST_F(SendStringCmdE2E, LevelReachesLibrariesAndLinesFollowTheDestination) {
   Install("libtestfs_noopt.so", "libc.so", "");
   Start({"-l", "3"});
   const std::vector<std::string> order = LoadOrder();
-  ASSERT_EQ(order.size(), 3u);
-  Fs("libb.so").Configure("version 231\n");  // from now on above the bound
-  for (const char* name : {"liba.so", "libb.so", "libc.so"}) Fs(name).ClearCalls();
-  const std::string next = daemon_.dir().File("next.log");
+  Fs("libb.so").Configure("version 231\n");  // above the bound from now on
+  const std::string next = daemon_.dir().File("next.log"), inject = daemon_.dir().File("i.log");
   const std::string startLog = daemon_.Log();
 
   Command("log 5 " + next);
-  for (const char* name : {"liba.so", "libb.so", "libc.so"})
-    EXPECT_EQ(Fs(name).CountCalls("FS_GetVersion"), 1) << name;
-  auto setLog = Fs("liba.so").Calls("FS_SetLog");
-  ASSERT_EQ(setLog.size(), 1u);
-  EXPECT_EQ(setLog[0].Int("level"), 5);
-  EXPECT_EQ(setLog[0].Get("reserved"), "null");
-  EXPECT_EQ(Fs("libb.so").CountCalls("FS_SetLog"), 0);
-  const auto indexOfA = std::find(order.begin(), order.end(), "liba.so") - order.begin();
-  EXPECT_EQ(CountOf(ReadFile(next), "Print setting lib " + std::to_string(indexOfA) +
-                                        " log level to 5\n"),
-            1);
-  EXPECT_EQ(CountOf(ReadFile(next), "setting lib"), 1);
-
-  Probe("at-five");  // level 5: SP lines, no Debug1 lines, all in the new file
-  EXPECT_EQ(CountOf(ReadFile(next), "SP path at-five\n"), 1);
-  EXPECT_EQ(CountOf(ReadFile(next), "Debug1 "), 0);
-  EXPECT_EQ(daemon_.Log(), startLog);
-
+  Probe("at-five");
+  Command("LOG  5");  // level 0 and a file named 5: nothing is written
   Command("LOG|10|screen");
-  EXPECT_EQ(Fs("liba.so").Calls("FS_SetLog").at(1).Int("level"), 10);
-  const std::string fileAfterSwitch = ReadFile(next);
   for (const char* unchanged : {"LOG 5|SCREEN", "LOGX 5", "LO 5", ""}) Command(unchanged);
-  Probe("on-screen");
-  const std::string screen = daemon_.Stdout();
-  for (const char* line : {"Debug1 Got command [LOG 5|SCREEN]\n", "Debug1 Got command [LOGX 5]\n",
-                           "Debug1 Got command [LO 5]\n", "Debug1 Got command []\n",
-                           "Debug1 strs 1:LOG 5  2:SCREEN  3:  4:\n", "SP path on-screen\n"}) {
-    EXPECT_EQ(CountOf(screen, line), 1) << line;
-  }
-  EXPECT_EQ(Fs("liba.so").CountCalls("FS_SetLog"), 2);
-  EXPECT_EQ(ReadFile(next), fileAfterSwitch);
-}
-
-TEST_F(SendStringCmdE2E, ClientTextIsBoundedByTheDatagramAndEscaped) {
-  Start({"-l", "10"});
+  Command("LOG|10|" + inject);
   Probe("evil\nInfo forged");
   Command("noop\nError forged\r\n");
-  // A text without a 0 unit ends where its datagram ends, whatever an
-  // earlier, longer datagram left in the listener's buffer.
   Command(std::string(200, 'A'));
-  Bytes cut = client::MakeStringCommandRequest("LOG|3");
-  cut.resize(80 + 2 * 5);
+  Bytes cut = client::MakeStringCommandRequest("noop|cut");  // no 0 unit in the datagram
+  cut.resize(80 + 2 * 8);
   client::HeaderOf(cut)->length = static_cast<uint32_t>(cut.size());
   Ask(cut);
 
-  const std::vector<std::string> lines = SplitLines(daemon_.Log());
-  auto count = [&](const std::string& wanted) {
-    return std::count(lines.begin(), lines.end(), wanted);
-  };
-  EXPECT_EQ(count("SP path evil\\x0aInfo forged"), 1);
-  EXPECT_EQ(count("Debug1 Got command [noop\\x0aError forged\\x0d\\x0a]"), 1);
-  EXPECT_EQ(count("Debug1 strs 1:noop\\x0aError  2:forged\\x0d\\x0a  3:  4:"), 1);
-  EXPECT_EQ(count("Debug1 Got command [LOG|3]"), 1);
-  for (const std::string& line : lines) {
-    if (line.find("forged") != std::string::npos) {
-      EXPECT_NE(line.find("\\x0a"), std::string::npos) << line;
-    }
-  }
+  std::vector<int64_t> levels;  // start-up, then each LOG command
+  for (const auto& call : Fs("liba.so").Calls("FS_SetLog")) levels.push_back(call.Int("level"));
+  EXPECT_EQ(levels, (std::vector<int64_t>{3, 5, 0, 10, 10}));
+  EXPECT_EQ(Fs("libb.so").CountCalls("FS_SetLog"), 1);
+  const auto indexOfA = std::find(order.begin(), order.end(), "liba.so") - order.begin();
+  const std::string text = ReadFile(next);
+  const std::string setA = "Print setting lib " + std::to_string(indexOfA) + " log level to 5";
+  EXPECT_EQ(CountLines(text, setA), 1);
+  EXPECT_EQ(CountOf(text, "setting lib"), 1);
+  EXPECT_EQ(CountLines(text, "SP path at-five"), 1);
+  EXPECT_EQ(CountOf(text, "Debug1 "), 0);
+  EXPECT_EQ(daemon_.Log(), startLog);
+  const std::string screen = daemon_.Stdout();
+  for (const char* line : {"Debug1 strs 1:LOG 5  2:SCREEN  3:  4:", "Debug1 Got command [LOGX 5]",
+                           "Debug1 Got command [LO 5]", "Debug1 Got command []"})
+    EXPECT_EQ(CountLines(screen, line), 1) << line;
+  const std::string injected = ReadFile(inject);
+  for (const char* line : {"SP path evil\\x0aInfo forged",
+                           "Debug1 Got command [noop\\x0aError forged\\x0d\\x0a]",
+                           "Debug1 Got command [noop|cut]"})
+    EXPECT_EQ(CountLines(injected, line), 1) << line;
+  for (const std::string& line : SplitLines(injected))  // never a line of its own
+    EXPECT_EQ(line.find("forged") != line.npos, line.find("\\x0a") != line.npos) << line;
 }
 
 TEST_F(SendStringCmdE2E, LogDirTakesOnlyFilesInsideIt) {
-  const std::string logs = daemon_.dir().File("logs"), outside = daemon_.dir().File("outside");
-  ASSERT_EQ(mkdir(logs.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir(outside.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir((logs + "/sub").c_str(), 0755), 0);
-  ASSERT_EQ(symlink((outside + "/target.log").c_str(), (logs + "/link.log").c_str()), 0);
-  ASSERT_EQ(symlink(outside.c_str(), (logs + "/away").c_str()), 0);
+  const std::string logs = daemon_.dir().File("logs"), out = daemon_.dir().File("out");
+  for (const std::string& dir : {logs, out, logs + "/sub"}) ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+  ASSERT_EQ(symlink((out + "/t.log").c_str(), (logs + "/link.log").c_str()), 0);
+  ASSERT_EQ(symlink(out.c_str(), (logs + "/away").c_str()), 0);
   daemon_.SetEnv("KESTRIX_LOG_DIR", logs);
   Start({"-l", "2"});
+  Command("LOG|3|" + logs + "/sub/../in.log");  // ".." that stays inside
 
-  const std::string in = logs + "/in.log";
-  Command("LOG|3|" + in);
-  Probe("first");
-  EXPECT_EQ(CountOf(ReadFile(in), "Error FTX1201W OSL_ShareNameToMountPoint failed name is : first\n"), 1);
-
-  const std::string refused[] = {outside + "/out.log", logs + "/../out.log", logs + "/link.log",
-                                 logs + "/away/out.log", "relative.log"};
+  const std::string refused[] = {out + "/x.log", logs + "/../x.log", logs + "/link.log",
+                                 logs + "/away/x.log", "x.log"};
   for (size_t i = 0; i < std::size(refused); ++i) {
-    const int level = i % 2 == 0 ? 4 : 3;
-    const std::string probe = "probe-" + std::to_string(i);
-    Command("LOG|" + std::to_string(level) + "|" + refused[i]);
-    Probe(probe);
-    const std::string text = ReadFile(in);
-    EXPECT_EQ(CountOf(text, "Error LOG destination [" + refused[i] +
-                                "] is not a file inside KESTRIX_LOG_DIR [" + logs +
-                                "]; the log destination is unchanged\n"),
-              1)
-        << refused[i];
-    // The level changed all the same: SP lines come and go with it.
-    EXPECT_EQ(CountOf(text, "SP path " + probe + "\n"), level == 4 ? 1 : 0) << refused[i];
+    Command("LOG|" + std::to_string(4 - i % 2) + "|" + refused[i]);
+    Probe("probe" + std::to_string(i));
   }
-  for (const std::string& path :
-       {outside + "/out.log", daemon_.dir().File("out.log"), outside + "/target.log"}) {
+  const std::string text = ReadFile(logs + "/in.log");
+  for (size_t i = 0; i < std::size(refused); ++i) {
+    EXPECT_EQ(CountLines(text, "Error LOG destination [" + refused[i] +
+                                   "] is not a file inside KESTRIX_LOG_DIR [" + logs +
+                                   "]; the log destination is unchanged"),
+              1);
+    // The level changed all the same: level 4 shows the probe, level 3 not.
+    EXPECT_EQ(CountLines(text, "SP path probe" + std::to_string(i)), i % 2 == 0 ? 1 : 0);
+  }
+  for (const std::string& path : {out + "/x.log", daemon_.dir().File("x.log"), out + "/t.log"})
     EXPECT_NE(access(path.c_str(), F_OK), 0) << path;
-  }
-
-  Command("LOG|3|" + logs + "/sub/../second.log");  // ".." that stays inside
-  Probe("second");
-  EXPECT_EQ(CountOf(ReadFile(logs + "/second.log"), "failed name is : second\n"), 1);
-  EXPECT_EQ(CountOf(ReadFile(in), "second"), 0);
 }
 
 // Clients send requests while another switches between two files and the
-// screen: every line lands whole in exactly one destination. Requests are
-// handled one at a time (-s 1), but listener threads log their receipt
-// concurrently with the switch; the tracker is off (-m 0).
+// screen; listener threads log each receipt while the switch runs.
 TEST_F(SendStringCmdE2E, DestinationSwitchesUnderLoadLoseAndTearNoLine) {
-  Start({"-l", "4", "-m", "0", "-t", "6"});
-  const std::string fileA = daemon_.dir().File("a.log"), fileB = daemon_.dir().File("b.log");
-  constexpr int kClients = 4, kRequests = 40, kSwitches = 30;
+  Start({"-l", "4", "-t", "6"});
+  const std::string a = daemon_.dir().File("a.log"), b = daemon_.dir().File("b.log");
+  constexpr int kClients = 4, kRequests = 40;
   std::vector<std::thread> clients;
   for (int c = 0; c < kClients; ++c) {
     clients.emplace_back([&, c] {
       client::Endpoint endpoint("127.0.0.1", daemon_.port());
-      for (int n = 0; n < kRequests; ++n) {
-        auto reply = endpoint.Transact(
-            client::MakeGetVolumeRequest("load-" + std::to_string(c) + "-" + std::to_string(n)));
-        EXPECT_TRUE(reply.has_value());
+      for (int n = c * kRequests; n < (c + 1) * kRequests; ++n) {
+        auto request = client::MakeGetVolumeRequest("load-" + std::to_string(n));
+        EXPECT_TRUE(endpoint.Transact(request).has_value());
       }
     });
   }
   client::Endpoint switcher("127.0.0.1", daemon_.port());
-  for (int i = 0; i < kSwitches; ++i) {
-    for (const std::string& destination : {fileA, fileB, std::string("SCREEN")})
-      Command("LOG|4|" + destination, &switcher);
-  }
+  for (int i = 0; i < 90; ++i)
+    Command("LOG|4|" + (i % 3 == 0 ? a : i % 3 == 1 ? b : "SCREEN"), &switcher);
   for (auto& t : clients) t.join();
 
   std::string all;
-  for (const std::string& text : {daemon_.Log(), ReadFile(fileA), ReadFile(fileB), daemon_.Stdout()}) {
-    ASSERT_TRUE(text.empty() || text.back() == '\n');
+  for (const std::string& text : {daemon_.Log(), ReadFile(a), ReadFile(b), daemon_.Stdout()}) {
+    EXPECT_TRUE(text.empty() || text.back() == '\n');
     all += text;
   }
+  std::map<std::string, int> seen;
   for (const std::string& line : SplitLines(all)) {
     const std::string name = line.substr(0, line.find(' '));
-    EXPECT_TRUE(name == "Print" || name == "Error" || name == "Info" || name == "SP") << line;
+    EXPECT_TRUE(name == "Print" || name == "Error" || name == "SP") << line;
+    ++seen[line];
   }
-  for (int c = 0; c < kClients; ++c) {
-    for (int n = 0; n < kRequests; ++n) {
-      const std::string line = "SP path load-" + std::to_string(c) + "-" + std::to_string(n) + "\n";
-      EXPECT_EQ(CountOf(all, line), 1) << line;
-    }
-  }
-  // In a ThreadSanitizer build: no report that involves the log.
-  const std::string reports = daemon_.Stderr();
-  for (size_t at = 0; (at = reports.find("WARNING: ThreadSanitizer", at)) != std::string::npos;) {
-    const size_t end = reports.find("SUMMARY: ThreadSanitizer", at);
-    const std::string report = reports.substr(at, end - at);
-    EXPECT_EQ(report.find("utils/log.cc"), std::string::npos) << report;
-    EXPECT_EQ(report.find("sp/sendstringcmd.cc"), std::string::npos) << report;
-    at = end;
-  }
+  for (int n = 0; n < kClients * kRequests; ++n)
+    EXPECT_EQ(seen["SP path load-" + std::to_string(n)], 1) << n;
+  EXPECT_EQ(daemon_.Stderr().find("ThreadSanitizer"), std::string::npos) << daemon_.Stderr();
 }
 
 }  // namespace

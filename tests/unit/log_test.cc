@@ -51,14 +51,12 @@ TEST(LogTest, LogSafeEscapesControlsAndMalformedBytesOnly) {
     std::string in, out;
   } kCases[] = {
       {"plain [text] \\ back\\x0a", "plain [text] \\ back\\x0a"},
-      {"a\nb\r", "a\\x0ab\\x0d"},
-      {"\x01\x1f\x7f", "\\x01\\x1f\\x7f"},
+      {"a\nb\r\x01\x1f\x7f", "a\\x0ab\\x0d\\x01\\x1f\\x7f"},
       {"\xc3\xa9\xe6\x97\xa5\xf0\x9f\x98\x80", "\xc3\xa9\xe6\x97\xa5\xf0\x9f\x98\x80"},
-      {"\xc2\x85", "\\xc2\\x85"},                      // C1 control (next line)
-      {"\xc3", "\\xc3"},                                // cut character
-      {"\xe0\x80\x80", "\\xe0\\x80\\x80"},              // overlong
-      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},              // surrogate
-      {"\xf4\x90\x80\x80\xff", "\\xf4\\x90\\x80\\x80\\xff"},  // above U+10FFFF
+      {"\xc2\x85", "\\xc2\\x85"},  // C1 control (next line)
+      // A cut character, an overlong form, a surrogate, above U+10FFFF.
+      {"\xc3|\xe0\x80\x80|\xed\xa0\x80|\xf4\x90\x80\x80",
+       "\\xc3|\\xe0\\x80\\x80|\\xed\\xa0\\x80|\\xf4\\x90\\x80\\x80"},
       {feeds + "\xe6\x97\xa5", escaped + "\xe6\x97\xa5"},  // 1023 bytes
       {feeds + "\xf0\x9f\x98\x80", escaped},               // cut before the character
   };
