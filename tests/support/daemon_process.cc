@@ -80,8 +80,8 @@ uint16_t FreeUdpPort() {
 RunResult RunToExit(const std::string& program, const std::vector<std::string>& args,
                     const std::map<std::string, std::string>& env, int timeoutMs) {
   TempDir dir;
-  std::string errPath = dir.File("stderr.txt");
-  pid_t pid = Spawn(program, args, env, errPath);
+  std::string errPath = dir.File("stderr.txt"), outPath = dir.File("stdout.txt");
+  pid_t pid = Spawn(program, args, env, errPath, outPath);
   RunResult result;
   result.exitStatus = WaitFor(pid, timeoutMs);
   if (result.exitStatus == -2) {
@@ -90,6 +90,7 @@ RunResult RunToExit(const std::string& program, const std::vector<std::string>& 
     result.exitStatus = -1;
   }
   result.standardError = ReadFile(errPath);
+  result.standardOutput = ReadFile(outPath);
   return result;
 }
 

@@ -21,6 +21,7 @@ uint16_t FreeUdpPort();
 struct RunResult {
   int exitStatus = -1;  // -1 when the process did not exit normally
   std::string standardError;
+  std::string standardOutput;
 };
 
 // Runs a program to its end with the given environment additions.

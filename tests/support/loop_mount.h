@@ -1,0 +1,51 @@
+// A small ext4 or XFS filesystem for a test: a sparse image file made with
+// mkfs, attached to a loop device and mounted in a temporary directory.
+// The destructor always unmounts and detaches, also when the test failed or
+// threw. When that cannot be done here (not root, no loop devices, no mkfs)
+// ok() is false and skipReason() says why in one line:
+//
+//   LoopMount fs(FsKind::kXfs);
+//   if (!fs.ok()) GTEST_SKIP() << fs.skipReason();
+#ifndef KESTRIX_TESTS_SUPPORT_LOOP_MOUNT_H_
+#define KESTRIX_TESTS_SUPPORT_LOOP_MOUNT_H_
+
+#include <cstdint>
+#include <string>
+
+#include "support/test_util.h"
+
+namespace kestrix::test {
+
+enum class FsKind { kExt4, kXfs };
+const char* FsName(FsKind kind);  // "ext4", "xfs"
+
+// The full path of a program on PATH or in /usr/sbin or /sbin; "" if none.
+std::string FindProgram(const std::string& name);
+
+class LoopMount {
+ public:
+  // sizeBytes 0: 64 MiB for ext4, 320 MiB for XFS (its smallest default).
+  explicit LoopMount(FsKind kind, uint64_t sizeBytes = 0);
+  ~LoopMount();
+  LoopMount(const LoopMount&) = delete;
+  LoopMount& operator=(const LoopMount&) = delete;
+
+  bool ok() const { return mounted_; }
+  const std::string& skipReason() const { return skipReason_; }
+  const std::string& mountPoint() const { return mountPoint_; }
+  const std::string& image() const { return image_; }
+  const std::string& device() const { return device_; }
+  // mountPoint()/name
+  std::string Path(const std::string& name) const { return mountPoint_ + "/" + name; }
+
+ private:
+  bool Fail(const std::string& reason);
+
+  TempDir dir_;  // holds the image and the mount point; outlives the mount
+  std::string image_, mountPoint_, device_, skipReason_;
+  bool mounted_ = false;
+};
+
+}  // namespace kestrix::test
+
+#endif  // KESTRIX_TESTS_SUPPORT_LOOP_MOUNT_H_
