@@ -81,29 +81,32 @@ bool FindMount(uint64_t mountId, Mount* m) {
   return false;
 }
 
-// Opens path when it is the block device dev.
-UniqueFd OpenIfDevice(const std::string& path, dev_t dev) {
+// Opens path when it is the block device dev; else says why not.
+UniqueFd OpenIfDevice(const std::string& path, dev_t dev, std::string* why) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat st;
-  if (!fd.ok() || fstat(fd.get(), &st) != 0 || !S_ISBLK(st.st_mode) || st.st_rdev != dev) {
-    return UniqueFd();
+  if (!fd.ok()) {
+    *why = "cannot open " + path + ": " + ErrnoText(errno);
+  } else if (fstat(fd.get(), &st) != 0 || !S_ISBLK(st.st_mode) || st.st_rdev != dev) {
+    *why = path + " is not its block device";
+    fd.Reset();
   }
   return fd;
 }
 
 // The block device of a mount: its source, or else the device node that
 // sysfs names for the device number.
-UniqueFd OpenDevice(const Mount& m, dev_t dev, std::string* path) {
-  if (UniqueFd fd = OpenIfDevice(m.source, dev); fd.ok()) {
+UniqueFd OpenDevice(const Mount& m, dev_t dev, std::string* path, std::string* why) {
+  if (UniqueFd fd = OpenIfDevice(m.source, dev, why); fd.ok()) {
     *path = m.source;
     return fd;
   }
   std::ifstream uevent("/sys/dev/block/" + std::to_string(major(dev)) + ":" +
                        std::to_string(minor(dev)) + "/uevent");
   for (std::string line; std::getline(uevent, line);) {
-    if (line.rfind("DEVNAME=", 0) != 0) continue;
+    if (line.rfind("DEVNAME=", 0) != 0 || "/dev/" + line.substr(8) == m.source) continue;
     *path = "/dev/" + line.substr(8);
-    return OpenIfDevice(*path, dev);
+    return OpenIfDevice(*path, dev, why);
   }
   return UniqueFd();
 }
@@ -166,9 +169,9 @@ int ProbeVolume(int dirFd, Volume* v, std::string* why) {
     *why = "it is on " + m.fsName + ", not ext4 or XFS";
     return LOCALFS_NOT_SERVED;
   }
-  UniqueFd device = OpenDevice(m, v->dev, &v->device);
+  UniqueFd device = OpenDevice(m, v->dev, &v->device, why);
   if (!device.ok()) {
-    *why = "no block device found for " + m.fsName + " on " + m.source;
+    *why = "no block device for " + m.fsName + " on " + m.source + " (" + *why + ")";
     return LOCALFS_NOT_SERVED;
   }
   if (int status = ReadSuperblock(device.get(), v, why); status != 0) return status;
