@@ -1,8 +1,11 @@
 // A small ext4 or XFS filesystem for a test: a sparse image file made with
 // mkfs, attached to a loop device and mounted in a temporary directory.
-// The destructor always unmounts and detaches, also when the test failed or
-// threw. When that cannot be done here (not root, no loop devices, no mkfs)
-// ok() is false and skipReason() says why in one line:
+// The destructor unmounts, and the loop device detaches itself once
+// unmounted. The process first moves into a mount namespace of its own, so
+// that even a test that crashes or is killed leaves no mount behind: the
+// namespace, its mounts and with them the loop devices go when it ends.
+// When a filesystem cannot be mounted here (not root, no loop devices, no
+// mkfs) ok() is false and skipReason() says why in one line:
 //
 //   LoopMount fs(FsKind::kXfs);
 //   if (!fs.ok()) GTEST_SKIP() << fs.skipReason();

@@ -111,8 +111,10 @@ class LocalFsTest : public ::testing::TestWithParam<FsKind> {
     m.status = lib_->FS_GetLockedMap(vol.data(), file.data(), start, length, 0,
                                      reinterpret_cast<FSMapInfo*>(buffer.data()), &room);
     memcpy(&m.info, buffer.data(), sizeof m.info);
-    m.extents.resize(std::max(m.info.nExtents, 0));
-    memcpy(m.extents.data(), buffer.data() + 64, m.extents.size() * sizeof(VerboseExtent));
+    for (int i = 0; i < m.info.nExtents; ++i) {
+      m.extents.emplace_back();
+      memcpy(&m.extents.back(), buffer.data() + 64 + 32 * i, sizeof(VerboseExtent));
+    }
     EXPECT_EQ(buffer[room], 0xEE);
     return m;
   }
