@@ -21,14 +21,6 @@ namespace {
 
 constexpr int kAttachAttempts = 5;  // other processes may take the same free loop device
 
-// Mounts made after this stay in the process's own namespace and vanish with
-// it. Where namespaces are not allowed, the destructors alone clean up.
-void UsePrivateMounts() {
-  static const bool done = unshare(CLONE_NEWNS) == 0 &&
-                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-  (void)done;
-}
-
 // Attaches image to a free loop device that detaches itself when its last
 // user (the mount) goes; returns the open device (-1) and its path.
 int AttachLoop(const std::string& image, std::string* device, std::string* why) {
@@ -54,6 +46,12 @@ int AttachLoop(const std::string& image, std::string* device, std::string* why) 
 }
 
 }  // namespace
+
+void UsePrivateMounts() {
+  static const bool done = unshare(CLONE_NEWNS) == 0 &&
+                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  (void)done;
+}
 
 const char* FsName(FsKind kind) { return kind == FsKind::kExt4 ? "ext4" : "xfs"; }
 

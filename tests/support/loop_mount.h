@@ -22,6 +22,11 @@ namespace kestrix::test {
 enum class FsKind { kExt4, kXfs };
 const char* FsName(FsKind kind);  // "ext4", "xfs"
 
+// Moves the process into a mount namespace of its own, once: mounts made
+// after this vanish with the process. Where namespaces are not allowed,
+// nothing changes and only the destructors clean up.
+void UsePrivateMounts();
+
 // The full path of a program on PATH or in /usr/sbin or /sbin; "" if none.
 std::string FindProgram(const std::string& name);
 

@@ -70,6 +70,7 @@ Library LoadLocalFs(const TempDir& dir, const std::string& conf) {
 // tmpfs mounted over a directory for the life of the object.
 struct TmpfsMount {
   explicit TmpfsMount(std::string at) : path(std::move(at)) {
+    UsePrivateMounts();
     mkdir(path.c_str(), 0755);
     ok = mount("tmpfs", path.c_str(), "tmpfs", 0, nullptr) == 0;
   }
