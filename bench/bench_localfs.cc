@@ -81,8 +81,8 @@ void BM_MapAndUnlock(benchmark::State& state) {
   std::vector<uint8_t> reply(65536 - 256);
   for (auto _ : state) {
     FSULONG room = reply.size();
-    benchmark::DoNotOptimize(l->fs.FS_GetLockedMap(l->vol, l->file, 0, -1, 0,
-                                                   reinterpret_cast<FSMapInfo*>(reply.data()), &room));
+    benchmark::DoNotOptimize(l->fs.FS_GetLockedMap(
+        l->vol, l->file, 0, -1, 0, reinterpret_cast<FSMapInfo*>(reply.data()), &room));
     l->fs.FS_UnlockMap(l->vol, l->file);
   }
 }

@@ -20,7 +20,9 @@ constexpr size_t kHandleTypeAt = 4, kHandleAt = 8, kMaxHandle = kCookieSize - kH
 class Handle {
  public:
   Handle() { header()->handle_bytes = kMaxHandle; }
-  struct file_handle* header() { return reinterpret_cast<struct file_handle*>(storage_); }
+  struct file_handle* header() {
+    return reinterpret_cast<struct file_handle*>(storage_);
+  }
 
  private:
   alignas(struct file_handle) unsigned char storage_[sizeof(struct file_handle) + kMaxHandle] = {};

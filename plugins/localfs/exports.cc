@@ -132,8 +132,8 @@ Config LoadConfig() {
     std::string_view line = Trim(raw);
     if (line.empty() || line.front() == '#') continue;
     if (!ParseLine(line, &c, file, lineNo)) {
-      OSL_Log(KSX_ERROR, "localfs: %s line %d not understood; ignored: %s\n",
-              Escaped(file).c_str(), lineNo, Escaped(line).c_str());
+      OSL_Log(KSX_ERROR, "localfs: %s line %d not understood; ignored: %s\n", Escaped(file).c_str(),
+              lineNo, Escaped(line).c_str());
     }
   }
   if (c.exports.empty()) {

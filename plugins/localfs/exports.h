@@ -30,7 +30,7 @@ struct Export {
 
 struct Config {
   std::vector<Export> exports;
-  int maxReadLease = -1;   // seconds; -1 when not configured
+  int maxReadLease = -1;  // seconds; -1 when not configured
   int maxWriteLease = -1;
 };
 

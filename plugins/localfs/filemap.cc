@@ -23,16 +23,16 @@ namespace localfs {
 
 namespace {
 
-constexpr uint32_t kBatch = 256;               // extents asked of the kernel per call
+constexpr uint32_t kBatch = 256;                // extents asked of the kernel per call
 constexpr size_t kZeroChunk = size_t{1} << 20;  // bytes of zeros written per call
 
 // Extents whose blocks a client must not use: their location is unknown or
 // not yet fixed, their bytes are not stored as they read, or they belong to
 // other files as well.
-constexpr uint32_t kNoAddressFlags =
-    FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_ENCODED |
-    FIEMAP_EXTENT_DATA_ENCRYPTED | FIEMAP_EXTENT_NOT_ALIGNED | FIEMAP_EXTENT_DATA_INLINE |
-    FIEMAP_EXTENT_DATA_TAIL | FIEMAP_EXTENT_SHARED;
+constexpr uint32_t kNoAddressFlags = FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DELALLOC |
+                                     FIEMAP_EXTENT_ENCODED | FIEMAP_EXTENT_DATA_ENCRYPTED |
+                                     FIEMAP_EXTENT_NOT_ALIGNED | FIEMAP_EXTENT_DATA_INLINE |
+                                     FIEMAP_EXTENT_DATA_TAIL | FIEMAP_EXTENT_SHARED;
 
 uint32_t Validity(uint32_t flags, bool realtime) {
   if (realtime || (flags & kNoAddressFlags) != 0) return FS_VALIDITY_NO_ADDRESS;
@@ -50,7 +50,9 @@ class FiemapBuffer {
  public:
   FiemapBuffer()
       : words_((sizeof(struct fiemap) + kBatch * sizeof(struct fiemap_extent) + 7) / 8) {}
-  struct fiemap* get() { return reinterpret_cast<struct fiemap*>(words_.data()); }
+  struct fiemap* get() {
+    return reinterpret_cast<struct fiemap*>(words_.data());
+  }
 
  private:
   std::vector<uint64_t> words_;
@@ -86,9 +88,10 @@ int WalkExtents(int fd, int64_t start, int64_t end, bool sync,
       if (hi <= lo) continue;
       if (lo > pos && !hole(lo)) return 0;
       const uint32_t validity = Validity(fe.fe_flags, realtime);
-      const int64_t physical = validity == FS_VALIDITY_NO_ADDRESS
-                                   ? 0
-                                   : static_cast<int64_t>(fe.fe_physical) + (lo - static_cast<int64_t>(fe.fe_logical));
+      const int64_t physical =
+          validity == FS_VALIDITY_NO_ADDRESS
+              ? 0
+              : static_cast<int64_t>(fe.fe_physical) + (lo - static_cast<int64_t>(fe.fe_logical));
       pos = hi;
       if (!visit(Extent{lo, physical, hi - lo, validity})) return 0;
     }
@@ -99,15 +102,15 @@ int WalkExtents(int fd, int64_t start, int64_t end, bool sync,
   return 0;
 }
 
-int WriteMap(int fd, int64_t start, int64_t length, uint8_t* out, uint32_t room,
-             std::string* why) {
+int WriteMap(int fd, int64_t start, int64_t length, uint8_t* out, uint32_t room, std::string* why) {
   struct stat st;
   if (fstat(fd, &st) != 0) {
     *why = "cannot read the file's size: " + ErrnoText(errno);
     return LOCALFS_IO_ERROR;
   }
   int64_t end = st.st_size, rangeEnd = 0;
-  if (length >= 0 && !__builtin_add_overflow(start, length, &rangeEnd)) end = std::min(end, rangeEnd);
+  if (length >= 0 && !__builtin_add_overflow(start, length, &rangeEnd))
+    end = std::min(end, rangeEnd);
 
   const size_t fit = (room - FSMAPINFO_FIXED_SIZE) / VERBOSE_EXTENT_SIZE;
   size_t n = 0;
@@ -152,7 +155,8 @@ int AllocateWritten(int fd, int64_t end) {
   }
   std::vector<Extent> unwritten;
   int error = WalkExtents(fd, 0, end, true, [&](const Extent& e) {
-    if (e.validity == FS_VALIDITY_HOLE || e.validity == FS_VALIDITY_UNWRITTEN) unwritten.push_back(e);
+    if (e.validity == FS_VALIDITY_HOLE || e.validity == FS_VALIDITY_UNWRITTEN)
+      unwritten.push_back(e);
     return true;
   });
   if (error != 0) return error;

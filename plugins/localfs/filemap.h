@@ -28,8 +28,7 @@ int WalkExtents(int fd, int64_t start, int64_t end, bool sync,
 // `out` within room bytes (at least the 64-byte fixed part). Extents stop at
 // the file size. Returns 0, LOCALFS_PARTIAL when not every extent fit (the
 // map then covers exactly the extents written), or a status with *why.
-int WriteMap(int fd, int64_t start, int64_t length, uint8_t* out, uint32_t room,
-             std::string* why);
+int WriteMap(int fd, int64_t start, int64_t length, uint8_t* out, uint32_t room, std::string* why);
 
 // Makes [0, end) allocated and written: holes are allocated, extents shared
 // with other files unshared, and every hole and unwritten range filled with

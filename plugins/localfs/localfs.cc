@@ -8,6 +8,8 @@
 // Entry points never trust their arguments: null pointers, foreign cookies
 // and rooms too small give a status, and what they write stays within the
 // room.
+#include "plugins/localfs/localfs.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,7 +29,6 @@
 #include "plugins/localfs/exports.h"
 #include "plugins/localfs/filemap.h"
 #include "plugins/localfs/lfs_util.h"
-#include "plugins/localfs/localfs.h"
 #include "plugins/localfs/locks.h"
 #include "plugins/localfs/volume.h"
 #include "utils/log.h"
@@ -126,7 +127,8 @@ int OpenByCookies(const uint8_t* volCookie, const uint8_t* fileCookie, int flags
   }
   int fd = OpenFileCookie(dir.get(), fileCookie, flags);
   if (fd < 0) {
-    *why = -fd == ESTALE ? "the file was deleted or replaced" : "cannot open the file: " + ErrnoText(-fd);
+    *why = -fd == ESTALE ? "the file was deleted or replaced"
+                         : "cannot open the file: " + ErrnoText(-fd);
     return StatusOfErrno(-fd);
   }
   *out = UniqueFd(fd);
@@ -144,8 +146,8 @@ struct Resolved {
 int Resolve(const char* entry, const FSUNI* text, int flags, Resolved* r) {
   std::string path;
   if (!Utf8FromFsuni(text, &path)) {
-    OSL_Log(KSX_ERROR, "localfs: %s: no path, or none ending within %zu units; refused\n",
-            entry, kMaxPathUnits);
+    OSL_Log(KSX_ERROR, "localfs: %s: no path, or none ending within %zu units; refused\n", entry,
+            kMaxPathUnits);
     return LOCALFS_NOT_SERVED;
   }
   auto config = CurrentConfig();
@@ -167,8 +169,8 @@ int Resolve(const char* entry, const FSUNI* text, int flags, Resolved* r) {
   }
   int fd = OpenBeneath(dir.get(), match->below, flags);
   if (fd == -EXDEV || fd == -ELOOP) {
-    OSL_Log(KSX_ERROR, "localfs: %s: %s leaves export %s; refused\n", entry,
-            Escaped(path).c_str(), Escaped(e.path).c_str());
+    OSL_Log(KSX_ERROR, "localfs: %s: %s leaves export %s; refused\n", entry, Escaped(path).c_str(),
+            Escaped(e.path).c_str());
     return LOCALFS_NOT_SERVED;
   }
   if (fd < 0) {
@@ -321,8 +323,9 @@ LOCALFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t
     return LOCALFS_NO_ROOM;
   }
   std::string why;
-  if (start < 0) return MapError(out, roomBytes, start, LOCALFS_INVALID, "FS_GetLockedMap",
-                                 "a negative start of " + std::to_string(start));
+  if (start < 0)
+    return MapError(out, roomBytes, start, LOCALFS_INVALID, "FS_GetLockedMap",
+                    "a negative start of " + std::to_string(start));
   // The cookies are checked and the file opened on every call; the first
   // map call locks it, later ones use the descriptor already locked.
   UniqueFd fresh;

@@ -12,12 +12,12 @@
 namespace localfs {
 
 struct Volume {
-  int fsType = 0;            // LOCALFS_FSTYPE_EXT4 or LOCALFS_FSTYPE_XFS
-  std::string fsName;        // the mount's filesystem type ("ext4", "tmpfs", ...)
-  dev_t dev = 0;             // st_dev of the files
-  std::string device;        // the block device's path
-  uint8_t uuid[16] = {};     // as it lies on the device
-  uint64_t uuidOffset = 0;   // its byte offset on the device
+  int fsType = 0;           // LOCALFS_FSTYPE_EXT4 or LOCALFS_FSTYPE_XFS
+  std::string fsName;       // the mount's filesystem type ("ext4", "tmpfs", ...)
+  dev_t dev = 0;            // st_dev of the files
+  std::string device;       // the block device's path
+  uint8_t uuid[16] = {};    // as it lies on the device
+  uint64_t uuidOffset = 0;  // its byte offset on the device
   uint32_t blockSize = 0;
   uint64_t deviceBytes = 0;
 };

@@ -21,35 +21,30 @@ namespace {
 
 constexpr int kAttachAttempts = 5;  // other processes may take the same free loop device
 
-// Attaches image to a free loop device that detaches itself when its last
-// user (the mount) goes; returns the open device (-1) and its path.
+// Attaches image to a free loop device that detaches itself once its last
+// user (the mount) is gone. Returns the open device, or -1 with *why.
 int AttachLoop(const std::string& image, std::string* device, std::string* why) {
-  int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-  int backing = open(image.c_str(), O_RDWR | O_CLOEXEC);
-  int fd = -1;
-  for (int i = 0; i < kAttachAttempts && fd < 0 && control >= 0 && backing >= 0; ++i) {
+  int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC), fd = -1;
+  struct loop_config config = {};
+  config.fd = static_cast<uint32_t>(open(image.c_str(), O_RDWR | O_CLOEXEC));
+  config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+  *why = "no /dev/loop-control";
+  for (int i = 0; i < kAttachAttempts && fd < 0 && control >= 0; ++i) {
     *device = "/dev/loop" + std::to_string(ioctl(control, LOOP_CTL_GET_FREE));
     fd = open(device->c_str(), O_RDWR | O_CLOEXEC);
-    struct loop_config config = {};
-    config.fd = static_cast<uint32_t>(backing);
-    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    if (fd >= 0 && ioctl(fd, LOOP_CONFIGURE, &config) != 0) {
-      *why = "attaching " + *device + " failed: " + strerror(errno);
-      close(fd);
-      fd = -1;
-    }
+    if (fd >= 0 && ioctl(fd, LOOP_CONFIGURE, &config) != 0) fd = (close(fd), -1);
+    if (fd < 0) *why = "attaching " + *device + ": " + strerror(errno);
   }
-  if (control < 0 || backing < 0) *why = std::string("no loop control or image: ") + strerror(errno);
-  if (control >= 0) close(control);
-  if (backing >= 0) close(backing);
+  close(control);
+  close(static_cast<int>(config.fd));
   return fd;
 }
 
 }  // namespace
 
 void UsePrivateMounts() {
-  static const bool done = unshare(CLONE_NEWNS) == 0 &&
-                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  static const bool done =
+      unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
   (void)done;
 }
 
@@ -73,37 +68,26 @@ bool LoopMount::Fail(const std::string& reason) {
 
 LoopMount::LoopMount(FsKind kind, uint64_t sizeBytes)
     : image_(dir_.File("fs.img")), mountPoint_(dir_.File("mnt")) {
+  mounted_ = Mount(kind, sizeBytes != 0 ? sizeBytes : kind == FsKind::kExt4 ? 64 << 20 : 320 << 20);
+}
+
+bool LoopMount::Mount(FsKind kind, uint64_t sizeBytes) {
   const std::string mkfs = FindProgram(std::string("mkfs.") + FsName(kind));
-  if (geteuid() != 0) {
-    Fail("mounting needs root");
-    return;
-  }
-  if (mkfs.empty()) {
-    Fail(std::string("mkfs.") + FsName(kind) + " is not installed");
-    return;
-  }
-  if (sizeBytes == 0) sizeBytes = kind == FsKind::kExt4 ? (64u << 20) : (320u << 20);
+  if (geteuid() != 0) return Fail("mounting needs root");
+  if (mkfs.empty()) return Fail(std::string("mkfs.") + FsName(kind) + " is not installed");
   WriteFile(image_, "");
-  if (truncate(image_.c_str(), static_cast<off_t>(sizeBytes)) != 0) {
-    Fail("cannot make the image file");
-    return;
-  }
+  if (truncate(image_.c_str(), static_cast<off_t>(sizeBytes)) != 0) return Fail("no image file");
   RunResult made = RunToExit(mkfs, {"-q", kind == FsKind::kExt4 ? "-F" : "-f", image_}, {});
-  if (made.exitStatus != 0) {
-    Fail(mkfs + " failed: " + made.standardError);
-    return;
-  }
+  if (made.exitStatus != 0) return Fail(mkfs + " failed: " + made.standardError);
   UsePrivateMounts();
   std::string why;
   int loop = AttachLoop(image_, &device_, &why);
-  if (loop < 0) {
-    Fail(why);
-    return;
-  }
+  if (loop < 0) return Fail(why);
   mkdir(mountPoint_.c_str(), 0755);
-  mounted_ = mount(device_.c_str(), mountPoint_.c_str(), FsName(kind), 0, nullptr) == 0;
-  if (!mounted_) Fail(std::string("mount failed: ") + strerror(errno));
+  bool mounted = mount(device_.c_str(), mountPoint_.c_str(), FsName(kind), 0, nullptr) == 0;
+  if (!mounted) Fail(std::string("mount failed: ") + strerror(errno));
   close(loop);  // from here the mount holds the device
+  return mounted;
 }
 
 LoopMount::~LoopMount() {

@@ -1,11 +1,8 @@
-// A small ext4 or XFS filesystem for a test: a sparse image file made with
-// mkfs, attached to a loop device and mounted in a temporary directory.
-// The destructor unmounts, and the loop device detaches itself once
-// unmounted. The process first moves into a mount namespace of its own, so
-// that even a test that crashes or is killed leaves no mount behind: the
-// namespace, its mounts and with them the loop devices go when it ends.
-// When a filesystem cannot be mounted here (not root, no loop devices, no
-// mkfs) ok() is false and skipReason() says why in one line:
+// A small ext4 or XFS filesystem for a test: a sparse image made with mkfs,
+// on a loop device that detaches itself, mounted in a temporary directory
+// for the object's life. Mounts are made in a mount namespace of the
+// process's own, so even a crashed test leaves none behind. When mounting is
+// impossible here (not root, no loop devices, no mkfs) ok() is false:
 //
 //   LoopMount fs(FsKind::kXfs);
 //   if (!fs.ok()) GTEST_SKIP() << fs.skipReason();
@@ -35,8 +32,6 @@ class LoopMount {
   // sizeBytes 0: 64 MiB for ext4, 320 MiB for XFS (its smallest default).
   explicit LoopMount(FsKind kind, uint64_t sizeBytes = 0);
   ~LoopMount();
-  LoopMount(const LoopMount&) = delete;
-  LoopMount& operator=(const LoopMount&) = delete;
 
   bool ok() const { return mounted_; }
   const std::string& skipReason() const { return skipReason_; }
@@ -47,7 +42,8 @@ class LoopMount {
   std::string Path(const std::string& name) const { return mountPoint_ + "/" + name; }
 
  private:
-  bool Fail(const std::string& reason);
+  bool Mount(FsKind kind, uint64_t sizeBytes);
+  bool Fail(const std::string& reason);  // false, with the reason kept and printed
 
   TempDir dir_;  // holds the image and the mount point; outlives the mount
   std::string image_, mountPoint_, device_, skipReason_;
