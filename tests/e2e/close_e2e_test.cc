@@ -1,7 +1,5 @@
 // Close end to end: the final size, the removal, and the unlock that only the
 // last lease on a file makes.
-#include <gtest/gtest.h>
-
 #include "e2e/e2e_util.h"
 
 namespace kestrix::test {

@@ -1,6 +1,4 @@
 // GetExtendedMap end to end: ranges, sizes, lease renewal and reply lengths.
-#include <gtest/gtest.h>
-
 #include "e2e/e2e_util.h"
 
 namespace kestrix::test {

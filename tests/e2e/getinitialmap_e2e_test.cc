@@ -1,6 +1,4 @@
 // GetInitialMap end to end: the replies and the calls testfs records.
-#include <gtest/gtest.h>
-
 #include "e2e/e2e_util.h"
 
 namespace kestrix::test {

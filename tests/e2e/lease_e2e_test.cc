@@ -1,7 +1,5 @@
 // Leases across requests end to end: expiry by the purge thread, and many
 // clients opening, mapping, resizing and closing at once.
-#include <gtest/gtest.h>
-
 #include <set>
 #include <thread>
 

@@ -1,6 +1,4 @@
 // SetSize end to end: the size call, the renewal rules and the failures.
-#include <gtest/gtest.h>
-
 #include "e2e/e2e_util.h"
 
 namespace kestrix::test {

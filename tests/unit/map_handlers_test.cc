@@ -21,13 +21,13 @@ namespace {
 using client::Bytes;
 constexpr uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1};
 
-constexpr std::pair<int32_t, uint32_t> kNone{-1, -1u};  // no reply
+constexpr std::pair<int, unsigned> kNone{-1, -1u};  // no reply
 
 // The handler's result and reply length for the request (converted in place).
-std::pair<int32_t, uint32_t> Call(MessageHandler handler, auto&& request) {
+std::pair<int, unsigned> Call(MessageHandler handler, auto&& request) {
   LanHeader* reply = handler(reinterpret_cast<LanHeader*>(request.data()), kComm);
   if (reply == nullptr) return kNone;
-  std::pair<int32_t, uint32_t> out{reinterpret_cast<CloseReply*>(reply)->result, reply->length};
+  std::pair<int, unsigned> out{reinterpret_cast<CloseReply*>(reply)->result, reply->length};
   ksxmem_free(reply);
   return out;
 }
@@ -55,30 +55,23 @@ TEST(MapHandlersTest, FailedAllocationsAndAnUnterminatedNameArea) {
     return key;
   };
   Call(SP_LanClose, client::MakeCloseRequest(openKey()));  // the volume is known from now on
-  struct Row {
-    MessageHandler handler;
-    int nth, count;
-    std::pair<int32_t, uint32_t> reply;
-  } rows[] = {
-      {SP_LanGetInitialMap, 1, 1, {5, 256}}, {SP_LanGetInitialMap, 2, 1, {5, 256}},
-      {SP_LanGetInitialMap, 3, 1, {5, 256}}, {SP_LanGetInitialMap, 4, 1, {5, 162}},
-      {SP_LanGetInitialMap, 3, 2, kNone},    {SP_LanGetExtendedMap, 1, 1, {5, 184}},
-      {SP_LanGetExtendedMap, 1, 2, kNone},   {SP_LanSetSize, 1, 1, kNone},
-      {SP_LanClose, 1, 1, kNone},            {SP_LanDumpInfo, 1, 1, {0, 88}},
-      {SP_LanDumpInfo, 2, 1, kNone},
-  };
-  for (const Row& row : rows) {
+  const MessageHandler kOpen = SP_LanGetInitialMap, kMap = SP_LanGetExtendedMap;
+  for (auto [handler, nth, count, reply] :
+       {std::tuple{kOpen, 1, 1, std::pair{5, 256u}}, {kOpen, 2, 1, {5, 256u}}, {kOpen, 3, 1, {5, 256u}},
+        {kOpen, 4, 1, {5, 162u}}, {kOpen, 3, 2, kNone}, {kMap, 1, 1, {5, 184u}}, {kMap, 1, 2, kNone},
+        {SP_LanSetSize, 1, 1, kNone}, {SP_LanClose, 1, 1, kNone}, {SP_LanDumpInfo, 1, 1, {0, 88u}},
+        {SP_LanDumpInfo, 2, 1, kNone}}) {
     const int32_t start = g_kmemstat;
-    const uint32_t key = row.handler == SP_LanGetInitialMap ? 0 : openKey();
-    Bytes request = row.handler == SP_LanGetInitialMap    ? open()
-                          : row.handler == SP_LanGetExtendedMap ? client::MakeGetExtendedMapRequest(key, 0, 0)
-                          : row.handler == SP_LanSetSize        ? client::MakeSetSizeRequest(key, 1)
-                                                                : client::MakeCloseRequest(key);
-    FailGetmem(row.nth, row.count);
-    EXPECT_EQ(Call(row.handler, request), row.reply) << "row " << &row - rows;
+    const uint32_t key = handler == kOpen ? 0 : openKey();
+    Bytes request = handler == kOpen          ? open()
+                    : handler == kMap         ? client::MakeGetExtendedMapRequest(key, 0, 0)
+                    : handler == SP_LanSetSize ? client::MakeSetSizeRequest(key, 1)
+                                               : client::MakeCloseRequest(key);
+    FailGetmem(nth, count);
+    EXPECT_EQ(Call(handler, request), reply) << "allocation " << nth << " of " << handler;
     FailGetmem(0, 0);
-    if (row.handler != SP_LanGetInitialMap) Call(SP_LanClose, client::MakeCloseRequest(key));
-    EXPECT_EQ(g_kmemstat, start) << "row " << &row - rows;
+    if (handler != kOpen) Call(SP_LanClose, client::MakeCloseRequest(key));
+    EXPECT_EQ(g_kmemstat, start) << "allocation " << nth << " of " << handler;
   }
   // A name area without a zero unit: nothing past it is read or rewritten.
   Bytes names = client::MakeGetInitialMapRequest("/m", "");
