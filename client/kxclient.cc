@@ -161,6 +161,52 @@ Bytes MakeStringCommandRequest(const std::string& textUtf8) {
   return message;
 }
 
+Bytes MakeGetInitialMapRequest(const std::string& shareUtf8, const std::string& fileUtf8,
+                               const OpenOptions& options) {
+  Bytes message = MakeRequest(SP_FUNC_GETINITIALMAP, sizeof(GetInitialMapMsg));
+  HeaderOf(message)->pathSeparator = options.separator;
+  Write(message, offsetof(GetInitialMapMsg, filesize), options.fileSize);
+  Write(message, offsetof(GetInitialMapMsg, allocsize), options.allocSize);
+  Write(message, offsetof(GetInitialMapMsg, lease), options.lease);
+  Write(message, offsetof(GetInitialMapMsg, intention), options.intention);
+  Write(message, offsetof(GetInitialMapMsg, flag), options.flag);
+  // Share, 0 unit, file name, 0 unit: the share may take 1022 units at most.
+  std::u16string share = ToUtf16(shareUtf8).substr(0, SP_PATH_UNITS - 2);
+  std::u16string file = ToUtf16(fileUtf8).substr(0, SP_PATH_UNITS - 2 - share.size());
+  constexpr size_t kNames = offsetof(GetInitialMapMsg, names);
+  PutText(message, kNames, share.size(), share);
+  PutText(message, kNames + 2 * (share.size() + 1), file.size(), file);
+  return message;
+}
+
+Bytes MakeGetExtendedMapRequest(uint32_t key, int64_t start, int64_t length, uint32_t lease,
+                                int64_t fileSize, int64_t allocation, uint32_t flag) {
+  Bytes message = MakeRequest(SP_FUNC_GETEXTENDEDMAP, sizeof(GetExtendedMapMsg));
+  Write(message, offsetof(GetExtendedMapMsg, filesize), fileSize);
+  Write(message, offsetof(GetExtendedMapMsg, allocation), allocation);
+  Write(message, offsetof(GetExtendedMapMsg, start), start);
+  Write(message, offsetof(GetExtendedMapMsg, length), length);
+  Write(message, offsetof(GetExtendedMapMsg, lease), lease);
+  Write(message, offsetof(GetExtendedMapMsg, key), key);
+  Write(message, offsetof(GetExtendedMapMsg, flag), flag);
+  return message;
+}
+
+Bytes MakeSetSizeRequest(uint32_t key, int64_t fileSize, uint32_t lease) {
+  Bytes message = MakeRequest(SP_FUNC_SETSIZE, sizeof(SetSizeMsg));
+  Write(message, offsetof(SetSizeMsg, filesize), fileSize);
+  Write(message, offsetof(SetSizeMsg, lease), lease);
+  Write(message, offsetof(SetSizeMsg, key), key);
+  return message;
+}
+
+Bytes MakeCloseRequest(uint32_t key, int64_t fileSize) {
+  Bytes message = MakeRequest(SP_FUNC_CLOSE, sizeof(CloseMsg));
+  Write(message, offsetof(CloseMsg, filesize), fileSize);
+  Write(message, offsetof(CloseMsg, key), key);
+  return message;
+}
+
 std::optional<Bytes> ParseHex(const std::string& text, size_t maxBytes) {
   Bytes out;
   int high = -1;  // first digit of a pair, -1 between pairs
@@ -216,6 +262,55 @@ class FieldReader {
   bool swapped_;
 };
 
+// The FSUNI text from offset to its 0 unit or the datagram's end, as UTF-8.
+std::string TextAt(const FieldReader& r, const Bytes& message, size_t offset) {
+  std::u16string text;
+  for (size_t at = offset; at + 2 <= message.size(); at += 2) {
+    auto unit = r.Get<uint16_t>(at);
+    if (unit == 0) break;
+    text.push_back(static_cast<char16_t>(unit));
+  }
+  return ToUtf8(text);
+}
+
+// The extent table of a map at `base`, or its text when it has no extents.
+void ReadExtents(const FieldReader& r, const Bytes& reply, size_t base, FileMap& m) {
+  const size_t table = base + FSMAPINFO_FIXED_SIZE;
+  if (m.nExtents <= 0) {
+    m.text = TextAt(r, reply, table);
+    return;
+  }
+  size_t size = 0;
+  switch (m.extentType) {
+    case FS_EXTENT_COMPACT: size = COMPACT_EXTENT_SIZE; break;
+    case FS_EXTENT_VERBOSE: case FS_EXTENT_VERBOSE_ALT: size = VERBOSE_EXTENT_SIZE; break;
+    case FS_EXTENT_SIMPLE: size = SIMPLE_EXTENT_SIZE; break;
+    default: return;  // a layout only the library knows
+  }
+  const size_t fit = reply.size() > table ? (reply.size() - table) / size : 0;
+  const size_t count = std::min<size_t>(static_cast<size_t>(m.nExtents), fit);
+  m.extentsTruncated = count < static_cast<size_t>(m.nExtents);
+  for (size_t i = 0, at = table; i < count; ++i, at += size) {
+    MapExtent e;
+    if (m.extentType == FS_EXTENT_COMPACT) {
+      e.physical = r.Get<int64_t>(at + offsetof(CompactExtent, BlockOffset));
+      e.length = r.Get<int64_t>(at + offsetof(CompactExtent, nBlocks));
+      e.kind = "blocks";
+    } else if (m.extentType == FS_EXTENT_SIMPLE) {
+      e.physical = r.Get<int64_t>(at + offsetof(SimpleExtent, VolSliceBlock));
+      e.length = r.Get<int64_t>(at + offsetof(SimpleExtent, NBlocks));
+      e.kind = "blocks vol " + std::to_string(r.Get<int64_t>(at + offsetof(SimpleExtent, VolOrd)));
+    } else {
+      e.logical = r.Get<int64_t>(at + offsetof(VerboseExtent, LogicalByteAddr));
+      e.physical = r.Get<int64_t>(at + offsetof(VerboseExtent, PhysicalByteAddr));
+      e.length = r.Get<int64_t>(at + offsetof(VerboseExtent, nBytes));
+      e.kind = "bytes vol " + std::to_string(r.Get<uint32_t>(at + offsetof(VerboseExtent, VolumeOrdinal))) +
+               " valid " + std::to_string(r.Get<uint32_t>(at + offsetof(VerboseExtent, validity)));
+    }
+    m.extents.push_back(e);
+  }
+}
+
 }  // namespace
 
 std::optional<ReplyHeader> ParseHeader(const Bytes& message) {
@@ -269,15 +364,79 @@ std::optional<GetVolumeInfo> ParseGetVolumeReply(const Bytes& reply) {
       v.disks.push_back(d);
     }
   } else {
-    std::u16string text;
-    for (size_t at = kTable; at + 2 <= reply.size(); at += 2) {
-      auto unit = r.Get<uint16_t>(at);
-      if (unit == 0) break;
-      text.push_back(static_cast<char16_t>(unit));
-    }
-    v.errorText = ToUtf8(text);
+    v.errorText = TextAt(r, reply, kTable);
   }
   return v;
+}
+
+std::optional<MapReply> ParseMapReply(const Bytes& reply) {
+  std::optional<ReplyHeader> header = ParseHeader(reply);
+  const bool initial = header && header->functionCode == -SP_FUNC_GETINITIALMAP;
+  if (!header || (!initial && header->functionCode != -SP_FUNC_GETEXTENDEDMAP) ||
+      reply.size() < offsetof(GetInitialMapReply, lease))
+    return std::nullopt;
+  MapReply m;
+  m.header = *header;
+  FieldReader r(reply, header->swapped);
+  m.result = r.Get<int32_t>(offsetof(GetInitialMapReply, result));
+  m.lease = r.Get<uint32_t>(offsetof(GetInitialMapReply, lease));
+  size_t base = SP_GETEXTENDEDMAP_MAP_OFFSET;
+  if (initial) {
+    base = SP_GETINITIALMAP_MAP_OFFSET;
+    m.key = r.Get<uint32_t>(offsetof(GetInitialMapReply, key));
+    if (reply.size() >= base) {
+      std::memcpy(m.fileCookie.data(), reply.data() + offsetof(GetInitialMapReply, fileCookie),
+                  FS_COOKIE_SIZE);
+      std::memcpy(m.volumeCookie.data(),
+                  reply.data() + offsetof(GetInitialMapReply, volumeCookie), FS_COOKIE_SIZE);
+    }
+  }
+  m.hasMap = reply.size() >= base + FSMAPINFO_FIXED_SIZE;
+  if (!m.hasMap) return m;
+  FileMap& f = m.map;
+  f.fileSize = r.Get<int64_t>(base + offsetof(FSMapInfo, fileSize));
+  f.allocation = r.Get<int64_t>(base + offsetof(FSMapInfo, allocation));
+  f.msgLen = r.Get<int32_t>(base + offsetof(FSMapInfo, msgLen));
+  f.vendorStatus = r.Get<int32_t>(base + offsetof(FSMapInfo, vendorStatus));
+  f.nExtents = r.Get<int32_t>(base + offsetof(FSMapInfo, nExtents));
+  f.extentType = r.Get<uint32_t>(base + offsetof(FSMapInfo, extentType));
+  f.fileOffset = r.Get<int64_t>(base + offsetof(FSMapInfo, fileOffset));
+  f.fileBytes = r.Get<int64_t>(base + offsetof(FSMapInfo, fileBytes));
+  ReadExtents(r, reply, base, f);
+  return m;
+}
+
+std::optional<StatusReply> ParseStatusReply(const Bytes& reply) {
+  std::optional<ReplyHeader> header = ParseHeader(reply);
+  if (!header || (header->functionCode != -SP_FUNC_SETSIZE &&
+                  header->functionCode != -SP_FUNC_CLOSE) ||
+      reply.size() < offsetof(SetSizeReply, lease))
+    return std::nullopt;
+  FieldReader r(reply, header->swapped);
+  StatusReply s;
+  s.header = *header;
+  s.result = r.Get<int32_t>(offsetof(SetSizeReply, result));
+  if (header->functionCode == -SP_FUNC_SETSIZE) s.lease = r.Get<uint32_t>(offsetof(SetSizeReply, lease));
+  return s;
+}
+
+const char* ResultName(int32_t result) {
+  switch (result) {
+    case SP_RESULT_OK: return "success";
+    case SP_RESULT_LIBRARY_ONE: return "library answered 1";
+    case SP_RESULT_UNKNOWN_SHARE: return "unknown share";
+    case SP_RESULT_NO_MEMORY: return "out of memory";
+    case LAN_RESULT_BAD_LENGTH: return "header length below 48";
+    case LAN_RESULT_NO_HANDLER: return "no handler for the function code";
+    case SP_RESULT_SIZE_NOTICE: return "size notice from the library";
+    case SP_RESULT_NO_LIBRARY: return "no library knows the volume";
+    case SP_RESULT_NO_FILE_NAME: return "no file name after the share name";
+    case SP_RESULT_KEY_NOT_FOUND: return "no lease with that key";
+    case SP_RESULT_LEASE_GONE: return "lease vanished before removal";
+    case SP_RESULT_LEASE_NOT_RENEWED: return "lease vanished before renewal";
+    case SP_RESULT_FILE_NOT_FOUND: return "no library knows the file";
+    default: return "library status";
+  }
 }
 
 }  // namespace kestrix::client

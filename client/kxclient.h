@@ -62,6 +62,26 @@ Bytes MakeGetVolumeRequest(const std::string& pathUtf8, const uint8_t* cookie = 
 // A SendStringCmd request (2128 bytes): the command text, at most 1023 units.
 Bytes MakeStringCommandRequest(const std::string& textUtf8);
 
+// What a GetInitialMap request asks for besides the names.
+struct OpenOptions {
+  int64_t fileSize = -1;   // new file size; -1 leaves it
+  int64_t allocSize = -1;  // new allocation size; -1 leaves it
+  uint32_t lease = 0;      // milliseconds; 0 asks for the default
+  uint32_t intention = 1;  // 1 read, anything else write
+  uint32_t flag = 0;       // map flags (8: unlocked, no lease kept)
+  uint16_t separator = u'/';
+};
+// A GetInitialMap request (2160 bytes): the share name, a 0 unit, the file
+// name and a 0 unit in the 1024-unit name area (cut so both terminators fit).
+Bytes MakeGetInitialMapRequest(const std::string& shareUtf8, const std::string& fileUtf8,
+                               const OpenOptions& options = {});
+// A GetExtendedMap request (92 bytes); length 0 maps to the end of the file.
+Bytes MakeGetExtendedMapRequest(uint32_t key, int64_t start, int64_t length, uint32_t lease = 0,
+                                int64_t fileSize = -1, int64_t allocation = -1,
+                                uint32_t flag = 0);
+Bytes MakeSetSizeRequest(uint32_t key, int64_t fileSize, uint32_t lease = 0);  // 64 bytes
+Bytes MakeCloseRequest(uint32_t key, int64_t fileSize = -1);                    // 60 bytes
+
 // Hex text to bytes. Blanks, ':' and '-' between digit pairs are skipped;
 // an odd digit count, another character or more than maxBytes bytes fails.
 std::optional<Bytes> ParseHex(const std::string& text, size_t maxBytes);
@@ -112,6 +132,58 @@ struct GetVolumeInfo {
 // Nothing unless the datagram is a GetVolume reply (code -1) that reaches
 // past the fixed part of the volume description (192 bytes).
 std::optional<GetVolumeInfo> ParseGetVolumeReply(const Bytes& reply);
+
+// One extent of a map. Verbose extents are in bytes; compact and simple
+// ones count blocks and have no logical offset (logical is -1).
+struct MapExtent {
+  int64_t logical = -1;
+  int64_t physical = 0;
+  int64_t length = 0;
+  std::string kind;  // "bytes vol N valid V", "blocks" or "blocks vol N"
+};
+
+struct FileMap {
+  int64_t fileSize = 0;
+  int64_t allocation = 0;
+  int32_t msgLen = 0;
+  int32_t vendorStatus = 0;
+  int32_t nExtents = 0;
+  uint32_t extentType = 0;
+  int64_t fileOffset = 0;
+  int64_t fileBytes = 0;
+  std::vector<MapExtent> extents;
+  bool extentsTruncated = false;  // nExtents names more than the datagram holds
+  std::string text;               // UTF-8, when there are no extents
+};
+
+// A GetInitialMap (code -2) or GetExtendedMap (code -3) reply taken apart;
+// key and cookies belong to GetInitialMap. hasMap is set when the datagram
+// reaches past the map's fixed part; only what it holds is read.
+struct MapReply {
+  ReplyHeader header;
+  int32_t result = 0;
+  uint32_t lease = 0;
+  uint32_t key = 0;
+  std::array<uint8_t, FS_COOKIE_SIZE> fileCookie{};
+  std::array<uint8_t, FS_COOKIE_SIZE> volumeCookie{};
+  bool hasMap = false;
+  FileMap map;
+};
+// Nothing unless the datagram is a map reply that holds its result.
+std::optional<MapReply> ParseMapReply(const Bytes& reply);
+
+// The result (byte 48) and lease (byte 52, SetSize only) of a SetSize or
+// Close reply; nothing when the datagram is not one or is too short.
+struct StatusReply {
+  ReplyHeader header;
+  int32_t result = 0;
+  uint32_t lease = 0;
+};
+std::optional<StatusReply> ParseStatusReply(const Bytes& reply);
+
+// What a result code means ("no library knows the volume"); "library status"
+// for values only a filesystem library gives.
+const char* ResultName(int32_t result);
 
 template <typename T>
 T Read(const Bytes& message, size_t offset) {

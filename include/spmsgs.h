@@ -54,6 +54,7 @@ enum {
   SP_SETSIZE_REPLY_SIZE = 72,
   SP_CLOSE_REPLY_SIZE = 88,
   SP_SENDSTRINGCMD_REPLY_SIZE = 2132,
+  SP_MAX_DATAGRAM = 65507,  // the most one UDP datagram over IPv4 carries
 };
 
 // Where the embedded structures and their texts sit in the replies, and the

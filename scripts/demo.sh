@@ -28,6 +28,12 @@ cat <<MSG
 kestrixd demo on UDP port $port (Ctrl-C stops it)
   plug-in:  $KESTRIX_LIBDIR/libdemofs.so  (calls recorded in $demo/steer/libdemofs.so.calls)
   shares:   data -> /export/data, projects -> /export/projects  ($KESTRIX_SMBPATH)
-  try:      $build/client/kestrix-cli -p $port getvolume data
+  try:      cli="$build/client/kestrix-cli -p $port"
+            \$cli getvolume data
+            \$cli open data report.txt --write      # prints the lease key, e.g. 0x0
+            \$cli map 0x0 65536                     # the map from byte 65536 on
+            \$cli setsize 0x0 100000
+            \$cli close 0x0                         # the map is unlocked
+  files:    /export/data/report.txt, /export/projects/plan.txt
 MSG
 exec "$build/kestrixd" -d -f SCREEN -l 4 "$@"

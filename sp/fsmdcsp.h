@@ -7,6 +7,7 @@
 #include "fslibrary.h"
 #include "fstypes.h"
 #include "lanheader.h"
+#include "spmsgs.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -58,7 +59,7 @@ namespace kestrix {
 // plus useful map room, and no more than one UDP datagram can carry.
 inline constexpr FSULONG kDefaultMaxDgram = 65536;
 inline constexpr FSULONG kMinMaxDgram = 1024;
-inline constexpr FSULONG kMaxUdpPayload = 65507;
+inline constexpr FSULONG kMaxUdpPayload = SP_MAX_DATAGRAM;
 // The size a MAXDGRAM text asks for, after the bounds (logs what was used).
 FSULONG MaxDgramFromText(const char* text);
 // Creates the dispatcher lock and empties the dispatcher list.

@@ -1,6 +1,8 @@
 // GetVolume: maps a share name (or an absolute path) to its mount point,
 // finds the library that serves the volume, records the pairing for later
 // requests, and returns the volume's description with its disks.
+#include <string.h>
+
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
@@ -40,15 +42,23 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
       if (status != 0) {
         result = status;
       } else {
-        // The request's cookie field receives each library's answer in turn.
-        for (int i = 0; i < libCount; ++i) {
+        // The request's cookie field receives each library's answer in turn,
+        // cleared first: what a refusing library leaves there names no volume.
+        bool accepted = false;
+        for (int i = 0; i < libCount && !accepted; ++i) {
+          memset(msg->volumeCookie, 0, FS_COOKIE_SIZE);
           FSLONG rc = libs[i]->FS_GetVolCookie(mountPoint, msg->volumeCookie);
-          if (rc == 0) {
+          accepted = rc == 0;
+          if (accepted) {
             AddVolumeDispatcherToList(msg->volumeCookie, libs[i]);
-            break;
+          } else {
+            OSL_Log(KSX_ERROR, "SP_LanGetVolume: FS_GetVolCookie call to lib[%d] returned %d\n",
+                    i, rc);
           }
-          OSL_Log(KSX_ERROR, "SP_LanGetVolume: FS_GetVolCookie call to lib[%d] returned %d\n", i,
-                  rc);
+        }
+        if (!accepted) {
+          status = SP_RESULT_NO_LIBRARY;
+          result = status;
         }
       }
     }

@@ -11,6 +11,12 @@ extern "C" {
 #endif
 
 LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* commCookie);
+LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* commCookie);
+LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* commCookie);
+LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* commCookie);
+LanHeader* SP_LanClose(LanHeader* request, const uint8_t* commCookie);
+// Logs the lease list and the duplicate counters; registered for no code.
+LanHeader* SP_LanDumpInfo(LanHeader* request, const uint8_t* commCookie);
 LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* commCookie);
 
 #ifdef __cplusplus

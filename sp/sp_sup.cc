@@ -8,7 +8,8 @@
 //   past the reply. Reply converters do the same whenever the header length
 //   is at least 48 (the header is converted before the body).
 // - Request dumps read the path and name areas only within their 2048 bytes.
-// - Reply lengths count text units only inside the buffer and never exceed it.
+// - Reply lengths count text units only inside the buffer and never exceed
+//   it, nor the 65507 bytes one datagram carries.
 #include "sp/sp_sup.h"
 
 #include <algorithm>
@@ -90,12 +91,18 @@ int64_t MapReplyLength(const void* reply, FSLONG msgLen, FSULONG textOffset,
          2 * (static_cast<int64_t>(units) + 1);
 }
 
-// Never above the buffer; never below 162, the length of a map with msgLen 0
-// and no text (a negative msgLen), unless the buffer itself is smaller.
+// The most a reply built in a buffer of bufferSize bytes may send: the
+// buffer, and never more than one datagram (the default buffer is larger).
+FSULONG SendLimit(FSULONG bufferSize) {
+  return std::min<FSULONG>(bufferSize, SP_MAX_DATAGRAM);
+}
+
+// Never above the send limit; never below 162, the length of a map with
+// msgLen 0 and no text (a negative msgLen), unless the buffer is smaller.
 FSULONG Clamp(int64_t length, FSULONG bufferSize) {
   constexpr int64_t kEmptyMapLength = SP_MAP_REPLY_LENGTH_BASE + 2;
-  const int64_t floor = std::min<int64_t>(kEmptyMapLength, bufferSize);
-  return static_cast<FSULONG>(std::clamp<int64_t>(length, floor, bufferSize));
+  const int64_t limit = SendLimit(bufferSize);
+  return static_cast<FSULONG>(std::clamp<int64_t>(length, std::min(kEmptyMapLength, limit), limit));
 }
 
 }  // namespace
@@ -110,7 +117,7 @@ FSULONG GetVolumeReplyLength(const GetVolumeReply* reply, FSULONG bufferSize) {
     length = SP_GETVOLUME_REPLY_SIZE +
              2 * (TextUnitsWithin(reply, SP_GETVOLUME_TEXT_OFFSET, bufferSize) + 1);
   }
-  return static_cast<FSULONG>(std::min<uint64_t>(length, bufferSize));
+  return static_cast<FSULONG>(std::min<uint64_t>(length, SendLimit(bufferSize)));
 }
 
 FSULONG GetInitialMapReplyLength(const GetInitialMapReply* reply, FSULONG bufferSize) {

@@ -53,7 +53,8 @@ namespace kestrix {
 
 // The header length of a reply that carries variable data, built in a
 // buffer of bufferSize bytes. Text units are counted only inside the buffer,
-// the sum is formed in 64 bits, and the result never exceeds bufferSize.
+// the sum is formed in 64 bits, and the result never exceeds bufferSize nor
+// SP_MAX_DATAGRAM.
 //
 // GetVolume: nDisks != 0 gives 272 + 80 * (nDisks - 1); otherwise
 // 272 + 2 * (n + 1), n the units of the text at byte 192.

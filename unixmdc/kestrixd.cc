@@ -76,6 +76,10 @@ void DgramServer(uint16_t port) {
   RequireForStartup(kestrix::ServiceProviderReady(),
                     "the service provider's locks or its lease purge thread");
   LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
+  LAN_RegisterMessageHandler(info, 2, SP_LanGetInitialMap);
+  LAN_RegisterMessageHandler(info, 3, SP_LanGetExtendedMap);
+  LAN_RegisterMessageHandler(info, 4, SP_LanSetSize);
+  LAN_RegisterMessageHandler(info, 5, SP_LanClose);
   LAN_RegisterMessageHandler(info, 7, SP_LanSendStringCmd);
   int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
   if (rc != 0) {

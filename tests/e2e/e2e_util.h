@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,6 +63,50 @@ class PluginDaemonTest : public ::testing::Test {
   DaemonProcess daemon_;
   std::unique_ptr<client::Endpoint> endpoint_;
 };
+
+// A plug-in daemon whose share "data" lies at /export/data, for the map
+// handlers' tests. Send gives every request a fresh message ID.
+class MapE2E : public PluginDaemonTest {
+ protected:
+  void SetUp() override {
+    PluginDaemonTest::SetUp();
+    WriteFile(daemon_.dir().File("smb.conf"), "[data]\n   path = /export/data\n");
+  }
+  TestFs Serve(const std::string& conf, const std::string& name = "liba.so") {
+    Install("libtestfs.so", name, conf);
+    return Fs(name);
+  }
+  // A fresh daemon process, so that the plug-in counts its calls from 0 again.
+  void Restart() {
+    daemon_.Stop();
+    std::remove(daemon_.logPath().c_str());
+    Start();
+  }
+  Bytes Send(Bytes request) {
+    client::Write(request, 8, ++sequence_);
+    return Ask(request);
+  }
+  client::MapReply Open(const std::string& file, const client::OpenOptions& o = {}) {
+    return client::ParseMapReply(Send(client::MakeGetInitialMapRequest("data", file, o)))
+        .value_or(client::MapReply{});
+  }
+  int32_t Result(const Bytes& request) { return client::Read<int32_t>(Send(request), 48); }
+
+  uint64_t sequence_ = 0;
+};
+
+// The map, size and unlock calls a testfs instance saw, in order:
+// "map START LENGTH FLAGS|size SIZE ALLOC|unlock|".
+inline std::string MapCalls(const TestFs& fs) {
+  std::string out;
+  for (const CallRecord& c : fs.Calls()) {
+    if (c.function == "FS_GetLockedMap")
+      out += "map " + c.Get("start") + " " + c.Get("length") + " " + c.Get("flags") + "|";
+    if (c.function == "FS_SetFileSizes") out += "size " + c.Get("size") + " " + c.Get("alloc") + "|";
+    if (c.function == "FS_UnlockMap") out += "unlock|";
+  }
+  return out;
+}
 
 }  // namespace kestrix::test
 

@@ -103,12 +103,16 @@ TEST_F(GetVolumeE2E, UnknownShareUnknownCookieAndErrorText) {
 }
 
 TEST_F(GetVolumeE2E, NoLibraryAcceptsTheMountPoint) {
-  Install("libtestfs.so", "liba.so", "miss FS_GetVolCookie 2\n");
+  // The cookie a refusing library leaves behind names a known volume: still 405.
+  Install("libtestfs.so", "liba.so",
+          "volume /export/data vol-a\nmiss FS_GetVolCookie 2\nmisscookie vol-a\n");
   Start();
+  EXPECT_EQ(Read<int32_t>(Ask(GetVolumeRequest("data")), 48), 0);
   Bytes reply = Ask(GetVolumeRequest("/export/elsewhere"));
   EXPECT_EQ(Read<int32_t>(reply, 48), 405);
   EXPECT_EQ(reply.size(), 272u);
-  EXPECT_EQ(Fs("liba.so").Calls("FS_GetVolCookie").at(0).Get("mount"), "/export/elsewhere");
+  EXPECT_EQ(Fs("liba.so").Calls("FS_GetVolCookie").at(1).Get("mount"), "/export/elsewhere");
+  EXPECT_EQ(Fs("liba.so").CountCalls("FS_GetVolByCookie"), 1);
 }
 
 TEST_F(GetVolumeE2E, RefusedLibraryTakesNoSlot) {

@@ -21,10 +21,11 @@
 //                               calls the last (default 0)
 //   miss FS_GetVolCookie N      result for a mount point not served (-380)
 //   miss FS_GetCookies N        result for a path not served (-380)
-//   misscookie TEXT             volume cookie FS_GetVolCookie writes on a miss
-//                               (default: the output is left untouched)
+//   misscookie TEXT             volume cookie FS_GetVolCookie and FS_GetCookies
+//                               write on a miss (default: outputs untouched)
 //   volume MOUNT VOLCOOKIE      FS_GetVolCookie serves MOUNT with VOLCOOKIE
 //   file PATH VOLCOOKIE FILECOOKIE   FS_GetCookies serves the full PATH
+//                               (VOLCOOKIE "-": the volume cookie is not written)
 //   vol.FIELD N                 VolInfo fields: msgLen, vendorStatus, FStype,
 //                               GlomType, GlomInfo, nDisks, BlockSize, IDlength
 //   vol.cookie TEXT             cookie at byte 32 (default: the one asked for)
@@ -512,10 +513,13 @@ TESTFS_EXPORT FSLONG FS_GetCookies(const FSUNI* path, uint8_t* volumeCookieOut,
   auto it = conf.files.find(full);
   if (it != conf.files.end()) {
     result = Result(conf, kGetCookies);
-    if (volumeCookieOut != nullptr) StoreCookie(it->second.vol, volumeCookieOut);
+    if (volumeCookieOut != nullptr && it->second.vol != "-")
+      StoreCookie(it->second.vol, volumeCookieOut);
     if (fileCookieOut != nullptr) StoreCookie(it->second.file, fileCookieOut);
   } else {
     result = static_cast<FSLONG>(conf.missCookies);
+    if (conf.haveMissCookie && volumeCookieOut != nullptr)
+      StoreCookie(conf.missCookie, volumeCookieOut);
   }
   Record("FS_GetCookies path=" + Escape(full) + " result=" + Num(result));
   return result;

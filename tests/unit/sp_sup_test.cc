@@ -160,7 +160,7 @@ TEST(SpSupLengthTest, VolumeAndMapReplies) {
   using namespace kestrix;
   Buffer b(65536), m(65536), t(SP_GETVOLUME_REPLY_SIZE);
   // 192 + 80 * 0xFFFFFFFF would wrap to 112 in 32 bits; no disks add the text.
-  for (auto [nDisks, want] : {std::pair{2u, 352u}, {3u, 432u}, {0xFFFFFFFFu, 65536u}, {0u, 274u}}) {
+  for (auto [nDisks, want] : {std::pair{2u, 352u}, {3u, 432u}, {0xFFFFFFFFu, 65507u}, {0u, 274u}}) {
     b.As<GetVolumeReply>()->volInfo.nDisks = nDisks;
     EXPECT_EQ(GetVolumeReplyLength(b.As<GetVolumeReply>(), 65536), want) << nDisks << " disks";
   }
@@ -170,10 +170,10 @@ TEST(SpSupLengthTest, VolumeAndMapReplies) {
   for (int k = 0; k < 60; ++k) t.As<FSUNI>(152)[k] = 'z';
   EXPECT_EQ(GetVolumeReplyLength(t.As<GetVolumeReply>(), 272), 272u);
   EXPECT_EQ(GetExtendedMapReplyWantedLength(t.As<GetExtendedMapReply>(), 184), 160 + 2 * 17);
-  // Map replies: too long is capped, a negative msgLen gives the empty map's 162.
+  // Map replies: too long is capped at one datagram, a negative msgLen gives the empty map's 162.
   GetExtendedMapReply* e = m.As<GetExtendedMapReply>();
   for (auto [msgLen, wanted, length] : {std::tuple{64, 226, 226u}, {0, 162, 162u},
-                                        {70000, 70162, 65536u}, {-100000, -99838, 162u}}) {
+                                        {70000, 70162, 65507u}, {-100000, -99838, 162u}}) {
     e->map.msgLen = msgLen;
     EXPECT_EQ(GetExtendedMapReplyWantedLength(e, 65536), wanted) << "msgLen " << msgLen;
     EXPECT_EQ(GetExtendedMapReplyLength(e, 65536), length) << "msgLen " << msgLen;

@@ -1,0 +1,52 @@
+// SetSize: a client that holds a lease sets a new size for the file (the
+// allocation stays) and has its lease renewed in the same exchange.
+#include "sp/fsmdcsp.h"
+#include "sp/handlers.h"
+#include "sp/lease.h"
+#include "sp/sp_sup.h"
+#include "spmsgs.h"
+#include "utils/log.h"
+
+namespace {
+constexpr FS64LONG kUnchanged = -1;
+}  // namespace
+
+extern "C" LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* /*commCookie*/) {
+  auto* msg = reinterpret_cast<SetSizeMsg*>(request);
+  FsLibrary* library = nullptr;
+  FSULONG granted = 0;
+  LeaseEntry held;  // a copy: the list may lose the lease meanwhile
+
+  SPSUP_TransLanSetSize(msg);
+  OSL_Log(KSX_SP, "SP_LanSetSize handler called key 0x%x\n", msg->key);
+  SPSUP_DumpMessage(request, 0);
+
+  int result = GetLeaseCopy(msg->key, &held);
+  if (result == 0) {
+    library = GetLibrary(held.volumeCookie);
+    if (library == nullptr) result = SP_RESULT_NO_LIBRARY;
+  }
+  if (library != nullptr) {
+    // 400 reaches the client as it is, and like any other status skips the renewal.
+    result = library->FS_SetFileSizes(held.volumeCookie, held.fileCookie, 0, msg->filesize,
+                                      kUnchanged, kUnchanged);
+  }
+  if (library != nullptr && result == 0) {
+    msg->lease = static_cast<FSULONG>(CalcLease(static_cast<FSLONG>(msg->lease), held.intention,
+                                                library, held.volumeCookie));
+    if (ChangeLeaseEntry(msg->key, static_cast<FSLONG>(msg->lease)) == 0) {
+      granted = msg->lease;
+    } else {
+      result = SP_RESULT_LEASE_NOT_RENEWED;
+    }
+  }
+
+  auto* reply =
+      reinterpret_cast<SetSizeReply*>(SP_InitReply(request, SP_SETSIZE_REPLY_SIZE, library));
+  if (reply != nullptr) {
+    reply->lease = granted;
+    reply->result = result;
+    SPSUP_DumpSetSizeReply(reply, SP_SETSIZE_REPLY_SIZE);
+  }
+  return reinterpret_cast<LanHeader*>(reply);
+}
