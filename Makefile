@@ -3,10 +3,11 @@
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+COV_BUILD  ?= build-cov
 CMAKE_GEN  ?= -G Ninja
 JOBS       ?= 2
 
-.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz clean
+.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio clean
 
 all: build
 
@@ -43,5 +44,24 @@ bench:
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 
+# Line and branch coverage of the product code by the unit and end-to-end
+# tests: an HTML report in $(COV_BUILD)/coverage/, the totals on the screen.
+coverage:
+	@command -v gcovr >/dev/null || { echo "make coverage needs gcovr (apt-get install gcovr)"; exit 1; }
+	@cmake -S . -B $(COV_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKESTRIX_COVERAGE=ON >/dev/null
+	@cmake --build $(COV_BUILD)
+	@find $(COV_BUILD) -name '*.gcda' -delete
+	-ctest --test-dir $(COV_BUILD) -j$(JOBS) --output-on-failure
+	@mkdir -p $(COV_BUILD)/coverage
+	gcovr -r . --object-directory $(COV_BUILD) -j$(JOBS) \
+	  --filter '$(CURDIR)/(include|utils|sp|unixmdc|client|plugins)/' \
+	  --exclude-unreachable-branches --exclude-throw-branches \
+	  --html-details $(COV_BUILD)/coverage/index.html \
+	  --json-summary $(COV_BUILD)/coverage/summary.json --print-summary
+
+# Lines of tests against lines of product code.
+ratio:
+	@scripts/test-ratio
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(BUILD)-bench

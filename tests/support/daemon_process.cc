@@ -95,7 +95,7 @@ RunResult RunToExit(const std::string& program, const std::vector<std::string>& 
 }
 
 DaemonProcess::DaemonProcess(std::string binary, std::string libDir)
-    : binary_(binary.empty() ? std::string(KESTRIXD_BINARY_PATH) : binary),
+    : binary_(binary.empty() ? std::string(KESTRIXD_BINARY) : binary),
       libDir_(std::move(libDir)),
       logPath_(dir_.File("kestrixd.log")) {
   if (libDir_.empty()) {
@@ -120,8 +120,12 @@ bool DaemonProcess::Start(const std::vector<std::string>& extraArgs, int timeout
 
 void DaemonProcess::Stop() {
   if (pid_ <= 0) return;
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
+  // SIGTERM first: a coverage build writes its counters on it.
+  kill(pid_, SIGTERM);
+  if (WaitFor(pid_, 2000) == -2) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
   pid_ = -1;
 }
 
