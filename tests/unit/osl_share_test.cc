@@ -15,17 +15,16 @@ namespace {
 
 // Maps a name as the GetVolume handler does, backslashes made slashes first:
 // the mount point, or "result N" on a failure (which must leave out alone).
-std::string Map(const std::string& share) {
+std::string Map(const std::string& share, int32_t units = 256) {
   std::vector<FSUNI> in(share.size() + 1), out(512, 0x7777);
   mb2fsuni(in.data(), share.c_str(), static_cast<int32_t>(in.size()));
   OSL_TransPath(in.data());
-  if (int32_t result = OSL_ShareNameToMountPoint(in.data(), out.data(), 256); result != 0) {
+  if (int32_t result = OSL_ShareNameToMountPoint(in.data(), out.data(), units); result != 0) {
     EXPECT_EQ(out[0], 0x7777) << "output written on failure";
     return "result " + std::to_string(result);
   }
   char text[1024];
-  fsuni2mb(text, out.data(), sizeof text);
-  return text;
+  return fsuni2mb(text, out.data(), sizeof text);
 }
 
 class ShareTest : public ::testing::Test {
@@ -34,80 +33,60 @@ class ShareTest : public ::testing::Test {
     unsetenv("KESTRIX_SMBPATH");
     SetPasswdPathForTesting(nullptr);
   }
-  // Writes smb.conf with the given contents and points KESTRIX_SMBPATH at it.
   void UseConf(const std::string& contents) {
     WriteFile(conf_, contents);
     setenv("KESTRIX_SMBPATH", conf_.c_str(), 1);
   }
+  bool Logged(const std::string& text) const {
+    return log_.Contains("Error " + text + "\n");
+  }
 
   TempDir dir_;
   std::string conf_ = dir_.File("smb.conf");
+  LogCapture log_{2};
 };
 
 TEST_F(ShareTest, SectionsAndPathLinesAreReadLineByLine) {
   const std::string p255 = "/" + std::string(254, 'p');
-  const struct { std::string conf, want; } rows[] = {
-      {"[other]\n   path = /export/other\n[data]\n   path = /export/data\n", "/export/data"},
+  const struct { std::string conf, share, want; } rows[] = {
+      {"[other]\n path = /x\n[data]\n path = /export/data\n", "data", "/export/data"},
       // "path=" is no path line; the search goes on past the next header.
-      {"[data]\npath=/export/nospace\n[next]\n\tpath = /export/later\n", "/export/later"},
-      {"[data]\n; path = /old\n path = /new\n", "/old"},  // the first, commented or not
-      {"[data]\n path = /export/my data\n", "/export/my"},
-      {"[data]\n path = /export/data", "/export/dat"},  // a last line loses its last byte
-      {"[other]\n path = /x\n[data]", "result 3"},        // so this header is "[data"
-      {"[Data]\n path = /a\n[data] \n path = /b\n [data]\n path = /c\n", "result 3"},
-      {"[data]\n path = exports\n", "result 3"},
-      {"[data]\n path = " + p255 + "\n", p255},
-      {"[data]\n path = " + p255 + "p\n", "result 3"},
+      {"[data]\npath=/nospace\n[next]\n\tpath = /later\n", "data", "/later"},
+      {"[data]\n; path = /old\n path = /new\n", "data", "/old"},  // the first, commented or not
+      {"[data]\n path = /my data\n", "data", "/my"},
+      {"[data]\n path = /export/data", "data", "/export/dat"},  // a last line loses its last byte
+      {"[Data]\n path = /a\n[data] \n path = /b\n [data]\n path = /c\n[data", "data", "result 3"},
+      {"[data]\n path = exports\n", "data", "result 3"},
+      {"[data]\n path = " + p255 + "\n", "data", p255},
+      {"[data]\n path = " + p255 + "p\n", "data", "result 3"},
+      {"", "\\export\\vol1", "/export/vol1"},  // paths need no share
+      {"", "/" + std::string(253, 'a') + "\xC3\xA9", "result 3"},  // cut inside its last character
   };
-  LogCapture log(2);
   for (const auto& r : rows) {
     UseConf(r.conf);
-    EXPECT_EQ(Map("data"), r.want) << r.conf;
+    EXPECT_EQ(Map(r.share), r.want) << r.conf;
   }
-  EXPECT_TRUE(log.Contains("Error sambaCheck: Could not find a samba share for [data] in [" +
-                           conf_ + "].\n"));
-  EXPECT_TRUE(log.Contains("Error parseSmbConfFile: The path line for [data] in [" + conf_ +
-                           "] holds no absolute path.\n"));
-  EXPECT_TRUE(log.Contains("Error parseSmbConfFile: The path for [data] in [" + conf_ +
-                           "] is longer than 255 bytes.\n"));
+  EXPECT_EQ(Map("/export/data", 12), "result 3");
+  const std::string in = " for [data] in [" + conf_ + "]";
+  EXPECT_TRUE(Logged("sambaCheck: Could not find a samba share" + in + "."));
+  EXPECT_TRUE(Logged("parseSmbConfFile: The path line" + in + " holds no absolute path."));
+  EXPECT_TRUE(Logged("parseSmbConfFile: The path" + in + " is longer than 255 bytes."));
+  EXPECT_TRUE(Logged("OSL_ShareNameToMountPoint: The mount point [/export/data] does not fit in 12 units."));
+  EXPECT_TRUE(log_.Contains("is not valid UTF-8.\n"));
 }
 
 TEST_F(ShareTest, MissingFilesFailWithTheirLines) {
-  LogCapture log(2);
-  const std::string missing = dir_.File("absent.conf");
-  setenv("KESTRIX_SMBPATH", missing.c_str(), 1);
+  setenv("KESTRIX_SMBPATH", dir_.File("absent.conf").c_str(), 1);
   EXPECT_EQ(Map("data"), "result 3");  // the default files are not tried
-  EXPECT_EQ(log.Text(), "Error sambaCheck: Could not find [" + missing +
-                            "] indicated by env var KESTRIX_SMBPATH. The file does not exist.\n"
-                            "Error FTX1201W OSL_ShareNameToMountPoint failed name is : data\n");
-  log.Clear();
-  EXPECT_EQ(Map("/export/vol1"), "/export/vol1");  // paths need no file
-  EXPECT_EQ(Map("\\export\\vol1"), "/export/vol1");
-  EXPECT_EQ(log.Text(), "");
-
+  EXPECT_TRUE(Logged("sambaCheck: Could not find [" + dir_.File("absent.conf") +
+                     "] indicated by env var KESTRIX_SMBPATH. The file does not exist."));
+  EXPECT_TRUE(Logged("FTX1201W OSL_ShareNameToMountPoint failed name is : data"));
   unsetenv("KESTRIX_SMBPATH");
   for (const char* f : {"/usr/local/samba/lib/smb.conf", "/opt/samba/lib/smb.conf",
                         "/opt/Kestrix/smb.conf", "/etc/sfw/smb.conf"})
     if (access(f, F_OK) == 0) GTEST_SKIP() << f << " exists on this machine";
   EXPECT_EQ(Map("data"), "result 3");
-  EXPECT_EQ(log.Text(),
-            "Error FTX1519I Could not find the smb.conf file. \n If the share is a samba share set "
-            "KESTRIX_SMBPATH to the full path where the smb.conf file is located.  \n(ex: "
-            "KESTRIX_SMBPATH set to \"/usr/local/samba/lib/smb.conf\")\n Otherwise disreguard "
-            "this warning.\nError FTX1201W OSL_ShareNameToMountPoint failed name is : data\n");
-}
-
-TEST_F(ShareTest, MountPointsThatCannotBeStoredFailWithResult3) {
-  LogCapture log(2);
-  std::vector<FSUNI> name(300), out(16, 0x7777);
-  mb2fsuni(name.data(), "/export/data", 300);
-  EXPECT_EQ(OSL_ShareNameToMountPoint(name.data(), out.data(), 12), 3);
-  EXPECT_EQ(out[0], 0x7777);
-  EXPECT_TRUE(log.Contains(
-      "Error OSL_ShareNameToMountPoint: The mount point [/export/data] does not fit in 12 units.\n"));
-  // A 256-byte name is cut to 255 bytes, here inside its last character.
-  EXPECT_EQ(Map("/" + std::string(253, 'a') + "\xC3\xA9"), "result 3");
-  EXPECT_TRUE(log.Contains("is not valid UTF-8.\n"));
+  EXPECT_TRUE(log_.Contains("Error FTX1519I Could not find the smb.conf file. \n If the share"));
 }
 
 TEST_F(ShareTest, HomesUsesTheHomeDirectoryFromThePasswordFile) {
@@ -120,7 +99,6 @@ TEST_F(ShareTest, HomesUsesTheHomeDirectoryFromThePasswordFile) {
   EXPECT_EQ(Map("~bob"), "/home/bob");
   EXPECT_EQ(Map("xalice"), "/srv/alice");  // the first character is not compared
   EXPECT_EQ(Map("~carol"), "result 3");
-
   SetPasswdPathForTesting(nullptr);  // the system's file
   char home[128] = "";
   for (const std::string& line : SplitLines(ReadFile("/etc/passwd")))
