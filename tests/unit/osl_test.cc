@@ -1,4 +1,4 @@
-// Tests of the OSL layer: a semaphore wait that only SemUp ends, and the clock hook.
+// The OSL semaphore: a wait that only SemUp ends, whatever signals arrive.
 #include "utils/osl.h"
 
 #include <pthread.h>
@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "gtest/gtest.h"
@@ -42,19 +41,6 @@ TEST(OslSemTest, SecondDownWaitsForUpThroughSignals) {
   OSL_SemUp(sem);
   OSL_SemDestroy(sem);
   sigaction(SIGUSR1, &previous, nullptr);
-}
-
-uint32_t FixedClock() { return 4242000u; }
-
-TEST(OslProcessTest, ClockHookAndWholeSecondsOtherwise) {
-  kestrix::SetClockForTesting(FixedClock);
-  EXPECT_EQ(OSL_MSeconds(), 4242000u);
-  kestrix::SetClockForTesting(nullptr);
-  using Wall = std::chrono::system_clock;  // the fine wall clock; time() may lag it by a tick
-  const uint32_t before = static_cast<uint32_t>(Wall::to_time_t(Wall::now())) * 1000u;
-  const uint32_t now = OSL_MSeconds();  // whole seconds, wrapping
-  const uint32_t after = static_cast<uint32_t>(Wall::to_time_t(Wall::now())) * 1000u;
-  EXPECT_TRUE(now == before || now == after) << now;
 }
 
 }  // namespace
