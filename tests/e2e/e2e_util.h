@@ -41,6 +41,7 @@ class PluginDaemonTest : public ::testing::Test {
   void Start(std::vector<std::string> args = {"-l", "10"}) {
     ASSERT_TRUE(daemon_.Start(args)) << daemon_.Log();
     endpoint_ = std::make_unique<client::Endpoint>("127.0.0.1", daemon_.port());
+    ASSERT_TRUE(endpoint_->ok());
   }
   Bytes Ask(const Bytes& request) {
     auto reply = endpoint_->Transact(request);

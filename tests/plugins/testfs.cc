@@ -25,9 +25,8 @@
 // bytes 0x10 (i+1) + j, IDlength 16, IDoffset 1000 (i+1), BlockOffset
 // 2000 (i+1), nBlocks 100000 (i+1); with a vendorStatus, the error text
 // instead. Maps: 1 MiB file, one extent of type 0; extent i is
-// {1000 (i+1), 8 (i+1)} (type 0), {65536 i, 1048576 (i+1), 65536, i, 1}
-// (types 1, 3) or {i, 1000 (i+1), 8 (i+1)} (type 2). Only what fits the
-// room is written; msgLen counts it unless configured.
+// {1000 (i+1), 8 (i+1)} (type 0) or {65536 i, 1048576 (i+1), 65536, i, 1}
+// (type 1). Only what fits the room is written; msgLen counts it unless set.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -161,18 +160,19 @@ void WriteVolInfo(const Conf& conf, const uint8_t* cookie, uint8_t* out, size_t 
   VolInfo v{};
   v.vendorStatus = static_cast<FSLONG>(conf.Num("vol.vendorStatus", 0));
   v.nDisks = static_cast<FSULONG>(conf.Num("vol.nDisks", 1));
-  v.msgLen = VOLINFO_FIXED_SIZE;
-  if (v.vendorStatus != 0) PutText(out, VOLINFO_FIXED_SIZE, room, conf.Text("vol.error"));
-  for (FSULONG i = 0; v.vendorStatus == 0 && i < v.nDisks && v.msgLen + FSDISK_SIZE <= room; ++i) {
+  size_t end = VOLINFO_FIXED_SIZE;
+  if (v.vendorStatus != 0) PutText(out, end, room, conf.Text("vol.error"));
+  for (FSULONG i = 0; v.vendorStatus == 0 && i < v.nDisks && end + FSDISK_SIZE <= room; ++i) {
     FSDisk d{};
     for (int j = 0; j < FSDISK_ID_SIZE; ++j) d.DiskID[j] = static_cast<uint8_t>(0x10 * (i + 1) + j);
     d.IDlength = FSDISK_ID_SIZE;
     d.IDoffset = 1000LL * (i + 1);
     d.BlockOffset = 2000LL * (i + 1);
     d.nBlocks = 100000LL * (i + 1);
-    memcpy(out + v.msgLen, &d, sizeof d);
-    v.msgLen += FSDISK_SIZE;
+    memcpy(out + end, &d, sizeof d);
+    end += FSDISK_SIZE;
   }
+  v.msgLen = static_cast<FSLONG>(end);
   v.FStype = static_cast<FSLONG>(conf.Num("vol.FStype", 1));
   v.BlockSize = static_cast<FSLONG>(conf.Num("vol.BlockSize", 4096));
   if (cookie != nullptr) memcpy(v.Cookie, cookie, FS_COOKIE_SIZE);
@@ -184,17 +184,12 @@ void WriteMap(const Conf& conf, FS64LONG start, FS64LONG length, uint8_t* out, s
   FSMapInfo m{};
   m.extentType = static_cast<FSULONG>(conf.Num("map.extentType", FS_EXTENT_COMPACT));
   m.nExtents = static_cast<FSLONG>(conf.Num("map.nExtents", 1));
-  const size_t size = m.extentType == FS_EXTENT_COMPACT  ? COMPACT_EXTENT_SIZE
-                      : m.extentType == FS_EXTENT_SIMPLE ? SIMPLE_EXTENT_SIZE
-                      : m.extentType <= 3                ? VERBOSE_EXTENT_SIZE
-                                                         : 0;
+  const size_t size = m.extentType == FS_EXTENT_COMPACT ? COMPACT_EXTENT_SIZE
+                      : m.extentType == FS_EXTENT_VERBOSE ? VERBOSE_EXTENT_SIZE : 0;
   size_t end = FSMAPINFO_FIXED_SIZE;
   for (long long i = 0; size > 0 && i < m.nExtents && end + size <= room; ++i, end += size) {
     if (m.extentType == FS_EXTENT_COMPACT) {
       CompactExtent e{1000 * (i + 1), 8 * (i + 1)};
-      memcpy(out + end, &e, sizeof e);
-    } else if (m.extentType == FS_EXTENT_SIMPLE) {
-      SimpleExtent e{i, 1000 * (i + 1), 8 * (i + 1)};
       memcpy(out + end, &e, sizeof e);
     } else {
       VerboseExtent e{65536 * i, 1048576 * (i + 1), 65536, static_cast<FSULONG>(i), 1};

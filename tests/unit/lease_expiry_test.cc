@@ -62,12 +62,15 @@ TEST(PurgeTest, LeasesEndAfterDurationPlusGrace) {
   Add(7, 2, 1000, 5000);
   // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
   Add(2, 1, 0xFFFFFC17u, 7000);  // key 4
+  const uint8_t noLib[FS_COOKIE_SIZE] = {3};  // key 5: no library to unlock with
+  FSULONG key5;
+  EXPECT_EQ(0, AddLeaseToList(noLib, noLib, noLib, noLib, 1, 5000, &key5, nullptr, nullptr));
   g_now = 1000 + 5000 + 29999;
   EXPECT_EQ(0, PurgeLeaseList());
   EXPECT_TRUE(Holds(1) && Holds(2) && Holds(3) && Holds(4) && g_unlocked.empty());
   g_now = 1000 + 5000 + 30000;
   EXPECT_EQ(0, PurgeLeaseList());
-  EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4));
+  EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4) && !Holds(5));
   EXPECT_EQ(start, g_kmemstat);
   EXPECT_EQ((std::vector<uint8_t>{2, 7, 1}), g_unlocked);  // one unlock per file
   EXPECT_FALSE(log.Contains("purging expired lease 0x3\n"));  // met first, leaves it to key 2

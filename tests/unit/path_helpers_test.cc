@@ -37,6 +37,14 @@ TEST(ConcatFilenameToPathTest, JoinsWithOneSeparatorWithinTheBuffer) {
   for (const auto& r : rows) EXPECT_EQ(Join(r.name, r.mount, r.separator), r.want) << r.name;
 }
 
+TEST(GetNextStringTest, NeedsRoomForAStringAfterTheFirstZeroUnit) {
+  std::vector<FSUNI> area(1024, 'a');
+  area[1023] = 0;
+  EXPECT_EQ(GetNextString(area.data(), 2048), nullptr);
+  area[1022] = 0;
+  EXPECT_EQ(GetNextString(area.data(), 2048), area.data() + 1023);
+}
+
 TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   LogCapture log(2);
   EXPECT_EQ(MaxDgramFromText("65507"), 65507u);
