@@ -7,7 +7,7 @@ COV_BUILD  ?= build-cov
 CMAKE_GEN  ?= -G Ninja
 JOBS       ?= 2
 
-.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio clean
+.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio install package clean
 
 all: build
 
@@ -58,6 +58,16 @@ coverage:
 	  --exclude-unreachable-branches --exclude-throw-branches \
 	  --html-details $(COV_BUILD)/coverage/index.html \
 	  --json-summary $(COV_BUILD)/coverage/summary.json --print-summary
+
+# Install the build: DESTDIR stages it, PREFIX replaces /usr/local
+# (the plug-in goes to /opt/Kestrix/lib and the configuration to /etc/kestrix
+# below DESTDIR whatever the prefix).
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) $(if $(PREFIX),--prefix "$(PREFIX)")
+
+# The Debian package of the same install, in $(BUILD)/ (kestrixd_*.deb).
+package: build
+	cd $(BUILD) && cpack -G DEB --config CPackConfig.cmake
 
 # Lines of tests against lines of product code.
 ratio:
