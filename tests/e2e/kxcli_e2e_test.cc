@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "client/kxsession.h"
@@ -77,81 +76,48 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
   EXPECT_EQ(Cli({"open", "data", "f", "--disk", "/dev/null"}).first, 1);
 }
 
-// Forwards datagrams between one client and the daemon, losing the first reply.
-class LossyRelay {
- public:
-  explicit LossyRelay(uint16_t daemonPort) {
-    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t n = sizeof a;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &n);
-    port_ = ntohs(a.sin_port);
-    daemon_ = {AF_INET, htons(daemonPort), {htonl(INADDR_LOOPBACK)}, {}};
-    thread_ = std::thread([this] { Run(); });
-  }
-  ~LossyRelay() {
-    stop_ = true;
-    thread_.join();
-    close(fd_);
-  }
-  uint16_t port() const { return port_; }
-  std::vector<Bytes> Requests() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-  }
-
- private:
-  void Run() {
-    sockaddr_in client{}, from{};
-    bool dropped = false;
-    while (!stop_) {
-      pollfd p{fd_, POLLIN, 0};
-      if (poll(&p, 1, 50) <= 0) continue;
-      Bytes b(65536);
-      socklen_t n = sizeof from;
-      ssize_t got = recvfrom(fd_, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&from), &n);
-      if (got < 0) continue;
-      b.resize(static_cast<size_t>(got));
-      const bool fromDaemon = from.sin_port == daemon_.sin_port;
-      if (!fromDaemon) {
-        client = from;
-        std::lock_guard<std::mutex> lock(mutex_);
-        requests_.push_back(b);
-      }
-      if (fromDaemon && !dropped) {
-        dropped = true;
-        continue;
-      }
-      const sockaddr_in& to = fromDaemon ? client : daemon_;
-      sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    }
-  }
-
-  int fd_ = -1;
-  uint16_t port_ = 0;
-  sockaddr_in daemon_{};
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-  std::mutex mutex_;
-  std::vector<Bytes> requests_;
-};
-
+// Through a relay that forwards datagrams both ways but loses the first reply.
 TEST_F(KxCliE2E, ARetryAfterALostReplyGetsTheStoredReply) {
   Serve("volume /export/data vol-a\nfile /export/data/f vol-a file-f\n");
   Start();
-  LossyRelay relay(daemon_.port());
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in relay{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}}, client{}, from{};
+  const sockaddr_in daemon{AF_INET, htons(daemon_.port()), {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t n = sizeof relay;
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&relay), n), 0);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&relay), &n);
+  std::atomic<bool> stop{false};
+  std::vector<Bytes> requests;  // read after the join
+  std::thread forward([&] {
+    for (bool dropped = false; !stop;) {
+      pollfd p{fd, POLLIN, 0};
+      Bytes b(65536);
+      socklen_t len = sizeof from;
+      ssize_t got = poll(&p, 1, 50) > 0 ? recvfrom(fd, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&from), &len) : -1;
+      if (got < 0) continue;
+      b.resize(static_cast<size_t>(got));
+      const bool reply = from.sin_port == daemon.sin_port;
+      if (!reply) client = from, requests.push_back(b);
+      if (reply && !dropped) {
+        dropped = true;
+        continue;
+      }
+      sendto(fd, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(reply ? &client : &daemon), sizeof from);
+    }
+  });
   client::ClientOptions o;
-  o.port = relay.port();
+  o.port = ntohs(relay.sin_port);
   o.timeoutMs = 300;
   client::Client c(o);
   std::optional<client::MapReply> m = c.Open("data", "f");
+  stop = true;
+  forward.join();
+  close(fd);
   ASSERT_TRUE(m.has_value()) << c.error();
   EXPECT_EQ(std::tuple(m->result, c.attempts()), std::tuple(0, 2));
-  const std::vector<Bytes> sent = relay.Requests();
-  ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(sent[0], sent[1]);  // the same message ID, flags included
-  EXPECT_EQ(client::HeaderOf(sent[1])->flags & LAN_FLAG_TRACK, 1u);
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0], requests[1]);  // the same message ID, flags included
+  EXPECT_EQ(client::HeaderOf(requests[1])->flags & LAN_FLAG_TRACK, 1u);
   EXPECT_EQ(MapCalls(Fs("liba.so")), "map 0 -1 0|");  // the handler ran once
   EXPECT_TRUE(daemon_.WaitForLog("Found duplicate message")) << daemon_.Log();
 }

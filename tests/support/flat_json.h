@@ -1,6 +1,6 @@
 // A JSON document flattened for assertions: {"a":{"b":[1,"x"]}} gives
-// "a.b.0" -> "1" and "a.b.1" -> "x". Nothing (an empty map) when the text
-// is not exactly one well-formed document.
+// "a.b.0" -> "1" and "a.b.1" -> "x". An empty map when the text is not
+// exactly one well-formed document. Escapes other than \" and \\ are kept.
 #ifndef KESTRIX_TESTS_SUPPORT_FLAT_JSON_H_
 #define KESTRIX_TESTS_SUPPORT_FLAT_JSON_H_
 
@@ -14,48 +14,39 @@ class FlatJson {
  public:
   static std::map<std::string, std::string> Parse(const std::string& text) {
     FlatJson p(text);
-    p.Blank();
-    if (!p.Value("") || (p.Blank(), p.at_ != text.size())) return {};
+    if (!p.Value("") || (p.Eat(' '), p.at_ != text.size())) return {};
     return p.out_;
   }
 
  private:
   explicit FlatJson(const std::string& text) : s_(text) {}
-  void Blank() { while (at_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[at_]))) ++at_; }
-  bool Eat(char c) { return Blank(), at_ < s_.size() && s_[at_] == c ? (++at_, true) : false; }
+  bool Eat(char c) {
+    while (at_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[at_]))) ++at_;
+    return at_ < s_.size() && s_[at_] == c && (++at_, true);
+  }
   bool String(std::string* out) {
     if (!Eat('"')) return false;
     for (; at_ < s_.size() && s_[at_] != '"'; ++at_) {
-      if (s_[at_] != '\\') { out->push_back(s_[at_]); continue; }
-      if (++at_ >= s_.size()) return false;
-      if (s_[at_] == 'u' && at_ + 4 < s_.size()) {
-        out->push_back(static_cast<char>(std::stoi(s_.substr(at_ + 1, 4), nullptr, 16)));
-        at_ += 4;
-      } else {
-        out->push_back(s_[at_] == 'n' ? '\n' : s_[at_]);
-      }
+      if (s_[at_] == '\\' && at_ + 1 < s_.size() && (s_[at_ + 1] == '"' || s_[at_ + 1] == '\\')) ++at_;
+      out->push_back(s_[at_]);
     }
     return Eat('"');
   }
+  // Objects and arrays: members until the closing bracket.
+  template <typename Member>
+  bool Members(char close, Member member) {
+    if (Eat(close)) return true;
+    for (int i = 0;; ++i) {
+      if (!member(i)) return false;
+      if (!Eat(',')) return Eat(close);
+    }
+  }
   bool Value(const std::string& path) {
-    std::string prefix = path.empty() ? "" : path + ".";
-    if (Eat('{')) {
-      if (Eat('}')) return true;
-      do {
-        std::string key;
-        if (!String(&key) || !Eat(':') || !Value(prefix + key)) return false;
-      } while (Eat(','));
-      return Eat('}');
-    }
-    if (Eat('[')) {
-      if (Eat(']')) return true;
-      int i = 0;
-      do {
-        if (!Value(prefix + std::to_string(i++))) return false;
-      } while (Eat(','));
-      return Eat(']');
-    }
+    const std::string prefix = path.empty() ? "" : path + ".";
     std::string leaf;
+    if (Eat('{'))
+      return Members('}', [&](int) { return String(&leaf) && Eat(':') && Value(prefix + leaf) && (leaf.clear(), true); });
+    if (Eat('[')) return Members(']', [&](int i) { return Value(prefix + std::to_string(i)); });
     if (at_ < s_.size() && s_[at_] == '"') {
       if (!String(&leaf)) return false;
     } else {
