@@ -23,9 +23,8 @@ class KxCliTransferE2E : public ::testing::TestWithParam<FsKind> {
     if (!fs_->ok()) GTEST_SKIP() << fs_->skipReason();
     exp_ = fs_->Path("export");
     mkdir(exp_.c_str(), 0755);
-    bs_ = 4096;
     struct stat st;
-    if (stat(exp_.c_str(), &st) == 0) bs_ = st.st_blksize;
+    bs_ = stat(exp_.c_str(), &st) == 0 ? st.st_blksize : 4096;
     WriteFile(daemon_.dir().File("smb.conf"), "[data]\n   path = " + exp_ + "\n");
     WriteFile(daemon_.dir().File("localfs.conf"), exp_ + "\n");
     symlink(KESTRIX_LOCALFS_PLUGIN, (daemon_.libDir() + "/localfs.so").c_str());
@@ -39,21 +38,18 @@ class KxCliTransferE2E : public ::testing::TestWithParam<FsKind> {
     RunResult r = RunToExit(KESTRIX_CLI, args, {});
     return {r.exitStatus, FlatJson::Parse(r.standardOutput), r.standardError};
   }
-  // Writes blocks of the file at the given block numbers, synced one by one.
-  void Blocks(const std::string& name, std::vector<int> blocks, const std::string& other = "") {
-    int fd = open((exp_ + "/" + name).c_str(), O_WRONLY | O_CREAT, 0644);
-    int fd2 = other.empty() ? -1 : open((exp_ + "/" + other).c_str(), O_WRONLY | O_CREAT, 0644);
-    for (int b : blocks) {
-      std::string bytes(bs_, static_cast<char>('A' + b % 26));
-      ASSERT_EQ(pwrite(fd, bytes.data(), bs_, int64_t{b} * bs_), bs_);
-      fsync(fd);
-      if (fd2 >= 0) {
-        ASSERT_EQ(pwrite(fd2, bytes.data(), bs_, int64_t{b} * bs_), bs_);
-        fsync(fd2);
+  // Block b of each file written at block b * step, synced one by one: two
+  // files written in turn get fragmented, a step of 2 leaves holes between.
+  void Blocks(std::vector<std::string> names, int count, int step) {
+    std::vector<int> fds;
+    for (const std::string& n : names) fds.push_back(open((exp_ + "/" + n).c_str(), O_WRONLY | O_CREAT, 0644));
+    for (int b = 0; b < count; ++b) {
+      for (int fd : fds) {
+        ASSERT_EQ(pwrite(fd, std::string(bs_, static_cast<char>('A' + b % 26)).data(), bs_, b * step * bs_), bs_);
+        fsync(fd);
       }
     }
-    close(fd);
-    if (fd2 >= 0) close(fd2);
+    for (int fd : fds) close(fd);
   }
 
   std::unique_ptr<LoopMount> fs_;
@@ -68,10 +64,8 @@ TEST_P(KxCliTransferE2E, FilesReadAndWrittenOnTheDiskMatchTheFilesystem) {
   for (int i = 0; text.size() < 10007; ++i) text += "line " + std::to_string(i) + "\n";
   WriteFile(exp_ + "/text", text.substr(0, 10007));
   WriteFile(exp_ + "/empty", "");
-  Blocks("fragmented", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, "filler");
-  std::vector<int> islands;  // 30 data blocks, each followed by a hole
-  for (int i = 0; i < 30; ++i) islands.push_back(2 * i);
-  Blocks("islands", islands);
+  Blocks({"fragmented", "filler"}, 12, 1);
+  Blocks({"islands"}, 30, 2);  // 30 data blocks, each followed by a hole
   ASSERT_EQ(truncate((exp_ + "/islands").c_str(), 61 * bs_ - 5), 0);
   int fd = open((exp_ + "/prealloc").c_str(), O_RDWR | O_CREAT, 0644);
   ASSERT_EQ(fallocate(fd, 0, 0, 16 * bs_), 0);  // unwritten, then data in the middle
