@@ -35,7 +35,11 @@ trap 'exit 0' INT TERM
 # Where the share lives: the image when it can be mounted, else a directory
 # of the build's own filesystem when that is ext4 or XFS.
 why=""
-if [ -n "$(mount | grep " $mnt ")" ]; then umount -l "$mnt"; fi
+# Leftovers of a run that could not clean up (killed with SIGKILL).
+if mount | grep -q " $mnt "; then umount -l "$mnt"; fi
+if [ -e "$image" ] && command -v losetup >/dev/null; then
+  losetup -j "$image" | cut -d: -f1 | while read -r old; do losetup -d "$old"; done
+fi
 rm -rf "$demo"
 mkdir -p "$demo/lib" "$mnt"
 if [ "$(id -u)" != 0 ]; then why="not running as root"
