@@ -9,6 +9,12 @@
 #include "spmsgs.h"
 #include "utils/lanserver.h"
 #include "utils/log.h"
+#include "utils/dgram.h"
+
+// The request is read in place in the listener's buffer, also where the
+// datagram was shorter: every field then lies in bytes the listener zeroed.
+static_assert(sizeof(CloseMsg) <= kestrix::kDgramScrubBytes &&
+              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
 
 namespace {
 constexpr FS64LONG kUnchanged = -1;

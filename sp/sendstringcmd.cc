@@ -20,6 +20,12 @@
 #include "unixmdc/config.h"
 #include "utils/log.h"
 #include "utils/utils.h"
+#include "utils/dgram.h"
+
+// The request is read in place in the listener's buffer, also where the
+// datagram was shorter: every field then lies in bytes the listener zeroed.
+static_assert(sizeof(SendStringCmdMsg) <= kestrix::kDgramScrubBytes &&
+              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
 
 namespace {
 
