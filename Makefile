@@ -7,7 +7,10 @@ COV_BUILD  ?= build-cov
 CMAKE_GEN  ?= -G Ninja
 JOBS       ?= 2
 
-.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio clean
+FUZZ_SECONDS ?= 120
+SOAK_SECONDS ?= 120
+
+.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz soak coverage ratio clean
 
 all: build
 
@@ -44,6 +47,11 @@ bench:
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 
+# The LAN message fuzz target (clang, ASan + UBSan) for FUZZ_SECONDS, then
+# the line coverage of the code a datagram can reach. Fails on any finding.
+fuzz:
+	@scripts/fuzz.sh $(FUZZ_SECONDS) $(BUILD)-fuzz
+
 # Line and branch coverage of the product code by the unit and end-to-end
 # tests: an HTML report in $(COV_BUILD)/coverage/, the totals on the screen.
 coverage:
@@ -64,4 +72,4 @@ ratio:
 	@scripts/test-ratio
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-fuzz-cov

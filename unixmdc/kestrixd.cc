@@ -67,6 +67,20 @@ void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, vo
 }
 
 void DgramServer(uint16_t port) {
+  kestrix::SetUpServer();
+  int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
+  if (rc != 0) {
+    OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);
+    exit(1);
+  }
+  OSL_Log(KSX_SP, "kestrixd: setup message handlers.\n");
+}
+
+}  // extern "C"
+
+namespace kestrix {
+
+void SetUpServer() {
   LAN_InitServer(&info);
   if (info == nullptr) {
     // Nothing can be served without the LAN server's record.
@@ -84,13 +98,11 @@ void DgramServer(uint16_t port) {
   LAN_RegisterMessageHandler(info, 4, SP_LanSetSize);
   LAN_RegisterMessageHandler(info, 5, SP_LanClose);
   LAN_RegisterMessageHandler(info, 7, SP_LanSendStringCmd);
-  int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
-  if (rc != 0) {
-    OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);
-    exit(1);
-  }
-  OSL_Log(KSX_SP, "kestrixd: setup message handlers.\n");
 }
+
+}  // namespace kestrix
+
+extern "C" {
 
 void startup(void) {
   OSL_Log(KSX_SP, "kestrixd startup() activated\n");
