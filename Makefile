@@ -52,6 +52,13 @@ bench:
 fuzz:
 	@scripts/fuzz.sh $(FUZZ_SECONDS) $(BUILD)-fuzz
 
+# The real daemon (-s 0 -t 10) under 8 client threads for SOAK_SECONDS, then
+# checks of its state; once with the normal build, once under ThreadSanitizer.
+soak: build tsan
+	$(BUILD)/bench/kxsoak $(BUILD)/kestrixd $(BUILD)/tests/plugins/lib/libtestfs.so $(SOAK_SECONDS)
+	TSAN_OPTIONS=halt_on_error=0 $(BUILD)/bench/kxsoak $(TSAN_BUILD)/kestrixd \
+	  $(TSAN_BUILD)/tests/plugins/lib/libtestfs.so $(SOAK_SECONDS)
+
 # Line and branch coverage of the product code by the unit and end-to-end
 # tests: an HTML report in $(COV_BUILD)/coverage/, the totals on the screen.
 coverage:
