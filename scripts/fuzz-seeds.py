@@ -100,6 +100,15 @@ def seeds():
         yield header(e, 1, 48, 0, b"cut")[:10]
         body, size = getinitialmap(e, "data", "f")
         yield header(e, 2, size, 0, b"nosep", None) + body
+        yield header(e, -2147483648, 48, 0, b"min")
+        yield header(e, 9, 0xFFFFFFFF, 0, b"huge")
+        # Text areas without a terminator, and the datagram ending inside them.
+        body, size = getvolume(e, "\\" * 1024)
+        yield header(e, 1, size, 0, b"full") + body
+        yield header(e, 1, size, 0, b"ends") + body[:300]
+        body, size = getinitialmap(e, "data", "\\" * 1100)
+        yield header(e, 2, size, 0, b"full") + body
+        yield header(e, 7, 2128, 0, b"ends") + command(e, "LOG|12|x" * 300)[0][:1000]
     # Scripted: the plug-in answers each entry point with an error or a
     # soft result, writes an error text or an odd map length.
     # The fifth byte sends copies: new IDs (4), from another host (8), and
