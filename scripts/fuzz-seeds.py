@@ -20,7 +20,7 @@ def header(e, code, length, flags, msgid, sep="/"):
 
 
 def text(e, s, units=1024):
-    data = s.encode("utf-16-le" if e == "<" else "utf-16-be") if isinstance(s, str) else s
+    data = s.encode("utf-16-le" if e == "<" else "utf-16-be", "surrogatepass")
     return data[: 2 * units].ljust(2 * units, b"\0")
 
 
@@ -61,7 +61,7 @@ def requests(e):
     yield 1, getvolume(e, "bare")
     yield 1, getvolume(e, "root")
     yield 1, getvolume(e, "long")
-    yield 1, getvolume(e, surrogates.encode("utf-16-le" if e == "<" else "utf-16-be", "surrogatepass"))
+    yield 1, getvolume(e, surrogates)
     yield 2, getinitialmap(e, "data", "f")
     yield 2, getinitialmap(e, "data", "\\g", size=4096, alloc=65536, lease=1000, intention=1)
     yield 2, getinitialmap(e, "other", "f", flag=8)
@@ -117,6 +117,11 @@ def seeds():
                    b"\x01\x21\x24\x3a\x39", b"\x00\x40\x30\x81\x0a", b"\x00\x00\x05\x00\x07"):
         for code, (body, size) in list(requests("<"))[:23:3] + [(2, getinitialmap("<", "data", "g", 1, 2))]:
             yield b"#" + script + header("<", code, size, 1, b"scripted") + body
+    # At the default log level: a share name of lone surrogates (it once
+    # wrote 2,048 Error lines) and a command of them.
+    quiet = b"#\0\0\0\x80\0"
+    for code, (body, size) in list(requests("<"))[7:8] + [(7, command("<", "\ud800" * 1023))]:
+        yield quiet + header("<", code, size, 0, b"quiet") + body
     # Resent without the duplicate flag: the same sender's request again.
     for code, (body, size) in list(requests("<"))[8:11]:
         yield b"#\0\0\0\0\x03" + header("<", code, size, 0, b"again") + body

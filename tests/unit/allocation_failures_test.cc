@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "client/kxclient.h"
 #include "sp/lease.h"
 #include "spmsgs.h"
@@ -20,112 +18,82 @@
 namespace kestrix::test {
 namespace {
 
-using client::Bytes;
-constexpr uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1};
+enum Kind { kVolume, kVolumeByCookie, kOpen, kOpenUnlocked, kMap, kSetSize, kClose, kCommand,
+            kNoHandler, kShortLength, kStoredDuplicate, kKinds };
 
-struct Kind {
-  const char* name;
-  std::function<Bytes(uint32_t key)> request;  // key: a lease held for the request
-  int result;       // the answer when no allocation fails
-  size_t resultAt;  // 48: the body's result; 36: the header's (LAN results)
-  bool opens;       // a lease stays when the answer is 0
-  bool closes;      // the lease the request names goes, whatever the answer
-};
-
-Bytes Tracked(Bytes request) {
-  static int id = 0;
-  client::Write(request, 8, ++id);
-  client::Write<uint32_t>(request, 32, LAN_FLAG_TRACK);
-  return request;
+// A tracked request of the kind, sent through the LAN server; key names the
+// lease opened before it. The stored duplicate repeats the first GetVolume.
+LanHeader* Send(int kind, uint32_t key = 0) {
+  static const uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1}, kVola[FS_COOKIE_SIZE] = "VOLA";
+  static int id = 1;
+  client::OpenOptions o{.fileSize = 4096, .allocSize = 8192, .flag = kind == kOpenUnlocked ? 8u : 0};
+  client::Bytes r = kind == kVolume || kind == kStoredDuplicate ? client::MakeGetVolumeRequest("data")
+                    : kind == kVolumeByCookie ? client::MakeGetVolumeRequest("", kVola)
+                    : kind <= kOpenUnlocked   ? client::MakeGetInitialMapRequest("data", "f", o)
+                    : kind == kMap            ? client::MakeGetExtendedMapRequest(key, 0, 0)
+                    : kind == kSetSize        ? client::MakeSetSizeRequest(key, 1)
+                    : kind == kClose          ? client::MakeCloseRequest(key)
+                    : kind == kCommand        ? client::MakeStringCommandRequest("HI")
+                                              : client::MakeRequest(9, kind == kNoHandler ? 48 : 47);
+  client::Write(r, 8, kind == kStoredDuplicate ? 0 : ++id);
+  client::Write<uint32_t>(r, 32, LAN_FLAG_TRACK);
+  return LAN_ProcessMessage(r.data(), static_cast<int>(r.size()), info, kComm);
 }
 
-LanHeader* Process(Bytes request) {
-  return LAN_ProcessMessage(request.data(), static_cast<int>(request.size()), info, kComm);
-}
-
-// Empties the tracker as purges would in time, except that no purge takes an
-// entry in process: one without its header copy would never go.
-void EmptyTracker() {
-  while (info->tracker.next != &info->tracker) {
-    TrackerEntry* e = info->tracker.next;
+// Back to no lease and an empty tracker, as closes and purges would leave
+// them in time; no purge takes an entry in process, so each must have the
+// header copy that lets it be answered.
+void Clear() {
+  for (LeaseEntry* e; (e = leaseListHeadGlb.next) != &leaseListHeadGlb;) {
+    uint8_t vol[FS_COOKIE_SIZE], file[FS_COOKIE_SIZE];
+    RemoveLeaseFromList(e->key, vol, file, e->library, "test");
+  }
+  for (TrackerEntry* e; (e = info->tracker.next) != &info->tracker;) {
     EXPECT_NE(e->headerCopy, nullptr);
-    e->prev->next = e->next;
-    e->next->prev = e->prev;
-    ksxmem_free(e->headerCopy);
-    ksxmem_free(e->replyCopy);
-    ksxmem_free(e);
+    e->prev->next = e->next, e->next->prev = e->prev;
+    ksxmem_free(e->headerCopy), ksxmem_free(e->replyCopy), ksxmem_free(e);
   }
   info->numReplies = 0;
 }
 
-void CloseAll() {
-  while (leaseListHeadGlb.next != &leaseListHeadGlb) {
-    uint8_t vol[FS_COOKIE_SIZE], file[FS_COOKIE_SIZE];
-    RemoveLeaseFromList(leaseListHeadGlb.next->key, vol, file, leaseListHeadGlb.next->library, "t");
-  }
-}
-
 TEST(AllocationFailuresTest, EveryRequestAnswersFiveFallsBackOrStaysSilentAndLeavesNothing) {
-  TempDir lib, steer;
+  TempDir dir;
   LogCapture log(KSX_ERROR);
-  WriteFile(steer.File("smb.conf"), "[data]\n   path = /vol/a\n");
-  setenv("KESTRIX_SMBPATH", steer.File("smb.conf").c_str(), 1);
-  setenv("KESTRIX_LIBDIR", lib.path().c_str(), 1);
-  setenv("KESTRIX_TESTFS_DIR", steer.path().c_str(), 1);
-  InstallTestPlugin("libtestfs.so", lib.path(), "liba.so");
-  TestFs(steer.path(), "liba.so").Configure("volume /vol/a VOLA\nfile /vol/a/f VOLA FILEF\n");
-  g_MaxDuplicateMessages = 100;
+  WriteFile(dir.File("smb.conf"), "[data]\n   path = /vol/a\n");
+  setenv("KESTRIX_SMBPATH", dir.File("smb.conf").c_str(), 1);
+  setenv("KESTRIX_LIBDIR", dir.path().c_str(), 1);
+  setenv("KESTRIX_TESTFS_DIR", dir.path().c_str(), 1);
+  InstallTestPlugin("libtestfs.so", dir.path(), "liba.so");
+  TestFs(dir.path(), "liba.so").Configure("volume /vol/a VOLA\nfile /vol/a/f VOLA FILEF\n");
   SetUpServer();
-  auto open = [](client::OpenOptions o = {}) {
-    o.fileSize = 4096, o.allocSize = 8192;
-    return Tracked(client::MakeGetInitialMapRequest("data", "f", o));
-  };
-  const Bytes stored = Tracked(client::MakeGetVolumeRequest("data"));
-  const uint8_t vola[FS_COOKIE_SIZE] = "VOLA";
-  const std::vector<Kind> kinds = {
-      {"GetVolume by share", [](uint32_t) { return Tracked(client::MakeGetVolumeRequest("data")); }, 0, 48},
-      {"GetVolume by cookie", [&](uint32_t) { return Tracked(client::MakeGetVolumeRequest("", vola)); }, 0, 48},
-      {"GetInitialMap", [&](uint32_t) { return open(); }, 0, 48, true},
-      {"GetInitialMap unlocked", [&](uint32_t) { return open({.flag = FS_M_FLAG_UNLOCKED}); }, 0, 48},
-      {"GetExtendedMap", [](uint32_t k) { return Tracked(client::MakeGetExtendedMapRequest(k, 0, 0)); }, 0, 48},
-      {"SetSize", [](uint32_t k) { return Tracked(client::MakeSetSizeRequest(k, 1)); }, 0, 48},
-      {"Close", [](uint32_t k) { return Tracked(client::MakeCloseRequest(k)); }, 0, 48, false, true},
-      {"SendStringCmd", [](uint32_t) { return Tracked(client::MakeStringCommandRequest("HI")); }, 0, 48},
-      {"no handler", [](uint32_t) { return Tracked(client::MakeRequest(9, 48)); }, LAN_RESULT_NO_HANDLER, 36},
-      {"length 47", [](uint32_t) { return Tracked(client::MakeRequest(9, 47)); }, LAN_RESULT_BAD_LENGTH, 36},
-      {"stored duplicate", [&](uint32_t) { return stored; }, 0, 48},
-  };
-  ksxmem_free(Process(open()));  // the volume is known from now on
-  for (const Kind& kind : kinds) {
-    for (int nth = 1;; ++nth) {
-      SCOPED_TRACE(std::string(kind.name) + ", allocation " + std::to_string(nth));
-      CloseAll();
-      EmptyTracker();
+  ksxmem_free(Send(kOpen));  // the volume is known from now on
+  for (int kind = 0; kind < kKinds; ++kind) {
+    const bool header = kind == kNoHandler || kind == kShortLength;  // a LAN result
+    const int expected = kind == kNoHandler ? 8 : kind == kShortLength ? 6 : 0;
+    for (int nth = 1, failed = 1; failed; ++nth) {
+      SCOPED_TRACE(testing::Message() << "kind " << kind << ", allocation " << nth);
+      Clear();
       const int32_t start = g_kmemstat;
       const uint32_t key = globalKey;
-      ksxmem_free(Process(open()));        // the lease the request may name
-      ksxmem_free(Process(stored));        // the reply the duplicate gets
+      ksxmem_free(Send(kOpen));             // the lease the request may name
+      ksxmem_free(Send(kStoredDuplicate));  // the reply the duplicate gets
       log.Clear();
       FailGetmem(nth, 1);
-      LanHeader* reply = Process(kind.request(key));
+      LanHeader* reply = Send(kind, key);
       FailGetmem(0, 0);
-      const bool failed = log.Contains("sol_ksxmem malloc failed");
-      int result = -1;
-      if (reply != nullptr) memcpy(&result, reinterpret_cast<uint8_t*>(reply) + kind.resultAt, 4);
-      if (reply != nullptr) EXPECT_TRUE(result == kind.result || (failed && result == 5)) << result;
-      EXPECT_TRUE(reply != nullptr || failed);
+      failed = log.Contains("sol_ksxmem malloc failed");
+      const int result = reply == nullptr ? -1
+                         : header         ? reply->result
+                                          : reinterpret_cast<CloseReply*>(reply)->result;
+      EXPECT_TRUE(result == expected || (failed && (result == 5 || reply == nullptr))) << result;
       // A new lease stays only when the client was told of it.
-      EXPECT_EQ(LeaseCount(), !kind.closes + (kind.opens && result == 0));
-      // An entry stays in process only when its reply is missing.
-      FSULONG answered, inProcess;
+      EXPECT_EQ(LeaseCount(), (kind != kClose) + (kind == kOpen && result == 0));
+      FSULONG answered, inProcess;  // in process: only a request left without its reply
       TrackerCounts(info, &answered, &inProcess);
       EXPECT_LE(inProcess, failed ? 1u : 0u);
-      EXPECT_LE(answered, 3u);  // the open, the stored reply, the request
       ksxmem_free(reply);
-      CloseAll();
-      EmptyTracker();
+      Clear();
       EXPECT_EQ(g_kmemstat, start);
-      if (!failed) break;
     }
   }
 }

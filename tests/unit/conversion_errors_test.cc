@@ -8,7 +8,6 @@
 #include "support/test_util.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
-#include "utils/utils.h"
 
 namespace kestrix::test {
 namespace {
@@ -25,12 +24,6 @@ TEST(ConversionErrorsTest, BrokenUnitsOfOneTextCostOneLine) {
   EXPECT_EQ(CountOf("\n" + log.Text(), "\nError "), 4);
   EXPECT_TRUE(log.Contains("Error utf16array_to_utf8asciz: 1022 invalid surrogates in one text, "
                            "the first d800 , d800 \n"));
-
-  log.Clear();
-  const FSUNI one[] = {0xD83D, 0x41};
-  char text[16];
-  utf16array_to_utf8asciz(one, 2, text, sizeof text);
-  EXPECT_EQ(log.Text(), "Error utf16array_to_utf8asciz: invalid surrogate d83d , 0041 \n");
 }
 
 }  // namespace
