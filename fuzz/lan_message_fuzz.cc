@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "sp/fsmdcsp.h"
 #include "sp/lease.h"
@@ -76,11 +77,13 @@ void Reset(bool openLease) {
     uint8_t vol[FS_COOKIE_SIZE], file[FS_COOKIE_SIZE];
     RemoveLeaseFromList(e->key, vol, file, e->library, "fuzz");
   }
-  for (TrackerEntry* e; (e = info->tracker.next) != &info->tracker;) {
-    e->prev->next = e->next, e->next->prev = e->prev;
-    ksxmem_free(e->headerCopy), ksxmem_free(e->replyCopy), ksxmem_free(e);
-  }
-  info->numReplies = 0;
+  // Every tracked request got its reply stored, so a purge empties the tracker.
+  const int bound = std::exchange(g_MaxDuplicateMessages, 0);
+  PurgeTrackerList(info);
+  g_MaxDuplicateMessages = bound;
+  FSULONG answered, inProcess;
+  kestrix::TrackerCounts(info, &answered, &inProcess);
+  if (answered + inProcess != 0) abort();
   if (GetLogLevel() != g_level || g_logPath != g_filename)
     OSL_SetLog(&g_level, g_logPath.c_str(), "kestrixd");
   if (ftruncate(g_log, 0) != 0) abort();

@@ -7,9 +7,9 @@
 #include "sp/lease.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
+#include "utils/dgram.h"
 #include "utils/lanserver.h"
 #include "utils/log.h"
-#include "utils/dgram.h"
 
 // The request is read in place in the listener's buffer, also where the
 // datagram was shorter: every field then lies in bytes the listener zeroed.

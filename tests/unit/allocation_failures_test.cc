@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "client/kxclient.h"
 #include "sp/lease.h"
 #include "spmsgs.h"
@@ -21,10 +23,12 @@ namespace {
 enum Kind { kVolume, kVolumeByCookie, kOpen, kOpenUnlocked, kMap, kSetSize, kClose, kCommand,
             kNoHandler, kShortLength, kStoredDuplicate, kKinds };
 
-// A tracked request of the kind, sent through the LAN server; key names the
-// lease opened before it. The stored duplicate repeats the first GetVolume.
-LanHeader* Send(int kind, uint32_t key = 0) {
-  static const uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1}, kVola[FS_COOKIE_SIZE] = "VOLA";
+constexpr uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1};
+
+// A tracked request of the kind; key names the lease opened before it. The
+// stored duplicate repeats the first GetVolume.
+client::Bytes Request(int kind, uint32_t key = 0) {
+  static const uint8_t kVola[FS_COOKIE_SIZE] = "VOLA";
   static int id = 1;
   client::OpenOptions o{.fileSize = 4096, .allocSize = 8192, .flag = kind == kOpenUnlocked ? 8u : 0};
   client::Bytes r = kind == kVolume || kind == kStoredDuplicate ? client::MakeGetVolumeRequest("data")
@@ -37,23 +41,31 @@ LanHeader* Send(int kind, uint32_t key = 0) {
                                               : client::MakeRequest(9, kind == kNoHandler ? 48 : 47);
   client::Write(r, 8, kind == kStoredDuplicate ? 0 : ++id);
   client::Write<uint32_t>(r, 32, LAN_FLAG_TRACK);
+  return r;
+}
+
+LanHeader* Send(client::Bytes&& r) {
   return LAN_ProcessMessage(r.data(), static_cast<int>(r.size()), info, kComm);
 }
 
-// Back to no lease and an empty tracker, as closes and purges would leave
-// them in time; no purge takes an entry in process, so each must have the
-// header copy that lets it be answered.
-void Clear() {
+// Back to no lease and an empty tracker through the daemon's own calls: the
+// last request answered if it was left in process, then every entry purged.
+// An entry that stays would stay for ever.
+void Clear(const client::Bytes& last) {
   for (LeaseEntry* e; (e = leaseListHeadGlb.next) != &leaseListHeadGlb;) {
     uint8_t vol[FS_COOKIE_SIZE], file[FS_COOKIE_SIZE];
     RemoveLeaseFromList(e->key, vol, file, e->library, "test");
   }
-  for (TrackerEntry* e; (e = info->tracker.next) != &info->tracker;) {
-    EXPECT_NE(e->headerCopy, nullptr);
-    e->prev->next = e->next, e->next->prev = e->prev;
-    ksxmem_free(e->headerCopy), ksxmem_free(e->replyCopy), ksxmem_free(e);
-  }
-  info->numReplies = 0;
+  const auto* request = reinterpret_cast<const LanHeader*>(last.data());
+  LanHeader* answer = BuildReply(request, 0);
+  LAN_RegisterComplete(info, kComm, request, answer);
+  ksxmem_free(answer);
+  const int bound = std::exchange(g_MaxDuplicateMessages, 0);
+  PurgeTrackerList(info);
+  g_MaxDuplicateMessages = bound;
+  FSULONG answered, inProcess;
+  TrackerCounts(info, &answered, &inProcess);
+  EXPECT_EQ(answered + inProcess, 0u);
 }
 
 TEST(AllocationFailuresTest, EveryRequestAnswersFiveFallsBackOrStaysSilentAndLeavesNothing) {
@@ -66,20 +78,20 @@ TEST(AllocationFailuresTest, EveryRequestAnswersFiveFallsBackOrStaysSilentAndLea
   InstallTestPlugin("libtestfs.so", dir.path(), "liba.so");
   TestFs(dir.path(), "liba.so").Configure("volume /vol/a VOLA\nfile /vol/a/f VOLA FILEF\n");
   SetUpServer();
-  ksxmem_free(Send(kOpen));  // the volume is known from now on
+  ksxmem_free(Send(Request(kOpen)));  // the volume is known from now on
   for (int kind = 0; kind < kKinds; ++kind) {
     const bool header = kind == kNoHandler || kind == kShortLength;  // a LAN result
     const int expected = kind == kNoHandler ? 8 : kind == kShortLength ? 6 : 0;
     for (int nth = 1, failed = 1; failed; ++nth) {
       SCOPED_TRACE(testing::Message() << "kind " << kind << ", allocation " << nth);
-      Clear();
+      Clear(Request(kOpen));
       const int32_t start = g_kmemstat;
-      const uint32_t key = globalKey;
-      ksxmem_free(Send(kOpen));             // the lease the request may name
-      ksxmem_free(Send(kStoredDuplicate));  // the reply the duplicate gets
+      const client::Bytes request = Request(kind, globalKey);  // the lease opened next
+      ksxmem_free(Send(Request(kOpen)));
+      ksxmem_free(Send(Request(kStoredDuplicate)));  // the reply the duplicate gets
       log.Clear();
       FailGetmem(nth, 1);
-      LanHeader* reply = Send(kind, key);
+      LanHeader* reply = Send(client::Bytes(request));
       FailGetmem(0, 0);
       failed = log.Contains("sol_ksxmem malloc failed");
       const int result = reply == nullptr ? -1
@@ -92,7 +104,7 @@ TEST(AllocationFailuresTest, EveryRequestAnswersFiveFallsBackOrStaysSilentAndLea
       TrackerCounts(info, &answered, &inProcess);
       EXPECT_LE(inProcess, failed ? 1u : 0u);
       ksxmem_free(reply);
-      Clear();
+      Clear(request);
       EXPECT_EQ(g_kmemstat, start);
     }
   }
