@@ -84,14 +84,12 @@ void Reset(bool openLease) {
   FSULONG answered, inProcess;
   kestrix::TrackerCounts(info, &answered, &inProcess);
   if (answered + inProcess != 0) abort();
-  if (GetLogLevel() != g_level || g_logPath != g_filename)
-    OSL_SetLog(&g_level, g_logPath.c_str(), "kestrixd");
+  if (GetLogLevel() != g_level || g_logPath != g_filename) OSL_SetLog(&g_level, g_logPath.c_str(), "kestrixd");
   if (ftruncate(g_log, 0) != 0) abort();
   globalKey = 0;
   uint8_t vol[FS_COOKIE_SIZE] = "VOLA", file[FS_COOKIE_SIZE] = "Fa", id[LAN_MSGID_SIZE] = "lease";
   const uint8_t sender[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1};
-  FSULONG key;
-  if (openLease) AddLeaseToList(vol, file, id, sender, 2, 600000, &key, libs[0], nullptr);
+  if (openLease) AddLeaseToList(vol, file, id, sender, 2, 600000, &answered, libs[0], nullptr);
 }
 
 // Bytes of the request that a handler may rewrite in place.
