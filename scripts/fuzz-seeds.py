@@ -108,6 +108,7 @@ def seeds():
         yield header(e, 1, size, 0, b"ends") + body[:300]
         body, size = getinitialmap(e, "data", "\\" * 1100)
         yield header(e, 2, size, 0, b"full") + body
+        yield header(e, 2, size, 0, b"past") + body + text(e, "\\" * 16, 16)
         yield header(e, 7, 2128, 0, b"ends") + command(e, "LOG|12|x" * 300)[0][:1000]
     # Scripted: the plug-in answers each entry point with an error or a
     # soft result, writes an error text or an odd map length.
