@@ -8,7 +8,10 @@ RUN_BUILD  ?= build-run
 CMAKE_GEN  ?= -G Ninja
 JOBS       ?= 2
 
-.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio install package clean
+FUZZ_SECONDS ?= 120
+SOAK_SECONDS ?= 120
+
+.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz soak coverage ratio install package clean
 
 all: build
 
@@ -48,6 +51,18 @@ bench:
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 
+# The LAN message fuzz target (clang, ASan + UBSan) for FUZZ_SECONDS, then
+# the line coverage of the code a datagram can reach. Fails on any finding.
+fuzz:
+	@scripts/fuzz.sh $(FUZZ_SECONDS) $(BUILD)-fuzz
+
+# The real daemon (-s 0 -t 10) under 8 client threads for SOAK_SECONDS, then
+# checks of its state; once with the normal build, once under ThreadSanitizer.
+soak: build tsan
+	$(BUILD)/bench/kxsoak $(BUILD)/kestrixd $(BUILD)/tests/plugins/lib/libtestfs.so $(SOAK_SECONDS)
+	TSAN_OPTIONS=halt_on_error=0 $(BUILD)/bench/kxsoak $(TSAN_BUILD)/kestrixd \
+	  $(TSAN_BUILD)/tests/plugins/lib/libtestfs.so $(SOAK_SECONDS)
+
 # Line and branch coverage of the product code by the unit and end-to-end
 # tests: an HTML report in $(COV_BUILD)/coverage/, the totals on the screen.
 coverage:
@@ -78,4 +93,4 @@ ratio:
 	@scripts/test-ratio
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(RUN_BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(RUN_BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-fuzz-cov

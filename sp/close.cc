@@ -7,8 +7,14 @@
 #include "sp/lease.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
+#include "utils/dgram.h"
 #include "utils/lanserver.h"
 #include "utils/log.h"
+
+// The request is read in place in the listener's buffer, also where the
+// datagram was shorter: every field then lies in bytes the listener zeroed.
+static_assert(sizeof(CloseMsg) <= kestrix::kDgramScrubBytes &&
+              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
 
 namespace {
 constexpr FS64LONG kUnchanged = -1;

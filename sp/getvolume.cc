@@ -8,9 +8,15 @@
 #include "sp/handlers.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
+#include "utils/dgram.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/osl_share.h"
+
+// The request is read in place in the listener's buffer, also where the
+// datagram was shorter: every field then lies in bytes the listener zeroed.
+static_assert(sizeof(GetVolumeMsg) <= kestrix::kDgramScrubBytes &&
+              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
 
 namespace {
 constexpr int32_t kMountPointBytes = 2 * SP_PATH_UNITS;

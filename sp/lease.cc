@@ -43,6 +43,13 @@ void InitLeaseList() {
   kestrix::dlist::MakeEmpty(&leaseListHeadGlb);
 }
 
+int LeaseCount() {
+  SemGuard guard(leaseListLock);
+  int n = 0;
+  for (const LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) ++n;
+  return n;
+}
+
 }  // namespace kestrix
 
 extern "C" {
@@ -149,10 +156,13 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
     OSL_Log(KSX_DEBUG1, "Modified lease list  key:0x%x\n", lease->key);
   } else {
     kestrix::dlist::InsertFront(&leaseListHeadGlb, lease);
-    char name[kFileNameBytes] = "";
-    if (fileName != nullptr) fsuni2mb(name, fileName, kFileNameBytes);
-    OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key,
-            kestrix::LogSafe(name).c_str());
+    // The name is converted only for this trace line, so only when it is written.
+    if (GetLogLevel() >= KSX_DEBUG1) {
+      char name[kFileNameBytes] = "";
+      if (fileName != nullptr) fsuni2mb(name, fileName, kFileNameBytes);
+      OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key,
+              kestrix::LogSafe(name).c_str());
+    }
   }
 
   addInCriticalSection = false;

@@ -80,6 +80,8 @@ inline constexpr int32_t kPurgePeriodMs = 5000;
 
 // Creates leaseListLock and empties the lease list; called once at start-up.
 void InitLeaseList();
+// Number of leases in the list.
+int LeaseCount();
 
 }  // namespace kestrix
 #endif

@@ -18,8 +18,14 @@
 #include "sp/handlers.h"
 #include "spmsgs.h"
 #include "unixmdc/config.h"
+#include "utils/dgram.h"
 #include "utils/log.h"
 #include "utils/utils.h"
+
+// The request is read in place in the listener's buffer, also where the
+// datagram was shorter: every field then lies in bytes the listener zeroed.
+static_assert(sizeof(SendStringCmdMsg) <= kestrix::kDgramScrubBytes &&
+              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
 
 namespace {
 

@@ -229,9 +229,10 @@ void SPSUP_TransLanCloseResp(CloseReply* reply) {
 void SPSUP_DumpGetVolumeMsg(const GetVolumeMsg* msg) {
   Title("--- GetVolume Message ---\n", &msg->header);
   // Same text as fsuni2mb into 1024 bytes, but never past the path area.
+  // Its conversion errors are the share mapping's to report, once.
   char path[1024];
   const FSULONG units = kestrix::fsuninlength(msg->path, SP_PATH_UNITS);
-  utf16array_to_utf8asciz(msg->path, static_cast<int32_t>(units), path, sizeof(path));
+  kestrix::Utf16ToUtf8(msg->path, static_cast<int32_t>(units), path, sizeof(path), false);
   OSL_Log(KSX_SP, "%s %s\n", "path", kestrix::LogSafe(path).c_str());
 }
 

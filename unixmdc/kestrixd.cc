@@ -5,6 +5,8 @@
 #include "unixmdc/kestrixd.h"
 
 #include <getopt.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,6 +14,7 @@
 
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
+#include "sp/lease.h"
 #include "unixmdc/config.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
@@ -64,6 +67,20 @@ void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, vo
 }
 
 void DgramServer(uint16_t port) {
+  kestrix::SetUpServer();
+  int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
+  if (rc != 0) {
+    OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);
+    exit(1);
+  }
+  OSL_Log(KSX_SP, "kestrixd: setup message handlers.\n");
+}
+
+}  // extern "C"
+
+namespace kestrix {
+
+void SetUpServer() {
   LAN_InitServer(&info);
   if (info == nullptr) {
     // Nothing can be served without the LAN server's record.
@@ -81,27 +98,51 @@ void DgramServer(uint16_t port) {
   LAN_RegisterMessageHandler(info, 4, SP_LanSetSize);
   LAN_RegisterMessageHandler(info, 5, SP_LanClose);
   LAN_RegisterMessageHandler(info, 7, SP_LanSendStringCmd);
-  int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
-  if (rc != 0) {
-    OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);
-    exit(1);
-  }
-  OSL_Log(KSX_SP, "kestrixd: setup message handlers.\n");
 }
+
+}  // namespace kestrix
+
+extern "C" {
 
 void startup(void) {
   OSL_Log(KSX_SP, "kestrixd startup() activated\n");
+  // SIGUSR1 asks for a state dump. It is blocked before any thread starts,
+  // so every thread inherits the mask and only this one takes it, by sigwait.
+  sigset_t dumpSignal;
+  sigemptyset(&dumpSignal);
+  sigaddset(&dumpSignal, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &dumpSignal, nullptr);
   g_kestrixdsem = OSL_SemCreate(1);
   RequireForStartup(g_kestrixdsem != nullptr, "the message semaphore");
   DgramServer(kestrix::ServicePort());
   OSL_Log(KSX_PRINT, "kestrixd started. Threads:%d Sem:%s Tracker:%d\n", g_ListenerThreads,
           g_use_dgramServer_MessageHandler_sem != 0 ? "TRUE" : "FALSE", g_MaxDuplicateMessages);
-  for (;;) sleep(2);
+  for (;;) {
+    int signal = 0;
+    if (sigwait(&dumpSignal, &signal) == 0 && signal == SIGUSR1) kestrix::DumpDaemonState();
+  }
 }
 
 }  // extern "C"
 
 namespace kestrix {
+
+void DumpDaemonState() {
+  // The lease list and the duplicate counters, as the debugging handler
+  // writes them; the reply it makes is not sent anywhere.
+  LanHeader header{};
+  header.byteOrder = LAN_BYTEORDER_MARK;
+  header.length = LAN_HEADER_SIZE;
+  const uint8_t nobody[LAN_COMMCOOKIE_SIZE] = {};
+  ksxmem_free(SP_LanDumpInfo(&header, nobody));
+  FSULONG answered = 0, inProcess = 0;
+  if (info != nullptr) TrackerCounts(info, &answered, &inProcess);
+  uint32_t total = 0, zero = 0;
+  ksxmem_stats(&total, &zero);
+  OSL_Log(KSX_PRINT,
+          "State: leases %d, tracker %u answered %u in process (bound %d), allocator total %u\n",
+          LeaseCount(), answered, inProcess, g_MaxDuplicateMessages, total);
+}
 
 Options ParseOptions(int argc, char** argv) {
   Options options;

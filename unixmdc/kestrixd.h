@@ -41,6 +41,16 @@ struct Options {
 // Sets the defaults, then reads the options into the process-wide settings.
 Options ParseOptions(int argc, char** argv);
 
+// The LAN server, the service provider and the handler of each function
+// code, everything the daemon serves with except the socket. Ends the
+// process when a lock or the lease purge thread cannot be created.
+void SetUpServer();
+
+// What SIGUSR1 asks for: the lease list and duplicate counters through
+// SP_LanDumpInfo, then one Print line with the counts of leases and tracker
+// entries and the allocator's total.
+void DumpDaemonState();
+
 }  // namespace kestrix
 
 // Whole program: options, log, fork, start-up. Returns only on a usage error.

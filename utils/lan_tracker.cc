@@ -128,6 +128,12 @@ int LAN_RegisterInProcess(LanServerInfo* server, const uint8_t* commCookie,
     return 0;
   }
   entry->headerCopy = LAN_MakeHeaderCopy(request);
+  // Without its header copy the entry would match no request and, never
+  // answered, never be purged: the request goes untracked instead.
+  if (entry->headerCopy == nullptr) {
+    ksxmem_free(entry);
+    return 0;
+  }
   kestrix::dlist::InsertBack(&server->tracker, entry);
   return 0;
 }
@@ -182,3 +188,16 @@ void DumpTrackerList(int /*ignored*/, LanServerInfo* server) {
 }
 
 }  // extern "C"
+
+namespace kestrix {
+
+void TrackerCounts(LanServerInfo* server, FSULONG* answered, FSULONG* inProcess) {
+  *answered = 0;
+  *inProcess = 0;
+  SemGuard lock(server->trackerLock);
+  for (TrackerEntry* e = server->tracker.next; e != &server->tracker; e = e->next) {
+    ++*(e->replyCopy != nullptr ? answered : inProcess);
+  }
+}
+
+}  // namespace kestrix

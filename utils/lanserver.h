@@ -67,6 +67,11 @@ void DumpTrackerList(int ignored, LanServerInfo* server);
 
 #ifdef __cplusplus
 }  // extern "C"
+
+namespace kestrix {
+// Entries of the tracker holding a reply, and those still in process.
+void TrackerCounts(LanServerInfo* server, FSULONG* answered, FSULONG* inProcess);
+}  // namespace kestrix
 #endif
 
 #endif  // KESTRIX_UTILS_LANSERVER_H_

@@ -160,34 +160,7 @@ char* fsuni2mb(char* destination, const FSUNI* source, int32_t capacityBytes) {
 
 int32_t utf16array_to_utf8asciz(const FSUNI* source, int32_t units, char* destination,
                                 int32_t capacityBytes) {
-  if (capacityBytes <= 0) return 0;
-  Utf8Sink sink(destination, capacityBytes);
-  int32_t i = 0;
-  while (i < units) {
-    const uint32_t u = source[i];
-    if (IsHighSurrogate(u)) {
-      if (i + 1 >= units) {
-        OSL_Log(KSX_ERROR,
-                "utf16array_to_utf8asciz: surrogate found with no data left in source string\n");
-        sink.PutUnit(u);
-        i += 1;
-        continue;
-      }
-      const uint32_t next = source[i + 1];
-      if (IsLowSurrogate(next)) {
-        sink.PutPair(u, next);
-        i += 2;
-        continue;
-      }
-      OSL_Log(KSX_ERROR, "utf16array_to_utf8asciz: invalid surrogate %04x , %04x \n", u, next);
-      sink.PutUnit(u);
-      i += 1;
-      continue;
-    }
-    sink.PutUnit(u);
-    i += 1;
-  }
-  return sink.Finish();
+  return kestrix::Utf16ToUtf8(source, units, destination, capacityBytes, true);
 }
 
 FSUNI* mb2fsuni(FSUNI* destination, const char* source, int32_t capacityUnits) {
@@ -246,6 +219,57 @@ int32_t checkDataSizes(void) {
 }  // extern "C"
 
 namespace kestrix {
+
+int32_t Utf16ToUtf8(const FSUNI* source, int32_t units, char* destination, int32_t capacityBytes,
+                    bool report) {
+  if (capacityBytes <= 0) return 0;
+  Utf8Sink sink(destination, capacityBytes);
+  // Errors are counted during the walk and reported once at its end, so a
+  // text of many broken units costs one line, not one line per unit.
+  int32_t invalid = 0;
+  uint32_t firstHigh = 0, firstNext = 0;
+  bool noDataLeft = false;
+  int32_t i = 0;
+  while (i < units) {
+    const uint32_t u = source[i];
+    if (IsHighSurrogate(u)) {
+      if (i + 1 >= units) {
+        noDataLeft = true;
+        sink.PutUnit(u);
+        i += 1;
+        continue;
+      }
+      const uint32_t next = source[i + 1];
+      if (IsLowSurrogate(next)) {
+        sink.PutPair(u, next);
+        i += 2;
+        continue;
+      }
+      if (invalid++ == 0) {
+        firstHigh = u;
+        firstNext = next;
+      }
+      sink.PutUnit(u);
+      i += 1;
+      continue;
+    }
+    sink.PutUnit(u);
+    i += 1;
+  }
+  if (report && invalid == 1) {
+    OSL_Log(KSX_ERROR, "utf16array_to_utf8asciz: invalid surrogate %04x , %04x \n", firstHigh,
+            firstNext);
+  } else if (report && invalid > 1) {
+    OSL_Log(KSX_ERROR,
+            "utf16array_to_utf8asciz: %d invalid surrogates in one text, the first %04x , %04x \n",
+            invalid, firstHigh, firstNext);
+  }
+  if (report && noDataLeft) {
+    OSL_Log(KSX_ERROR,
+            "utf16array_to_utf8asciz: surrogate found with no data left in source string\n");
+  }
+  return sink.Finish();
+}
 
 FSULONG fsuninlength(const FSUNI* s, FSULONG maxUnits) {
   FSULONG n = 0;

@@ -31,6 +31,12 @@ int32_t checkDataSizes(void);
 }  // extern "C"
 
 namespace kestrix {
+// utf16array_to_utf8asciz; with report false no error line is written (for
+// dumps of a text whose errors its real use reports). Invalid surrogates of
+// one text are reported in one line: the exact single-error line for one,
+// a line with their count and the first pair for more.
+int32_t Utf16ToUtf8(const FSUNI* source, int32_t units, char* destination, int32_t capacityBytes,
+                    bool report);
 // Units before the first 0 unit, looking at no more than maxUnits units.
 FSULONG fsuninlength(const FSUNI* s, FSULONG maxUnits);
 }  // namespace kestrix

@@ -230,7 +230,9 @@ TESTFS_EXPORT FSLONG FS_Init(void) {
 #ifndef TESTFS_NO_OPTIONAL
 TESTFS_EXPORT FSLONG FS_SetLog(int* levelPointer, void* reserved) {
   FSLONG result = Result(ReadConf(), "FS_SetLog", g_SetLog);
-  Record("FS_SetLog level=" + (levelPointer ? N(*levelPointer) : "null") +
+  // A LOG command on another thread may store a new level meanwhile.
+  const int level = levelPointer ? __atomic_load_n(levelPointer, __ATOMIC_RELAXED) : 0;
+  Record("FS_SetLog level=" + (levelPointer ? N(level) : "null") +
          " reserved=" + (reserved ? "set" : "null") + " result=" + N(result));
   return result;
 }

@@ -1,6 +1,5 @@
 // The GetVolume handler called in-process for what a client cannot cause:
-// failed allocations and a path area that runs into the bytes after it.
-#include <stdlib.h>
+// a path area that runs into the bytes after it.
 #include <string.h>
 
 #include <gtest/gtest.h>
@@ -10,56 +9,12 @@
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
 #include "spmsgs.h"
-#include "support/test_util.h"
-#include "support/testfs.h"
 #include "utils/ksxmem.h"
-#include "utils/osl.h"
 
 namespace kestrix::test {
 namespace {
 
 constexpr uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1};
-
-// The handler's allocations, in order: the mount-point buffer, a dispatcher
-// entry for a newly claimed volume, the full-size reply, then the 272-byte
-// one. Each failure answers 5 in a short reply, or nothing, and leaks nothing.
-TEST(GetVolumeTest, AllocationFailuresAnswerShortOrNotAtAll) {
-  TempDir lib, steer;
-  LogCapture log(12);
-  setenv("KESTRIX_LIBDIR", lib.path().c_str(), 1);
-  setenv("KESTRIX_TESTFS_DIR", steer.path().c_str(), 1);
-  WriteFile(steer.File("smb.conf"), "[share1]\n   path = /vol/a\n");
-  setenv("KESTRIX_SMBPATH", steer.File("smb.conf").c_str(), 1);
-  InstallTestPlugin("libtestfs.so", lib.path(), "liba.so");
-  TestFs fs(steer.path(), "liba.so");
-  fs.Configure("version 217\nvolume /vol/a VOLA\n");
-  FSMDCSP_Init();
-  fs.ClearCalls();
-  AddVolumeDispatcherToList(CookieBytes("VOLA").data(), libs[0]);
-  for (auto [path, nth, count, revision] : {std::tuple{"share1", 1, 1, 5}, {"", 2, 1, 217}, {"", 2, 2, -1}}) {
-    GetVolumeMsg msg{};
-    msg.header.byteOrder = LAN_BYTEORDER_MARK;
-    msg.header.revision = 5;
-    memcpy(msg.volumeCookie, CookieBytes(*path ? "" : "VOLA").data(), FS_COOKIE_SIZE);
-    for (size_t i = 0; path[i] != 0; ++i) msg.path[i] = FSUNI(path[i]);
-    const int32_t start = g_kmemstat;
-    FailGetmem(nth, count);
-    auto* reply = reinterpret_cast<GetVolumeReply*>(SP_LanGetVolume(&msg.header, kComm));
-    FailGetmem(0, 0);
-    EXPECT_EQ(reply == nullptr, revision < 0);
-    if (reply != nullptr)
-      EXPECT_EQ(std::tuple(reply->result, reply->header.length, reply->header.revision),
-                std::tuple(SP_RESULT_NO_MEMORY, 272u, revision));
-    ksxmem_free(reply);
-    EXPECT_EQ(g_kmemstat, start);
-  }
-  EXPECT_TRUE(log.Contains("tag:gvmt\n"));
-  EXPECT_FALSE(log.Contains("sambaCheck"));
-  EXPECT_EQ(CountOf(log.Text(), "Error SP_InitReply failed to malloc reply of 65536 bytes\n"), 2);
-  EXPECT_TRUE(log.Contains("Error Out of memory while getting volume information\n"));
-  EXPECT_TRUE(log.Contains("Error SP_InitReply failed to malloc reply of 272 bytes\n"));
-  EXPECT_EQ(fs.CountCalls("FS_GetVolCookie") + fs.CountCalls("FS_GetVolByCookie"), 0);
-}
 
 TEST(GetVolumeTest, PathWithoutTerminatorStaysInsideItsArea) {
   InitDispatchList();
