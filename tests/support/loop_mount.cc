@@ -48,8 +48,6 @@ void UsePrivateMounts() {
   (void)done;
 }
 
-const char* FsName(FsKind kind) { return kind == FsKind::kExt4 ? "ext4" : "xfs"; }
-
 std::string FindProgram(const std::string& name) {
   const char* path = getenv("PATH");
   std::stringstream dirs(std::string(path ? path : "") + ":/usr/sbin:/sbin");
@@ -66,25 +64,20 @@ bool LoopMount::Fail(const std::string& reason) {
   return false;
 }
 
-LoopMount::LoopMount(FsKind kind, uint64_t sizeBytes)
-    : image_(dir_.File("fs.img")), mountPoint_(dir_.File("mnt")) {
-  mounted_ = Mount(kind, sizeBytes != 0 ? sizeBytes : kind == FsKind::kExt4 ? 64 << 20 : 320 << 20);
-}
-
-bool LoopMount::Mount(FsKind kind, uint64_t sizeBytes) {
+bool LoopMount::Mount(FsKind kind) {
   const std::string mkfs = FindProgram(std::string("mkfs.") + FsName(kind));
   if (geteuid() != 0) return Fail("mounting needs root");
   if (mkfs.empty()) return Fail(std::string("mkfs.") + FsName(kind) + " is not installed");
   WriteFile(image_, "");
-  if (truncate(image_.c_str(), static_cast<off_t>(sizeBytes)) != 0) return Fail("no image file");
+  if (truncate(image_.c_str(), kind == FsKind::kExt4 ? 64 << 20 : 320 << 20) != 0) return Fail("no image file");
   RunResult made = RunToExit(mkfs, {"-q", kind == FsKind::kExt4 ? "-F" : "-f", image_}, {});
   if (made.exitStatus != 0) return Fail(mkfs + " failed: " + made.standardError);
   UsePrivateMounts();
-  std::string why;
-  int loop = AttachLoop(image_, &device_, &why);
+  std::string device, why;
+  int loop = AttachLoop(image_, &device, &why);
   if (loop < 0) return Fail(why);
   mkdir(mountPoint_.c_str(), 0755);
-  bool mounted = mount(device_.c_str(), mountPoint_.c_str(), FsName(kind), 0, nullptr) == 0;
+  bool mounted = mount(device.c_str(), mountPoint_.c_str(), FsName(kind), 0, nullptr) == 0;
   if (!mounted) Fail(std::string("mount failed: ") + strerror(errno));
   close(loop);  // from here the mount holds the device
   return mounted;
