@@ -22,12 +22,12 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
     fs.Configure(base + conf + "\n");
     fs.ClearCalls();
     Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
-    client::HeaderOf(request)->revision = 77;
+    client::HeaderOf(request)->revision = 77, client::HeaderOf(request)->result = 9;  // echoed, cleared
     const Bytes bytes = Send(request);
     const client::MapReply r = client::ParseMapReply(bytes).value();
-    EXPECT_EQ(std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(),
-                         r.header.revision),
-              std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77));
+    EXPECT_EQ(std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
+                         r.header.result),
+              std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
   }
   const Bytes unknown = Send(client::MakeGetExtendedMapRequest(999, 0, 0));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 184u));
