@@ -1,16 +1,9 @@
 // The GetVolume handler called in-process for what a client cannot cause:
 // failed allocations and a path area that runs into the bytes after it.
-#include <stdlib.h>
-#include <string.h>
-
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
-#include "spmsgs.h"
-#include "support/test_util.h"
 #include "support/testfs.h"
 #include "utils/ksxmem.h"
 #include "utils/osl.h"
@@ -41,23 +34,24 @@ TEST(GetVolumeTest, AllocationFailuresAnswerShortOrNotAtAll) {
     msg.header.byteOrder = LAN_BYTEORDER_MARK;
     msg.header.revision = 5;
     memcpy(msg.volumeCookie, CookieBytes(*path ? "" : "VOLA").data(), FS_COOKIE_SIZE);
-    for (size_t i = 0; path[i] != 0; ++i) msg.path[i] = FSUNI(path[i]);
+    std::copy(path, path + strlen(path), msg.path);
     const int32_t start = g_kmemstat;
     FailGetmem(nth, count);
     auto* reply = reinterpret_cast<GetVolumeReply*>(SP_LanGetVolume(&msg.header, kComm));
     FailGetmem(0, 0);
     EXPECT_EQ(reply == nullptr, revision < 0);
-    if (reply != nullptr)
+    if (reply != nullptr) {
       EXPECT_EQ(std::tuple(reply->result, reply->header.length, reply->header.revision),
                 std::tuple(SP_RESULT_NO_MEMORY, 272u, revision));
+    }
     ksxmem_free(reply);
     EXPECT_EQ(g_kmemstat, start);
   }
-  EXPECT_TRUE(log.Contains("tag:gvmt\n"));
-  EXPECT_FALSE(log.Contains("sambaCheck"));
-  EXPECT_EQ(CountOf(log.Text(), "Error SP_InitReply failed to malloc reply of 65536 bytes\n"), 2);
-  EXPECT_TRUE(log.Contains("Error Out of memory while getting volume information\n"));
-  EXPECT_TRUE(log.Contains("Error SP_InitReply failed to malloc reply of 272 bytes\n"));
+  EXPECT_EQ(std::tuple(log.Contains("tag:gvmt\n"), log.Contains("sambaCheck"),
+                       log.Contains("Error Out of memory while getting volume information\n"),
+                       log.Contains("Error SP_InitReply failed to malloc reply of 272 bytes\n"),
+                       CountOf(log.Text(), "Error SP_InitReply failed to malloc reply of 65536 bytes\n")),
+            std::tuple(true, false, true, true, 2));
   EXPECT_EQ(fs.CountCalls("FS_GetVolCookie") + fs.CountCalls("FS_GetVolByCookie"), 0);
 }
 
