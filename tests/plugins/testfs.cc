@@ -1,32 +1,22 @@
-// testfs: a scriptable filesystem plug-in for the tests and the demo.
+// testfs: a scriptable filesystem plug-in for the tests and the demo. Builds
+// (CMakeLists.txt) differ in the version reported, FS_Init's result, whether
+// FS_UnlockMap, FS_GetMaxLeases and FS_SetLog exist, and a call back into
+// the daemon from FS_Init.
 //
-// One source, several builds (CMakeLists.txt): the version it reports,
-// whether FS_UnlockMap, FS_GetMaxLeases and FS_SetLog exist, FS_Init's
-// result, and whether FS_Init calls back into the daemon.
-//
-// KESTRIX_TESTFS_DIR names a steering directory (unset: defaults, nothing
-// recorded). An instance is named by its file's basename (liba.so), so one
-// build copied under two names gives two instances. Every call rereads
-// <dir>/<name>.conf and appends "FS_Name key=value ..." to <dir>/<name>.calls
-// (cookies as their bytes up to the first 0).
-//
-// Conf lines (a later line of the same key wins; numbers in decimal):
-//   version N                         the version reported
-//   result FS_Name N...               the k-th served call gets the k-th value,
-//                                     later ones the last (default 0)
-//   miss FS_GetVolCookie|FS_GetCookies N   result when not served (-380)
-//   misscookie TEXT                   volume cookie written when not served
-//   volume MOUNT VOLCOOKIE            FS_GetVolCookie serves MOUNT
-//   file PATH VOLCOOKIE FILECOOKIE    FS_GetCookies serves PATH ("-": no volume)
-//   vol.F N  (F: vendorStatus nDisks BlockSize)   vol.error TEXT
-//   map.F N  (F: fileSize allocation msgLen nExtents extentType)
-//   maxlease.read N                   FS_GetMaxLeases's read maximum
-// Volumes: FStype 1, BlockSize 4096, one disk; disk i (from 0) has DiskID
-// bytes 0x10 (i+1) + j, IDlength 16, IDoffset 1000 (i+1), BlockOffset
-// 2000 (i+1), nBlocks 100000 (i+1); with a vendorStatus, the error text
-// instead. Maps: 1 MiB file, one extent of type 0; extent i is
-// {1000 (i+1), 8 (i+1)} (type 0) or {65536 i, 1048576 (i+1), 65536, i, 1}
-// (type 1). Only what fits the room is written; msgLen counts it unless set.
+// With KESTRIX_TESTFS_DIR set, an instance named by its file (liba.so) rereads
+// <dir>/liba.so.conf on every call and appends "FS_Name key=value ..." to
+// <dir>/liba.so.calls (cookies as text up to their first 0). Conf lines, a
+// later one of the same key winning:
+//   version N | maxlease.read N | misscookie TEXT (the volume cookie of a miss)
+//   result FS_Name N...   the k-th served call's result; later ones the last
+//   miss FS_GetVolCookie|FS_GetCookies N   a miss's result (default -380)
+//   volume MOUNT VOLCOOKIE | file PATH VOLCOOKIE|- FILECOOKIE   what is served
+//   vol.vendorStatus|nDisks|BlockSize N, vol.error TEXT (with a vendorStatus)
+//   map.fileSize|allocation|msgLen|nExtents|extentType N
+// Disk i (from 0): DiskID bytes 0x10 (i+1) + j, IDoffset 1000 (i+1),
+// BlockOffset 2000 (i+1), nBlocks 100000 (i+1). Extent i: {1000 (i+1), 8 (i+1)}
+// (type 0, the default) or {65536 i, 1048576 (i+1), 65536, i, 1} (type 1).
+// Only what fits the room is written; msgLen counts it unless set.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <string.h>
