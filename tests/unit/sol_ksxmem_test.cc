@@ -11,12 +11,13 @@ namespace {
 
 MemBlockHeader* Header(void* p) { return static_cast<MemBlockHeader*>(p) - 1; }
 
-// What OSL_freemem was given just before the release: the size and the first 20 user bytes.
+// What OSL_freemem was given just before the release: the size and up to 20 user bytes.
 int32_t g_freedSize = 0;
 std::string g_freedBytes;
 void RecordFree(void* orig, int32_t size) {
   g_freedSize = size;
-  g_freedBytes.assign(static_cast<char*>(orig) + sizeof(MemBlockHeader), 20);
+  g_freedBytes.assign(static_cast<char*>(orig) + sizeof(MemBlockHeader),
+                      std::min<size_t>(20, size - sizeof(MemBlockHeader)));
 }
 
 // Negative asks for zero fill; below 8 is 8, others the next power of two up to 8192.
@@ -38,7 +39,9 @@ TEST(SolKsxmemTest, AlignmentsFillGuardAndRelease) {
               std::tuple(0u, c.used, h));
     EXPECT_GE(reinterpret_cast<char*>(h), static_cast<char*>(h->orig));
     EXPECT_LE(p + rounded + 4, static_cast<unsigned char*>(h->orig) + h->total);
-    EXPECT_EQ(memcmp(p + rounded, "\xef\xba\xab\xfe", 4), 0);  // the guard word
+    uint32_t guard;
+    memcpy(&guard, p + rounded, sizeof guard);
+    EXPECT_EQ(guard, KSXMEM_GUARD);
     for (int i = 0; c.asked < 0 && i < rounded; ++i) EXPECT_EQ(p[i], 0);
     const int32_t total = static_cast<int32_t>(h->total);
     EXPECT_EQ(g_kmemstat - before, total);
