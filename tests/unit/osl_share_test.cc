@@ -45,7 +45,6 @@ class ShareTest : public ::testing::Test {
 TEST_F(ShareTest, SectionsAndPathLinesAreReadLineByLine) {
   const std::string p255 = "/" + std::string(254, 'p');
   const struct { std::string conf, share, want; } rows[] = {
-      {"[other]\n path = /x\n[data]\n path = /export/data\n", "data", "/export/data"},
       // "path=" is no path line; the search goes on past the next header.
       {"[data]\npath=/nospace\n[next]\n\tpath = /later\n", "data", "/later"},
       {"[data]\n; path = /old\n path = /new\n", "data", "/old"},  // the first, commented or not
