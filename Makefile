@@ -1,13 +1,14 @@
-# make run   build, then run kestrixd in the foreground with the demo plug-in
+# make run   build the daemon, localfs and kestrix-cli, then serve a demo ext4 image
 # make test  build, then run every test, also under ASan + UBSan and ThreadSanitizer
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 COV_BUILD  ?= build-cov
+RUN_BUILD  ?= build-run
 CMAKE_GEN  ?= -G Ninja
 JOBS       ?= 2
 
-.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio clean
+.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz coverage ratio install package clean
 
 all: build
 
@@ -23,8 +24,11 @@ tsan:
 	@cmake -S . -B $(TSAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIX_TSAN=ON >/dev/null
 	@cmake --build $(TSAN_BUILD)
 
-run: build
-	@scripts/demo.sh $(BUILD)
+# Only what the demo needs, without the tests (no GoogleTest needed).
+run:
+	@cmake -S . -B $(RUN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIX_BUILD_TESTS=OFF >/dev/null
+	@cmake --build $(RUN_BUILD) --target kestrixd localfs kestrix-cli
+	@scripts/demo.sh $(RUN_BUILD)
 
 test: build asan tsan
 	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure
@@ -59,9 +63,19 @@ coverage:
 	  --html-details $(COV_BUILD)/coverage/index.html \
 	  --json-summary $(COV_BUILD)/coverage/summary.json --print-summary
 
+# Install the build: DESTDIR stages it, PREFIX replaces /usr/local
+# (the plug-in goes to /opt/Kestrix/lib and the configuration to /etc/kestrix
+# below DESTDIR whatever the prefix).
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) $(if $(PREFIX),--prefix "$(PREFIX)")
+
+# The Debian package of the same install, in $(BUILD)/ (kestrixd_*.deb).
+package: build
+	cd $(BUILD) && cpack -G DEB --config CPackConfig.cmake
+
 # Lines of tests against lines of product code.
 ratio:
 	@scripts/test-ratio
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(COV_BUILD) $(RUN_BUILD) $(BUILD)-bench

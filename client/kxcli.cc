@@ -1,404 +1,416 @@
-// kestrix-cli: sends one request to a running kestrixd and prints the
-// reply. Exit status: 0 when a reply came, 2 when none came in time, 1 for a
-// usage error, 3 when the reply carries an error result.
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <time.h>
+// kestrix-cli: talks to a running kestrixd. Request commands send one
+// request and print the reply; read and write move a file's data straight
+// between this machine and the shared disk. Options may stand before or
+// after the command words.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "client/kxclient.h"
+#include "client/kxoutput.h"
+#include "client/kxsession.h"
+#include "client/kxtransfer.h"
 #include "spmsgs.h"
 
 namespace {
 
-using kestrix::client::Bytes;
+using namespace kestrix::client;
 
-constexpr uint16_t kDefaultPort = 5501;
-constexpr int kDefaultTimeoutMs = 2000;
-constexpr int kExitReply = 0;
+constexpr int kExitOk = 0;
 constexpr int kExitUsage = 1;
 constexpr int kExitNoReply = 2;
 constexpr int kExitErrorResult = 3;
+constexpr int kExitLocal = 4;
+constexpr int64_t kProgressFrom = 4 << 20;  // show progress for transfers above this
 
-void Usage() {
-  std::fprintf(stderr,
-               "usage: kestrix-cli [-h host] [-p port] [-t timeout_ms] COMMAND ...\n"
-               "commands:\n"
-               "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
-               "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
-               "  open SHARE PATH [--write] [--size N] [--alloc N] [--lease MS] [--unlocked]\n"
-               "                            open a file: its lease key, cookies and map\n"
-               "  map KEY [START [LENGTH]]  map of a range (LENGTH 0: to the end); renews the lease\n"
-               "  setsize KEY SIZE          new file size; renews the lease\n"
-               "  close KEY [--size N]      give the lease up, optionally with a final size\n"
-               "  raw CODE [LENGTH]         header-only request; prints the reply header\n"
-               "  log LEVEL [DESTINATION]   LOG string command: log level and destination\n"
-               "                            (SCREEN, SYSTEM or a file; none: system log)\n"
-               "  cmd TEXT                  any string command, sent as TEXT\n"
-               "defaults: host 127.0.0.1, port $KESTRIX_PORT or %u, timeout %d ms\n",
-               static_cast<unsigned>(kDefaultPort), kDefaultTimeoutMs);
+const char kUsage[] =
+    "usage: kestrix-cli [options] COMMAND ARGS... [options]\n"
+    "commands:\n"
+    "  read SHARE PATH [--disk DEV]... [-o FILE]\n"
+    "                            the file's bytes, read straight from the disk\n"
+    "  write SHARE PATH [--disk DEV]... [-i FILE]\n"
+    "                            replace the file's contents, written straight to the disk\n"
+    "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
+    "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
+    "  open SHARE PATH [--write] [--size N] [--alloc N] [--lease MS] [--unlocked]\n"
+    "                            open a file: its lease key, cookies and map\n"
+    "  map KEY [START [LENGTH]] [--lease MS]\n"
+    "                            map of a range (LENGTH 0: to the end); renews the lease\n"
+    "  setsize KEY SIZE [--lease MS]\n"
+    "                            new file size; renews the lease\n"
+    "  close KEY [--size N]      give the lease up, optionally with a final size\n"
+    "  raw CODE [LENGTH]         header-only request; prints the reply header\n"
+    "  log LEVEL [DESTINATION]   LOG string command: log level and destination\n"
+    "                            (SCREEN, SYSTEM or a file; none: system log)\n"
+    "  cmd TEXT                  any string command, sent as TEXT\n"
+    "options:\n"
+    "  -h, --host HOST           daemon host (default 127.0.0.1)\n"
+    "  -p, --port PORT           UDP port (default $KESTRIX_PORT or 5501)\n"
+    "  -t, --timeout MS          wait per attempt (default 2000)\n"
+    "  -r, --retries N           attempts after a time-out (default 2)\n"
+    "  --json                    one JSON document per reply\n"
+    "  --swapped                 send requests in the other byte order\n"
+    "  --disk PATH               device or image file to look for the volume's disk\n"
+    "                            (repeatable; default: the machine's block devices)\n"
+    "  -o, --output FILE         read: write the data there instead of standard output\n"
+    "  -i, --input FILE          write: take the data from there instead of standard input\n"
+    "exit status: 0 done, 1 usage, 2 no reply, 3 error result, 4 local failure (disk, file)\n";
+
+// Options that take a value, by every name they go by.
+const std::map<std::string, std::string> kValued = {
+    {"-h", "host"},    {"--host", "host"},       {"-p", "port"},     {"--port", "port"},
+    {"-t", "timeout"}, {"--timeout", "timeout"}, {"-r", "retries"},  {"--retries", "retries"},
+    {"--disk", "disk"}, {"-o", "output"},        {"--output", "output"}, {"-i", "input"},
+    {"--input", "input"}, {"--size", "size"},    {"--alloc", "alloc"}, {"--lease", "lease"}};
+const std::map<std::string, std::string> kSwitches = {
+    {"--json", "json"}, {"--swapped", "swapped"}, {"--write", "write"},
+    {"--unlocked", "unlocked"}, {"--help", "help"}};
+
+// Which command-specific options each command takes.
+const std::map<std::string, std::set<std::string>> kCommandOptions = {
+    {"read", {"disk", "output"}},
+    {"write", {"disk", "input"}},
+    {"open", {"write", "size", "alloc", "lease", "unlocked"}},
+    {"map", {"lease"}},
+    {"setsize", {"lease"}},
+    {"close", {"size"}}};
+const std::set<std::string> kGeneral = {"host", "port", "timeout", "retries", "json", "swapped", "help"};
+
+struct Args {
+  std::vector<std::string> words;
+  std::multimap<std::string, std::string> options;
+  bool Has(const std::string& name) const { return options.count(name) != 0; }
+  std::string Get(const std::string& name) const {
+    auto range = options.equal_range(name);
+    return range.first == range.second ? "" : std::prev(range.second)->second;  // last wins
+  }
+};
+
+int UsageError(const std::string& why) {
+  if (!why.empty()) std::fprintf(stderr, "kestrix-cli: %s\n", why.c_str());
+  std::fputs(kUsage, stderr);
+  return kExitUsage;
+}
+
+bool LooksNumeric(const std::string& s) {
+  return s.size() >= 2 && s[0] == '-' && (std::isdigit(static_cast<unsigned char>(s[1])) != 0);
+}
+
+// Splits the command line into words and options; nothing with *why on error.
+std::optional<Args> Split(int argc, char** argv, std::string* why) {
+  Args a;
+  bool optionsEnd = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (optionsEnd || arg.size() < 2 || arg[0] != '-' || LooksNumeric(arg)) {
+      a.words.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      optionsEnd = true;
+      continue;
+    }
+    std::optional<std::string> inlineValue;
+    if (size_t eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+      inlineValue = arg.substr(eq + 1);
+      arg = arg.substr(0, eq);
+    }
+    if (auto s = kSwitches.find(arg); s != kSwitches.end() && !inlineValue) {
+      a.options.emplace(s->second, "");
+    } else if (auto v = kValued.find(arg); v != kValued.end()) {
+      if (!inlineValue && i + 1 == argc) {
+        *why = arg + " needs a value";
+        return std::nullopt;
+      }
+      a.options.emplace(v->second, inlineValue ? *inlineValue : argv[++i]);
+    } else {
+      *why = "unknown option '" + arg + "'";
+      return std::nullopt;
+    }
+  }
+  return a;
 }
 
 // A whole decimal (or 0x hex) number within [low, high].
-std::optional<long long> ParseNumber(const char* text, long long low, long long high) {
-  if (text == nullptr || *text == '\0') return std::nullopt;
+std::optional<long long> Number(const std::string& text, long long low, long long high) {
+  if (text.empty()) return std::nullopt;
   char* end = nullptr;
   errno = 0;
-  long long value = std::strtoll(text, &end, 0);
+  long long value = std::strtoll(text.c_str(), &end, 0);
   if (errno != 0 || *end != '\0' || value < low || value > high) return std::nullopt;
   return value;
 }
 
-std::optional<std::string> ResolveIPv4(const std::string& host) {
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr)
-    return std::nullopt;
-  char text[INET_ADDRSTRLEN] = {};
-  const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
-  const char* ok = inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
-  freeaddrinfo(found);
-  if (ok == nullptr) return std::nullopt;
-  return std::string(text);
-}
+class Cli {
+ public:
+  explicit Cli(Args args) : args_(std::move(args)), json_(args_.Has("json")) {}
 
-// A message ID that differs between runs and between requests of one run.
-void StampMessageId(Bytes& request) {
-  static uint32_t sequence = 0;
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  uint32_t parts[4] = {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec),
-                       static_cast<uint32_t>(getpid()), ++sequence};
-  std::memcpy(kestrix::client::HeaderOf(request)->messageID, parts, sizeof parts);
-}
+  int Run() {
+    if (args_.Has("help")) {
+      std::fputs(kUsage, stdout);
+      return kExitOk;
+    }
+    if (args_.words.empty()) return UsageError("");
+    const std::string& command = args_.words[0];
+    auto allowed = kCommandOptions.find(command);
+    for (const auto& [name, value] : args_.options) {
+      if (kGeneral.count(name) == 0 &&
+          (allowed == kCommandOptions.end() || allowed->second.count(name) == 0))
+        return UsageError("'" + command + "' takes no --" + name + " option");
+    }
+    ClientOptions o;
+    o.port = DefaultPort();
+    o.swapped = args_.Has("swapped");
+    if (args_.Has("host")) o.host = args_.Get("host");
+    std::optional<long long> n;
+    if (args_.Has("port") && !(n = Number(args_.Get("port"), 1, 65535)))
+      return UsageError("bad port '" + args_.Get("port") + "'");
+    if (n) o.port = static_cast<uint16_t>(*n);
+    if (args_.Has("timeout") && !(n = Number(args_.Get("timeout"), 0, 3600000)))
+      return UsageError("bad timeout '" + args_.Get("timeout") + "'");
+    if (args_.Has("timeout")) o.timeoutMs = static_cast<int>(*n);
+    if (args_.Has("retries") && !(n = Number(args_.Get("retries"), 0, 100)))
+      return UsageError("bad retries '" + args_.Get("retries") + "'");
+    if (args_.Has("retries")) o.retries = static_cast<int>(*n);
+    client_options_ = o;
 
-void PrintResult(const char* label, int32_t result) {
-  std::printf("%s %d (%s)\n", label, result, kestrix::client::ResultName(result));
-}
+    const size_t words = args_.words.size();
+    if (command == "read" && words == 3) return Read();
+    if (command == "write" && words == 3) return Write();
+    if (command == "getvolume" && words == 2) return GetVolume();
+    if (command == "getvolume-cookie" && words == 2) return GetVolumeByCookie();
+    if (command == "open" && words == 3) return Open();
+    if ((command == "map" && words >= 2 && words <= 4) ||
+        ((command == "setsize") && words == 3) || (command == "close" && words == 2))
+      return Lease();
+    if (command == "raw" && (words == 2 || words == 3)) return Raw();
+    if (command == "log" && (words == 2 || words == 3)) return Log();
+    if (command == "cmd" && words == 2) return StringCommand(args_.words[1]);
+    return UsageError("");
+  }
 
-// 0 and 1 (a map delivered with the library's status 1) are not errors.
-int ExitFor(int32_t result) { return result == 0 || result == 1 ? kExitReply : kExitErrorResult; }
+ private:
+  Client& client() {
+    if (!client_) client_ = std::make_unique<Client>(client_options_);
+    return *client_;
+  }
 
-void PrintHeader(const kestrix::client::ReplyHeader& h) {
-  std::printf("functionCode %d\n", h.functionCode);
-  std::printf("length %u\n", h.length);
-  std::printf("revision %d\n", h.revision);
-  std::printf("flags %u\n", h.flags);
-  PrintResult("header result", h.result);
-  std::printf("messageID %s\n", kestrix::client::ToHex(h.messageID.data(), h.messageID.size()).c_str());
-  std::printf("pathSeparator %u\n", static_cast<unsigned>(h.pathSeparator));
-  if (h.swapped) std::printf("byteOrder other\n");
-}
+  // A document printed in the chosen form.
+  void Print(const Doc& d, FILE* to = stdout) {
+    std::fputs(json_ ? (d.Json() + "\n").c_str() : d.Human().c_str(), to);
+    std::fflush(to);
+  }
 
-// A reply without the expected body: LAN-level errors (results 6 and 8)
-// come back as a bare header.
-int PrintBare(const Bytes& reply, const char* missing) {
-  std::optional<kestrix::client::ReplyHeader> h = kestrix::client::ParseHeader(reply);
-  if (h) PrintHeader(*h);
-  std::printf("received %zu bytes: no %s\n", reply.size(), missing);
-  return kExitErrorResult;
-}
+  int Failure(int status, const std::string& error, std::optional<int32_t> result = {},
+              FILE* jsonTo = stdout) {
+    std::fprintf(stderr, "kestrix-cli: %s\n", error.c_str());
+    if (json_) {
+      Doc d = Doc::Object();
+      d.Add("error", Doc::Text(error));
+      if (result) d.Add("result", Doc::Int(*result)).Add("resultName", Doc::Text(ResultName(*result)));
+      Print(d, jsonTo);
+    }
+    return status;
+  }
 
-std::string Hex(const std::array<uint8_t, FS_COOKIE_SIZE>& cookie) {
-  return kestrix::client::ToHex(cookie.data(), cookie.size());
-}
+  // No reply, or a reply of another kind than asked for.
+  int NoAnswer() {
+    return Failure(client().replied() ? kExitErrorResult : kExitNoReply, client().error());
+  }
 
-int PrintVolume(const Bytes& reply) {
-  std::optional<kestrix::client::GetVolumeInfo> v = kestrix::client::ParseGetVolumeReply(reply);
-  if (!v) return PrintBare(reply, "volume description");
-  PrintResult("result", v->result);
-  std::printf("revision %d\n", v->header.revision);
-  std::printf("length %u\n", v->header.length);
-  if (v->header.result != 0) std::printf("header result %d\n", v->header.result);
-  std::printf("msgLen %d\n", v->msgLen);
-  std::printf("vendorStatus %d\n", v->vendorStatus);
-  std::printf("FStype %d\n", v->fsType);
-  std::printf("GlomType %d\n", v->glomType);
-  std::printf("GlomInfo %d\n", v->glomInfo);
-  std::printf("BlockSize %d\n", v->blockSize);
-  std::printf("nDisks %u\n", v->nDisks);
-  std::printf("cookie %s\n", Hex(v->cookie).c_str());
-  if (v->vendorStatus != 0) {
-    std::printf("error %s\n", v->errorText.c_str());
+  static int ExitFor(int32_t result) {
+    return result == 0 || result == 1 ? kExitOk : kExitErrorResult;
+  }
+
+  int GetVolume() {
+    std::optional<GetVolumeInfo> v = client().GetVolume(args_.words[1]);
+    if (!v) return NoAnswer();
+    Print(VolumeDoc(*v));
     return ExitFor(v->result);
   }
-  for (size_t i = 0; i < v->disks.size(); ++i) {
-    const kestrix::client::VolumeDisk& d = v->disks[i];
-    size_t idBytes = d.idLength < d.diskId.size() ? d.idLength : d.diskId.size();
-    std::printf("disk %zu DiskID %s IDlength %u IDoffset %" PRId64 " BlockOffset %" PRId64
-                " nBlocks %" PRId64 "\n",
-                i, kestrix::client::ToHex(d.diskId.data(), idBytes).c_str(), d.idLength,
-                d.idOffset, d.blockOffset, d.nBlocks);
-  }
-  if (v->disksTruncated)
-    std::printf("(%zu of %u disks in the reply)\n", v->disks.size(), v->nDisks);
-  return ExitFor(v->result);
-}
 
-int PrintMap(const Bytes& reply) {
-  std::optional<kestrix::client::MapReply> m = kestrix::client::ParseMapReply(reply);
-  if (!m) return PrintBare(reply, "map");
-  PrintResult("result", m->result);
-  if (ExitFor(m->result) != kExitReply) {
-    std::printf("length %u\n", m->header.length);  // whatever else it holds is not a map
-    return kExitErrorResult;
-  }
-  const bool initial = m->header.functionCode == -SP_FUNC_GETINITIALMAP;
-  if (initial) std::printf("key 0x%x\n", m->key);
-  std::printf("lease %u ms\n", m->lease);
-  if (initial) {
-    std::printf("fileCookie %s\n", Hex(m->fileCookie).c_str());
-    std::printf("volumeCookie %s\n", Hex(m->volumeCookie).c_str());
-  }
-  std::printf("length %u\n", m->header.length);
-  if (!m->hasMap) return ExitFor(m->result);
-  const kestrix::client::FileMap& f = m->map;
-  std::printf("fileSize %" PRId64 " allocation %" PRId64 " fileOffset %" PRId64
-              " fileBytes %" PRId64 "\n",
-              f.fileSize, f.allocation, f.fileOffset, f.fileBytes);
-  std::printf("nExtents %d extentType %u vendorStatus %d msgLen %d\n", f.nExtents, f.extentType,
-              f.vendorStatus, f.msgLen);
-  if (!f.extents.empty()) {
-    std::printf("%4s %20s %20s %20s  %s\n", "#", "logical", "physical", "length", "kind");
-  }
-  for (size_t i = 0; i < f.extents.size(); ++i) {
-    const kestrix::client::MapExtent& e = f.extents[i];
-    std::string logical = e.logical < 0 ? "-" : std::to_string(e.logical);
-    std::printf("%4zu %20s %20" PRId64 " %20" PRId64 "  %s\n", i, logical.c_str(), e.physical,
-                e.length, e.kind.c_str());
-  }
-  if (f.extentsTruncated) {
-    std::printf("(%zu of %d extents in the reply)\n", f.extents.size(), f.nExtents);
-  }
-  if (!f.text.empty()) std::printf("text %s\n", f.text.c_str());
-  return ExitFor(m->result);
-}
-
-int PrintStatus(const Bytes& reply) {
-  std::optional<kestrix::client::StatusReply> r = kestrix::client::ParseStatusReply(reply);
-  if (!r) return PrintBare(reply, "result");
-  PrintResult("result", r->result);
-  if (r->header.functionCode == -SP_FUNC_SETSIZE) std::printf("lease %u ms\n", r->lease);
-  return ExitFor(r->result);
-}
-
-int PrintRaw(const Bytes& reply) {
-  std::optional<kestrix::client::ReplyHeader> header = kestrix::client::ParseHeader(reply);
-  if (header) PrintHeader(*header);
-  else std::printf("received %zu bytes: shorter than a header\n", reply.size());
-  return kExitReply;
-}
-
-using Printer = int (*)(const Bytes& reply);
-
-// A lease key as the daemon prints it (0x...) or in decimal.
-std::optional<uint32_t> ParseKey(const std::string& text) {
-  std::optional<long long> key = ParseNumber(text.c_str(), 0, UINT32_MAX);
-  if (!key) return std::nullopt;
-  return static_cast<uint32_t>(*key);
-}
-
-std::optional<long long> ParseSize(const std::string& text) {
-  return ParseNumber(text.c_str(), -1, INT64_MAX);
-}
-
-// open SHARE PATH [options]: the request, or nothing for a usage error.
-std::optional<Bytes> OpenRequest(const std::vector<std::string>& args) {
-  if (args.size() < 3) return std::nullopt;
-  kestrix::client::OpenOptions o;
-  for (size_t i = 3; i < args.size(); ++i) {
-    const std::string& flag = args[i];
-    std::optional<long long> n;
-    const bool valued = flag == "--size" || flag == "--alloc" || flag == "--lease";
-    if (valued && (i + 1 == args.size() ||
-                   !(n = flag == "--lease" ? ParseNumber(args[i + 1].c_str(), 0, UINT32_MAX)
-                                           : ParseSize(args[i + 1]))))
-      return std::nullopt;
-    if (valued) ++i;
-    if (flag == "--write") o.intention = 0;
-    else if (flag == "--unlocked") o.flag |= FS_M_FLAG_UNLOCKED;
-    else if (flag == "--size") o.fileSize = *n;
-    else if (flag == "--alloc") o.allocSize = *n;
-    else if (flag == "--lease") o.lease = static_cast<uint32_t>(*n);
-    else return std::nullopt;
-  }
-  return kestrix::client::MakeGetInitialMapRequest(args[1], args[2], o);
-}
-
-// The request of a lease command (map, setsize, close), or nothing.
-std::optional<Bytes> LeaseRequest(const std::vector<std::string>& args) {
-  const std::string& command = args[0];
-  std::optional<uint32_t> key = args.size() >= 2 ? ParseKey(args[1]) : std::nullopt;
-  if (!key) return std::nullopt;
-  if (command == "map" && args.size() <= 4) {
-    std::optional<long long> start = args.size() >= 3 ? ParseSize(args[2]) : 0;
-    std::optional<long long> length = args.size() == 4 ? ParseSize(args[3]) : 0;
-    if (!start || !length) return std::nullopt;
-    return kestrix::client::MakeGetExtendedMapRequest(*key, *start, *length);
-  }
-  if (command == "setsize" && args.size() == 3) {
-    std::optional<long long> size = ParseSize(args[2]);
-    if (!size) return std::nullopt;
-    return kestrix::client::MakeSetSizeRequest(*key, *size);
-  }
-  if (command == "close" && (args.size() == 2 || (args.size() == 4 && args[2] == "--size"))) {
-    std::optional<long long> size = args.size() == 4 ? ParseSize(args[3]) : -1;
-    if (!size) return std::nullopt;
-    return kestrix::client::MakeCloseRequest(*key, *size);
-  }
-  return std::nullopt;
-}
-
-// "log LEVEL [DESTINATION]": the pieces joined by '|', so that a destination
-// may hold blanks; a '|' of their own would split the command elsewhere.
-std::optional<Bytes> LogCommandRequest(const std::vector<std::string>& args) {
-  std::string text = "LOG";
-  for (size_t i = 1; i < args.size(); ++i) {
-    if (args[i].find('|') != std::string::npos) return std::nullopt;
-    text += "|" + args[i];
-  }
-  return kestrix::client::MakeStringCommandRequest(text);
-}
-
-int PrintCommandResult(const Bytes& reply) {
-  std::optional<kestrix::client::ReplyHeader> h = kestrix::client::ParseHeader(reply);
-  if (!h || h->result != 0 || h->functionCode != -SP_FUNC_SENDSTRINGCMD ||
-      reply.size() < sizeof(SendStringCmdReply))
-    return PrintBare(reply, "string command reply");
-  uint32_t raw = kestrix::client::Read<uint32_t>(reply, offsetof(SendStringCmdReply, result));
-  auto result = static_cast<int32_t>(h->swapped ? __builtin_bswap32(raw) : raw);
-  PrintResult("result", result);
-  return ExitFor(result);
-}
-
-struct Options {
-  std::string host = "127.0.0.1";
-  uint16_t port = kDefaultPort;
-  int timeoutMs = kDefaultTimeoutMs;
-};
-
-uint16_t PortFromEnvironment() {
-  std::optional<long long> port = ParseNumber(std::getenv("KESTRIX_PORT"), 1, 65535);
-  return port ? static_cast<uint16_t>(*port) : kDefaultPort;
-}
-
-int Run(int argc, char** argv) {
-  Options options;
-  options.port = PortFromEnvironment();
-  int opt;
-  opterr = 0;
-  while ((opt = getopt(argc, argv, "+h:p:t:")) != -1) {
-    std::optional<long long> n;
-    switch (opt) {
-      case 'h':
-        options.host = optarg;
-        break;
-      case 'p':
-        if (!(n = ParseNumber(optarg, 1, 65535))) {
-          std::fprintf(stderr, "kestrix-cli: bad port '%s'\n", optarg);
-          return kExitUsage;
-        }
-        options.port = static_cast<uint16_t>(*n);
-        break;
-      case 't':
-        if (!(n = ParseNumber(optarg, 0, 3600000))) {
-          std::fprintf(stderr, "kestrix-cli: bad timeout '%s'\n", optarg);
-          return kExitUsage;
-        }
-        options.timeoutMs = static_cast<int>(*n);
-        break;
-      default:
-        Usage();
-        return kExitUsage;
-    }
-  }
-  std::vector<std::string> args(argv + optind, argv + argc);
-  if (args.empty()) {
-    Usage();
-    return kExitUsage;
-  }
-
-  std::optional<Bytes> request;
-  const std::string& command = args[0];
-  Printer print = PrintVolume;
-  if (command == "open") {
-    request = OpenRequest(args);
-    print = PrintMap;
-  } else if (command == "map" || command == "setsize" || command == "close") {
-    request = LeaseRequest(args);
-    print = command == "map" ? PrintMap : PrintStatus;
-  } else if (command == "getvolume" && args.size() == 2) {
-    request = kestrix::client::MakeGetVolumeRequest(args[1]);
-  } else if (command == "getvolume-cookie" && args.size() == 2) {
-    std::optional<Bytes> cookie = kestrix::client::ParseHex(args[1], FS_COOKIE_SIZE);
-    if (!cookie) {
-      std::fprintf(stderr, "kestrix-cli: bad cookie '%s' (hex, at most 32 bytes)\n",
-                   args[1].c_str());
-      return kExitUsage;
-    }
+  int GetVolumeByCookie() {
+    std::optional<Bytes> cookie = ParseHex(args_.words[1], FS_COOKIE_SIZE);
+    if (!cookie) return UsageError("bad cookie '" + args_.words[1] + "' (hex, at most 32 bytes)");
     cookie->resize(FS_COOKIE_SIZE, 0);
-    request = kestrix::client::MakeGetVolumeRequest("", cookie->data());
-  } else if (command == "raw" && (args.size() == 2 || args.size() == 3)) {
-    std::optional<long long> code = ParseNumber(args[1].c_str(), INT32_MIN, INT32_MAX);
-    std::optional<long long> length =
-        args.size() == 3 ? ParseNumber(args[2].c_str(), 0, UINT32_MAX) : LAN_HEADER_SIZE;
-    if (!code || !length) {
-      std::fprintf(stderr, "kestrix-cli: raw needs a numeric CODE and LENGTH\n");
-      return kExitUsage;
-    }
-    request = kestrix::client::MakeRequest(static_cast<int32_t>(*code), LAN_HEADER_SIZE);
-    kestrix::client::HeaderOf(*request)->length = static_cast<uint32_t>(*length);
-    print = PrintRaw;
-  } else if (command == "log" && (args.size() == 2 || args.size() == 3)) {
-    std::optional<Bytes> logRequest = LogCommandRequest(args);
-    if (!logRequest) {
-      std::fprintf(stderr, "kestrix-cli: LEVEL and DESTINATION cannot hold '|'\n");
-      return kExitUsage;
-    }
-    request = logRequest;
-    print = PrintCommandResult;
-  } else if (command == "cmd" && args.size() == 2) {
-    request = kestrix::client::MakeStringCommandRequest(args[1]);
-    print = PrintCommandResult;
-  }
-  if (!request) {
-    Usage();
-    return kExitUsage;
+    std::optional<GetVolumeInfo> v = client().GetVolumeByCookie(cookie->data());
+    if (!v) return NoAnswer();
+    Print(VolumeDoc(*v));
+    return ExitFor(v->result);
   }
 
-  std::optional<std::string> address = ResolveIPv4(options.host);
-  if (!address) {
-    std::fprintf(stderr, "kestrix-cli: unknown host '%s'\n", options.host.c_str());
-    return kExitUsage;
+  int Open() {
+    OpenOptions o;
+    std::optional<long long> n;
+    if (args_.Has("write")) o.intention = 0;
+    if (args_.Has("unlocked")) o.flag |= FS_M_FLAG_UNLOCKED;
+    if (args_.Has("size") && !(n = Number(args_.Get("size"), -1, INT64_MAX)))
+      return UsageError("bad --size '" + args_.Get("size") + "'");
+    if (args_.Has("size")) o.fileSize = *n;
+    if (args_.Has("alloc") && !(n = Number(args_.Get("alloc"), -1, INT64_MAX)))
+      return UsageError("bad --alloc '" + args_.Get("alloc") + "'");
+    if (args_.Has("alloc")) o.allocSize = *n;
+    if (args_.Has("lease") && !(n = Number(args_.Get("lease"), 0, UINT32_MAX)))
+      return UsageError("bad --lease '" + args_.Get("lease") + "'");
+    if (args_.Has("lease")) o.lease = static_cast<uint32_t>(*n);
+    std::optional<MapReply> m = client().Open(args_.words[1], args_.words[2], o);
+    if (!m) return NoAnswer();
+    Print(MapDoc(*m));
+    return ExitFor(m->result);
   }
-  kestrix::client::Endpoint endpoint(*address, options.port);
-  if (!endpoint.ok()) {
-    std::fprintf(stderr, "kestrix-cli: cannot open a UDP socket\n");
-    return kExitNoReply;
+
+  // map, setsize and close: a lease key and numbers.
+  int Lease() {
+    const std::string& command = args_.words[0];
+    std::optional<long long> key = Number(args_.words[1], 0, UINT32_MAX);
+    if (!key) return UsageError("bad key '" + args_.words[1] + "'");
+    std::vector<long long> numbers;
+    for (size_t i = 2; i < args_.words.size(); ++i) {
+      std::optional<long long> n = Number(args_.words[i], -1, INT64_MAX);
+      if (!n) return UsageError("bad number '" + args_.words[i] + "'");
+      numbers.push_back(*n);
+    }
+    std::optional<long long> lease = args_.Has("lease") ? Number(args_.Get("lease"), 0, UINT32_MAX) : 0;
+    std::optional<long long> size = args_.Has("size") ? Number(args_.Get("size"), -1, INT64_MAX) : -1;
+    if (!lease || !size) return UsageError("bad --lease or --size");
+    const auto k = static_cast<uint32_t>(*key);
+    if (command == "map") {
+      std::optional<MapReply> m = client().ExtendedMap(k, numbers.size() > 0 ? numbers[0] : 0,
+                                                       numbers.size() > 1 ? numbers[1] : 0,
+                                                       static_cast<uint32_t>(*lease));
+      if (!m) return NoAnswer();
+      Print(MapDoc(*m));
+      return ExitFor(m->result);
+    }
+    std::optional<StatusReply> s = command == "setsize"
+                                       ? client().SetSize(k, numbers[0], static_cast<uint32_t>(*lease))
+                                       : client().Close(k, *size);
+    if (!s) return NoAnswer();
+    Print(StatusDoc(*s));
+    return ExitFor(s->result);
   }
-  StampMessageId(*request);
-  std::optional<Bytes> reply = endpoint.Transact(*request, options.timeoutMs);
-  if (!reply) {
-    std::fprintf(stderr, "kestrix-cli: no reply from %s:%u within %d ms\n", address->c_str(),
-                 static_cast<unsigned>(options.port), options.timeoutMs);
-    return kExitNoReply;
+
+  int Raw() {
+    std::optional<long long> code = Number(args_.words[1], INT32_MIN, INT32_MAX);
+    std::optional<long long> length =
+        args_.words.size() == 3 ? Number(args_.words[2], 0, UINT32_MAX) : LAN_HEADER_SIZE;
+    if (!code || !length) return UsageError("raw needs a numeric CODE and LENGTH");
+    Bytes request = MakeRequest(static_cast<int32_t>(*code), LAN_HEADER_SIZE);
+    HeaderOf(request)->length = static_cast<uint32_t>(*length);
+    std::optional<Bytes> reply = client().Call(request);
+    if (!reply) return NoAnswer();
+    std::optional<ReplyHeader> h = ParseHeader(*reply);
+    if (!h) return Failure(kExitErrorResult, "a reply of " + std::to_string(reply->size()) +
+                                                 " bytes, shorter than a header");
+    Print(HeaderDoc(*h));
+    return kExitOk;  // any header is an answer here
   }
-  return print(*reply);
-}
+
+  // "log LEVEL [DESTINATION]": the pieces joined by '|', so that a
+  // destination may hold blanks.
+  int Log() {
+    std::string text = "LOG";
+    for (size_t i = 1; i < args_.words.size(); ++i) {
+      if (args_.words[i].find('|') != std::string::npos)
+        return UsageError("LEVEL and DESTINATION cannot hold '|'");
+      text += "|" + args_.words[i];
+    }
+    return StringCommand(text);
+  }
+
+  int StringCommand(const std::string& text) {
+    std::optional<int32_t> result = client().Command(text);
+    if (!result) return NoAnswer();
+    Print(Doc::Object().Add("result", ResultDoc(*result)).AddJsonOnly("resultName", Doc::Text(ResultName(*result))));
+    return ExitFor(*result);
+  }
+
+  TransferOptions Transfer(const char* verb) {
+    TransferOptions t;
+    for (auto [it, end] = args_.options.equal_range("disk"); it != end; ++it)
+      t.disks.push_back(it->second);
+    if (isatty(STDERR_FILENO)) {
+      t.progress = [verb, last = std::chrono::steady_clock::time_point{}](int64_t done,
+                                                                         int64_t total) mutable {
+        auto now = std::chrono::steady_clock::now();
+        if (total < kProgressFrom || (done < total && now - last < std::chrono::milliseconds(200)))
+          return;
+        last = now;
+        std::fprintf(stderr, "\r%s %s of %s (%d%%)   ", verb, ShortSize(done).c_str(),
+                     ShortSize(total).c_str(), static_cast<int>(done * 100 / total));
+        if (done == total) std::fputc('\n', stderr);
+      };
+    }
+    return t;
+  }
+
+  int Finish(const char* command, const TransferReport& r, FILE* summaryTo) {
+    switch (r.failure) {
+      case TransferReport::kNone: break;
+      case TransferReport::kNoReply: return Failure(kExitNoReply, r.error, {}, summaryTo);
+      case TransferReport::kResult: return Failure(kExitErrorResult, r.error, r.result, summaryTo);
+      case TransferReport::kLocal: return Failure(kExitLocal, r.error, {}, summaryTo);
+    }
+    Print(TransferDoc(command, r), summaryTo);
+    return kExitOk;
+  }
+
+  int Read() {
+    const std::string output = args_.Get("output");
+    int fd = STDOUT_FILENO;
+    if (!output.empty() && (fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) < 0)
+      return Failure(kExitLocal, "cannot create " + output + ": " + std::strerror(errno));
+    TransferReport r = ReadFileData(client(), args_.words[1], args_.words[2], Transfer("read"), fd);
+    if (!output.empty()) {
+      if (close(fd) != 0 && r.ok()) {
+        r.failure = TransferReport::kLocal;
+        r.error = "writing " + output + ": " + std::strerror(errno);
+      }
+      if (!r.ok()) unlink(output.c_str());  // no half-read file is left behind
+    }
+    // With the data on standard output the summary goes to standard error,
+    // and a person sees none.
+    if (output.empty() && !json_ && r.ok()) return kExitOk;
+    return Finish("read", r, output.empty() ? stderr : stdout);
+  }
+
+  int Write() {
+    const std::string input = args_.Get("input");
+    int fd = input.empty() ? STDIN_FILENO : open(input.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return Failure(kExitLocal, "cannot open " + input + ": " + std::strerror(errno));
+    std::string data;
+    char buffer[1 << 16];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
+      if (n > 0) data.append(buffer, static_cast<size_t>(n));
+    const int err = errno;
+    if (fd != STDIN_FILENO) close(fd);
+    if (n < 0) return Failure(kExitLocal, "reading the input: " + std::string(std::strerror(err)));
+    TransferReport r = WriteFileData(client(), args_.words[1], args_.words[2], Transfer("written"), data);
+    return Finish("write", r, stdout);
+  }
+
+  Args args_;
+  bool json_;
+  ClientOptions client_options_;
+  std::unique_ptr<Client> client_;
+};
 
 }  // namespace
 
-int main(int argc, char** argv) { return Run(argc, argv); }
+int main(int argc, char** argv) {
+  std::string why;
+  std::optional<Args> args = Split(argc, argv, &why);
+  if (!args) return UsageError(why);
+  return Cli(std::move(*args)).Run();
+}

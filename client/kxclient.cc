@@ -299,13 +299,15 @@ void ReadExtents(const FieldReader& r, const Bytes& reply, size_t base, FileMap&
     } else if (m.extentType == FS_EXTENT_SIMPLE) {
       e.physical = r.Get<int64_t>(at + offsetof(SimpleExtent, VolSliceBlock));
       e.length = r.Get<int64_t>(at + offsetof(SimpleExtent, NBlocks));
+      e.volumeOrdinal = static_cast<uint32_t>(r.Get<int64_t>(at + offsetof(SimpleExtent, VolOrd)));
       e.kind = "blocks vol " + std::to_string(r.Get<int64_t>(at + offsetof(SimpleExtent, VolOrd)));
     } else {
       e.logical = r.Get<int64_t>(at + offsetof(VerboseExtent, LogicalByteAddr));
       e.physical = r.Get<int64_t>(at + offsetof(VerboseExtent, PhysicalByteAddr));
       e.length = r.Get<int64_t>(at + offsetof(VerboseExtent, nBytes));
-      e.kind = "bytes vol " + std::to_string(r.Get<uint32_t>(at + offsetof(VerboseExtent, VolumeOrdinal))) +
-               " valid " + std::to_string(r.Get<uint32_t>(at + offsetof(VerboseExtent, validity)));
+      e.volumeOrdinal = r.Get<uint32_t>(at + offsetof(VerboseExtent, VolumeOrdinal));
+      e.validity = r.Get<uint32_t>(at + offsetof(VerboseExtent, validity));
+      e.kind = "bytes vol " + std::to_string(e.volumeOrdinal) + " valid " + std::to_string(e.validity);
     }
     m.extents.push_back(e);
   }

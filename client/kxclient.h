@@ -140,6 +140,8 @@ struct MapExtent {
   int64_t physical = 0;
   int64_t length = 0;
   std::string kind;  // "bytes vol N valid V", "blocks" or "blocks vol N"
+  uint32_t volumeOrdinal = 0;  // verbose and simple extents: the disk's index
+  uint32_t validity = 0;       // verbose extents: an FS_VALIDITY_* value
 };
 
 struct FileMap {

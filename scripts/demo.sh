@@ -1,39 +1,118 @@
 #!/usr/bin/env bash
-# Runs kestrixd in the foreground with the testfs plug-in and demo data,
-# logging to the screen. Usage: scripts/demo.sh [BUILD_DIR] [extra kestrixd options]
-set -euo pipefail
+# make run: kestrixd in the foreground with the localfs plug-in, serving the
+# share "demo" on a small ext4 image (loop-mounted) with a few sample files,
+# logging to the screen. Ctrl-C stops the daemon, unmounts the image and
+# detaches its loop device.
+# Usage: scripts/demo.sh [BUILD_DIR] [extra kestrixd options]
+set -uo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
-build="${1:-$root/build}"
+build="$(cd "${1:-$root/build}" && pwd)" || exit 1
 shift || true
-build="$(cd "$build" && pwd)"
 
-plugin="$build/tests/plugins/lib/libtestfs.so"
-if [ ! -f "$plugin" ]; then
-  echo "demo: $plugin not found; build with 'make build' first" >&2
-  exit 1
-fi
+say() { echo "demo: $*" >&2; }
+for f in kestrixd plugins/localfs.so client/kestrix-cli; do
+  [ -e "$build/$f" ] || { say "$build/$f is missing; build it first (make run does)"; exit 1; }
+done
 
 demo="$build/demo"
-rm -rf "$demo"
-mkdir -p "$demo/lib" "$demo/steer"
-cp "$plugin" "$demo/lib/libdemofs.so"
-cp "$root/scripts/demo/demofs.conf" "$demo/steer/libdemofs.so.conf"
-
-export KESTRIX_LIBDIR="$demo/lib"
-export KESTRIX_TESTFS_DIR="$demo/steer"
-export KESTRIX_SMBPATH="$root/scripts/demo/smb.conf"
+image="$demo/ext4.img"
+mnt="$demo/mnt"
 port="${KESTRIX_PORT:-5501}"
+loopdev="" mounted="" daemon=""
 
+cleanup() {
+  trap '' INT TERM  # a second Ctrl-C must not cut the clean-up short
+  if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null; fi
+  if [ -n "$mounted" ]; then
+    umount "$mnt" 2>/dev/null || umount -l "$mnt" || say "could not unmount $mnt"
+  fi
+  if [ -n "$loopdev" ]; then losetup -d "$loopdev" || say "could not detach $loopdev"; fi
+  [ -n "$mounted$loopdev" ] && say "stopped; $mnt unmounted${loopdev:+, $loopdev detached}"
+}
+trap cleanup EXIT
+trap 'exit 0' INT TERM
+
+# Where the share lives: the image when it can be mounted, else a directory
+# of the build's own filesystem when that is ext4 or XFS.
+why=""
+# Leftovers of a run that could not clean up (killed with SIGKILL).
+if mount | grep -q " $mnt "; then umount -l "$mnt"; fi
+if [ -e "$image" ] && command -v losetup >/dev/null; then
+  losetup -j "$image" | cut -d: -f1 | while read -r old; do losetup -d "$old"; done
+fi
+rm -rf "$demo"
+mkdir -p "$demo/lib" "$mnt"
+if [ "$(id -u)" != 0 ]; then why="not running as root"
+elif ! command -v mkfs.ext4 >/dev/null && [ ! -x /sbin/mkfs.ext4 ]; then why="mkfs.ext4 is not installed"
+elif ! truncate -s 64M "$image" || ! PATH="$PATH:/sbin:/usr/sbin" mkfs.ext4 -q -F -b 4096 "$image"; then
+  why="mkfs.ext4 failed"
+elif ! loopdev="$(losetup --find --show "$image" 2>&1)"; then why="no loop device: $loopdev"; loopdev=""
+elif ! mount -t ext4 "$loopdev" "$mnt"; then why="mounting $loopdev failed"
+else mounted=1
+fi
+if [ -n "$mounted" ]; then
+  share="$mnt/share"
+  disk="$loopdev"
+else
+  say "cannot loop-mount an ext4 image: $why"
+  type="$(stat -f -c %T "$demo")"
+  case "$type" in
+    ext2/ext3|xfs) ;;
+    *) say "and $demo lies on $type, not on ext4 or XFS: nothing to serve"; exit 1 ;;
+  esac
+  [ -n "$loopdev" ] && { losetup -d "$loopdev"; loopdev=""; }
+  share="$demo/share"
+  disk="$(df --output=source "$demo" | tail -n 1)"
+  say "serving $share on $disk instead (localfs needs root to read it)"
+fi
+mkdir -p "$share"
+
+# Sample files: text, one fragmented by interleaved synced writes with a
+# second file, one sparse (data, an 8 MiB hole, data), one preallocated.
+printf 'Hello from the shared disk.\nThis text was read straight from the block device.\n' \
+  >"$share/hello.txt"
+for i in $(seq 0 15); do
+  for f in fragmented.bin filler.bin; do
+    yes "$f block $i" | head -c 65536 |
+      dd of="$share/$f" bs=65536 seek="$i" conv=notrunc,fsync status=none
+  done
+done
+echo "start of sparse.bin" | dd of="$share/sparse.bin" conv=notrunc,fsync status=none
+echo "end of sparse.bin" | dd of="$share/sparse.bin" bs=1M seek=8 conv=notrunc,fsync status=none
+fallocate -l 1M "$share/preallocated.bin" 2>/dev/null || true
+sync
+
+cat >"$demo/smb.conf" <<CONF
+# Demo Samba configuration: share "demo" is the sample directory.
+[demo]
+   path = $share
+CONF
+printf '# Directories localfs serves\n%s\n' "$share" >"$demo/localfs.conf"
+ln -s "$build/plugins/localfs.so" "$demo/lib/localfs.so"
+export KESTRIX_LIBDIR="$demo/lib" KESTRIX_SMBPATH="$demo/smb.conf"
+export KESTRIX_LOCALFS_CONF="$demo/localfs.conf"
+
+cli="$build/client/kestrix-cli"
+[ "$port" != 5501 ] && cli="$cli -p $port"
 cat <<MSG
-kestrixd demo on UDP port $port (Ctrl-C stops it)
-  plug-in:  $KESTRIX_LIBDIR/libdemofs.so  (calls recorded in $demo/steer/libdemofs.so.calls)
-  shares:   data -> /export/data, projects -> /export/projects  ($KESTRIX_SMBPATH)
-  try:      cli="$build/client/kestrix-cli -p $port"
-            \$cli getvolume data
-            \$cli open data report.txt --write      # prints the lease key, e.g. 0x0
-            \$cli map 0x0 65536                     # the map from byte 65536 on
-            \$cli setsize 0x0 100000
-            \$cli close 0x0                         # the map is unlocked
-  files:    /export/data/report.txt, /export/projects/plan.txt
+kestrixd demo on UDP port $port, serving share "demo" = $share on $disk
+Sample files: hello.txt, fragmented.bin (1 MiB), sparse.bin (8 MiB, mostly hole),
+preallocated.bin (1 MiB, allocated but unwritten), filler.bin.
+In a second terminal try:
+  $cli getvolume demo
+  $cli open demo fragmented.bin            # lease key, cookies and the extent table
+  $cli close 0x0
+  $cli read demo hello.txt --disk $disk
+  $cli read demo sparse.bin --disk $disk -o /tmp/sparse.bin
+  echo "new text, written on the disk" | $cli write demo hello.txt --disk $disk
+  cat $share/hello.txt
+  $cli --json getvolume demo              # any command: --json for scripts
+Ctrl-C stops the daemon and unmounts the image.
 MSG
-exec "$build/kestrixd" -d -f SCREEN -l 4 "$@"
+"$build/kestrixd" -d -f SCREEN -l 4 "$@" &
+daemon=$!
+wait "$daemon"
+status=$?
+daemon=""
+[ "$status" -gt 128 ] && exit 0  # stopped by a signal: the Ctrl-C path
+exit "$status"

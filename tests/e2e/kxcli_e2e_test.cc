@@ -1,39 +1,125 @@
-// kestrix-cli against the real daemon: each command's reply printed by name,
-// and the exit status a script sees.
+// kestrix-cli and the client library against the real daemon: every
+// command's JSON document in both byte orders, exit statuses, and a retry
+// after a lost reply that does not run the request twice.
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <thread>
+
+#include "client/kxsession.h"
 #include "e2e/e2e_util.h"
+#include "support/flat_json.h"
 
 namespace kestrix::test {
 namespace {
 
+using Json = std::map<std::string, std::string>;
+
 class KxCliE2E : public MapE2E {
  protected:
-  // The exit status and what the command printed.
-  std::pair<int, std::string> Cli(std::vector<std::string> args) {
-    args.insert(args.begin(), {"-p", std::to_string(daemon_.port())});
+  std::pair<int, Json> Cli(std::vector<std::string> args) {
+    args.insert(args.begin(), {"--json", "-p", std::to_string(daemon_.port())});
     RunResult r = RunToExit(KESTRIX_CLI, args, {});
-    return {r.exitStatus, r.standardOutput + r.standardError};
-  }
-  bool Printed(const std::vector<std::string>& args, int status, const std::string& text) {
-    auto [exitStatus, out] = Cli(args);
-    EXPECT_EQ(exitStatus, status) << out;
-    return out.find(text) != std::string::npos;
+    return {r.exitStatus, FlatJson::Parse(r.standardOutput)};
   }
 };
 
-TEST_F(KxCliE2E, EachCommandPrintsItsReply) {
+TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
   Serve("volume /export/data vol-a\nfile /export/data/f vol-a file-f\nmap.extentType 1\nmap.nExtents 2\n");
   Start();
-  EXPECT_TRUE(Printed({"getvolume", "data"}, 0, "nDisks 1\n"));
-  EXPECT_TRUE(Printed({"getvolume", "nosuch"}, 3, "result 3 ("));
-  EXPECT_TRUE(Printed({"open", "data", "f", "--write", "--size", "100"}, 0, "key 0x0\n"));
-  EXPECT_TRUE(Printed({"map", "0x0", "65536"}, 0, "nExtents 2 extentType 1"));
-  EXPECT_TRUE(Printed({"setsize", "0x0", "100000"}, 0, "lease "));
-  EXPECT_TRUE(Printed({"close", "0x0"}, 0, "result 0 ("));
-  EXPECT_TRUE(Printed({"close", "0x0"}, 3, "result 407 ("));
-  EXPECT_TRUE(Printed({"raw", "9"}, 0, "result 8 ("));
-  EXPECT_TRUE(Printed({"log", "4", "SCREEN"}, 0, "result 0 ("));
-  EXPECT_TRUE(Printed({"getvolume-cookie", "zz"}, 1, "bad cookie"));
-  EXPECT_EQ(MapCalls(Fs("liba.so")), "map 0 -1 0|size 100 -1|map 65536 -1 0|size 100000 -1|unlock|");
+  const std::vector<std::pair<std::vector<std::string>, int>> commands = {
+      {{"getvolume", "data"}, 0},
+      {{"getvolume", "nosuch"}, 3},
+      {{"getvolume-cookie", "766f6c2d61"}, 0},  // "vol-a"
+      {{"open", "data", "f", "--write", "--size", "100"}, 0},
+      {{"--lease", "5000", "map", "0x0", "65536"}, 0},
+      {{"setsize", "0x0", "100000"}, 0},
+      {{"close", "0x0"}, 0},
+      {{"close", "0x0"}, 3},
+      {{"raw", "9"}, 0},
+      {{"log", "4", "SCREEN"}, 0},
+      {{"cmd", "HELLO"}, 0}};
+  std::vector<Json> docs[2];
+  for (int swapped : {0, 1}) {
+    if (swapped) Restart();  // lease keys count from 0 again
+    Fs("liba.so").ClearCalls();
+    for (auto [args, status] : commands) {
+      if (swapped) args.push_back("--swapped");
+      auto [exitStatus, json] = Cli(args);
+      EXPECT_EQ(exitStatus, status) << args[0] << " " << swapped;
+      EXPECT_FALSE(json.empty()) << args[0];
+      json.erase("messageID");
+      docs[swapped].push_back(json);
+    }
+    EXPECT_EQ(MapCalls(Fs("liba.so")), "map 0 -1 0|size 100 -1|map 65536 -1 0|size 100000 -1|unlock|");
+  }
+  EXPECT_EQ(docs[0], docs[1]);
+  std::vector<Json>& d = docs[0];
+  EXPECT_EQ(std::tuple(d[0]["nDisks"], d[0]["disks.0.IDlength"], d[0]["disks.0.nBlocks"]),
+            std::tuple("1", "16", "100000"));
+  EXPECT_EQ(d[1]["result"], "3");
+  EXPECT_EQ(d[2]["cookie"].substr(0, 10), "766f6c2d61");
+  EXPECT_EQ(std::tuple(d[3]["key"], d[3]["extents.1.logical"], d[3]["extents.1.kind"]),
+            std::tuple("0", "65536", "data"));
+  EXPECT_EQ(std::tuple(d[4]["result"], d[4]["lease"], d[4]["nExtents"]), std::tuple("0", "5000", "2"));
+  EXPECT_EQ(std::tuple(d[7]["result"], d[7]["resultName"]), std::tuple("407", "no lease with that key"));
+  EXPECT_EQ(std::tuple(d[8]["result"], d[8]["functionCode"]), std::tuple("8", "-9"));
+
+  // No daemon, and usage errors.
+  RunResult none = RunToExit(KESTRIX_CLI, {"getvolume", "data", "--json", "-p", std::to_string(FreeUdpPort()),
+                                           "-t", "100", "-r", "1"}, {});
+  EXPECT_EQ(none.exitStatus, 2);
+  EXPECT_NE(FlatJson::Parse(none.standardOutput)["error"].find("after 2 attempts"), std::string::npos);
+  EXPECT_EQ(Cli({"getvolume"}).first, 1);
+  EXPECT_EQ(Cli({"open", "data", "f", "--disk", "/dev/null"}).first, 1);
+}
+
+// Through a relay that forwards datagrams both ways but loses the first reply.
+TEST_F(KxCliE2E, ARetryAfterALostReplyGetsTheStoredReply) {
+  Serve("volume /export/data vol-a\nfile /export/data/f vol-a file-f\n");
+  Start();
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in relay{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}}, client{}, from{};
+  const sockaddr_in daemon{AF_INET, htons(daemon_.port()), {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t n = sizeof relay;
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&relay), n), 0);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&relay), &n);
+  std::atomic<bool> stop{false};
+  std::vector<Bytes> requests;  // read after the join
+  std::thread forward([&] {
+    for (bool dropped = false; !stop;) {
+      pollfd p{fd, POLLIN, 0};
+      Bytes b(65536);
+      socklen_t len = sizeof from;
+      ssize_t got = poll(&p, 1, 50) > 0 ? recvfrom(fd, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&from), &len) : -1;
+      if (got < 0) continue;
+      b.resize(static_cast<size_t>(got));
+      const bool reply = from.sin_port == daemon.sin_port;
+      if (!reply) client = from, requests.push_back(b);
+      if (reply && !dropped) {
+        dropped = true;
+        continue;
+      }
+      sendto(fd, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(reply ? &client : &daemon), sizeof from);
+    }
+  });
+  client::ClientOptions o;
+  o.port = ntohs(relay.sin_port);
+  o.timeoutMs = 1000;  // well above the handler's time, even under the sanitizers
+  client::Client c(o);
+  std::optional<client::MapReply> m = c.Open("data", "f");
+  stop = true;
+  forward.join();
+  close(fd);
+  ASSERT_TRUE(m.has_value()) << c.error();
+  EXPECT_EQ(std::tuple(m->result, c.attempts()), std::tuple(0, 2));
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0], requests[1]);  // the same message ID, flags included
+  EXPECT_EQ(client::HeaderOf(requests[1])->flags & LAN_FLAG_TRACK, 1u);
+  EXPECT_EQ(MapCalls(Fs("liba.so")), "map 0 -1 0|");  // the handler ran once
+  EXPECT_TRUE(daemon_.WaitForLog("Found duplicate message")) << daemon_.Log();
 }
 
 }  // namespace

@@ -1,0 +1,203 @@
+// Calls to one daemon: message IDs, retries with duplicate detection, the
+// other byte order, and decoding of each reply.
+#include "client/kxsession.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "spmsgs.h"
+
+namespace kestrix::client {
+
+namespace {
+
+void Reverse(Bytes& m, size_t offset, size_t width) {
+  if (offset + width <= m.size()) std::reverse(m.begin() + offset, m.begin() + offset + width);
+}
+
+void ReverseUnits(Bytes& m, size_t offset, size_t units) {
+  for (size_t i = 0; i < units; ++i) Reverse(m, offset + 2 * i, 2);
+}
+
+std::optional<std::string> ResolveIPv4(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr)
+    return std::nullopt;
+  char text[INET_ADDRSTRLEN] = {};
+  const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+  const char* ok = inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
+  freeaddrinfo(found);
+  if (ok == nullptr) return std::nullopt;
+  return std::string(text);
+}
+
+}  // namespace
+
+uint16_t DefaultPort() {
+  const char* text = std::getenv("KESTRIX_PORT");
+  if (text == nullptr || *text == '\0') return 5501;
+  char* end = nullptr;
+  long port = std::strtol(text, &end, 10);
+  return *end == '\0' && port >= 1 && port <= 65535 ? static_cast<uint16_t>(port) : 5501;
+}
+
+void SwapRequest(Bytes& m) {
+  if (m.size() < LAN_HEADER_SIZE) return;
+  const int32_t code = HeaderOf(m)->functionCode;
+  SwapHeader(m);
+  switch (code) {
+    case SP_FUNC_GETVOLUME:
+      ReverseUnits(m, offsetof(GetVolumeMsg, path), SP_PATH_UNITS);
+      break;
+    case SP_FUNC_GETINITIALMAP:
+      for (size_t at : {48, 56}) Reverse(m, at, 8);
+      for (size_t at : {64, 68, 72}) Reverse(m, at, 4);
+      ReverseUnits(m, offsetof(GetInitialMapMsg, names), SP_PATH_UNITS);
+      break;
+    case SP_FUNC_GETEXTENDEDMAP:
+      for (size_t at : {48, 56, 64, 72}) Reverse(m, at, 8);
+      for (size_t at : {80, 84, 88}) Reverse(m, at, 4);
+      break;
+    case SP_FUNC_SETSIZE:
+      Reverse(m, 48, 8);
+      for (size_t at : {56, 60}) Reverse(m, at, 4);
+      break;
+    case SP_FUNC_CLOSE:
+      Reverse(m, 48, 8);
+      Reverse(m, 56, 4);
+      break;
+    default:
+      break;
+  }
+}
+
+Client::Client(ClientOptions options) : options_(std::move(options)) {
+  std::optional<std::string> address = ResolveIPv4(options_.host);
+  if (!address) {
+    error_ = "unknown host '" + options_.host + "'";
+    return;
+  }
+  address_ = *address;
+  endpoint_ = std::make_unique<Endpoint>(address_, options_.port);
+  if (!endpoint_->ok()) {
+    error_ = "cannot open a UDP socket to " + peer() + ": " + std::strerror(errno);
+    endpoint_.reset();
+  }
+}
+
+Client::~Client() = default;
+
+std::string Client::peer() const {
+  return (address_.empty() ? options_.host : address_) + ":" + std::to_string(options_.port);
+}
+
+std::optional<Bytes> Client::Call(Bytes request) {
+  attempts_ = 0;
+  replied_ = false;
+  if (!endpoint_) return std::nullopt;  // error_ says why since construction
+  if (request.size() < LAN_HEADER_SIZE) request.resize(LAN_HEADER_SIZE, 0);
+  // A message ID that differs between processes and between calls.
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const uint32_t id[4] = {static_cast<uint32_t>(now.tv_sec), static_cast<uint32_t>(now.tv_nsec),
+                          static_cast<uint32_t>(getpid()), ++sequence_};
+  std::memcpy(HeaderOf(request)->messageID, id, sizeof id);
+  HeaderOf(request)->flags |= LAN_FLAG_TRACK;
+  if (options_.swapped) SwapRequest(request);
+
+  using Clock = std::chrono::steady_clock;
+  const int tries = 1 + std::max(0, options_.retries);
+  for (attempts_ = 1; attempts_ <= tries; ++attempts_) {
+    if (!endpoint_->Send(request)) {
+      error_ = "cannot send to " + peer() + ": " + std::strerror(errno);
+      return std::nullopt;
+    }
+    // Datagrams of other calls (a late reply to an earlier ID) are skipped.
+    const auto deadline = Clock::now() + std::chrono::milliseconds(options_.timeoutMs);
+    for (;;) {
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (left.count() < 0) break;
+      std::optional<Bytes> reply = endpoint_->Receive(static_cast<int>(left.count()));
+      if (!reply) break;
+      if (reply->size() >= LAN_HEADER_SIZE &&
+          std::memcmp(reply->data() + offsetof(LanHeader, messageID), id, sizeof id) == 0) {
+        error_.clear();
+        replied_ = true;
+        return reply;
+      }
+    }
+  }
+  attempts_ = tries;
+  error_ = "no reply from " + peer() + " after " + std::to_string(tries) + " attempt" +
+           (tries == 1 ? "" : "s") + " of " + std::to_string(options_.timeoutMs) +
+           " ms (is kestrixd running on that port?)";
+  return std::nullopt;
+}
+
+template <typename T>
+std::optional<T> Client::Decoded(std::optional<Bytes> reply,
+                                 std::optional<T> (*parse)(const Bytes&)) {
+  if (!reply) return std::nullopt;
+  std::optional<T> decoded = parse(*reply);
+  if (!decoded) {
+    std::optional<ReplyHeader> h = ParseHeader(*reply);
+    error_ = h ? "unexpected reply: function code " + std::to_string(h->functionCode) +
+                     ", header result " + std::to_string(h->result) + " (" +
+                     ResultName(h->result) + "), " + std::to_string(reply->size()) + " bytes"
+               : "reply of " + std::to_string(reply->size()) + " bytes is shorter than a header";
+  }
+  return decoded;
+}
+
+std::optional<GetVolumeInfo> Client::GetVolume(const std::string& shareOrPath) {
+  return Decoded(Call(MakeGetVolumeRequest(shareOrPath)), ParseGetVolumeReply);
+}
+
+std::optional<GetVolumeInfo> Client::GetVolumeByCookie(const uint8_t* cookie) {
+  return Decoded(Call(MakeGetVolumeRequest("", cookie)), ParseGetVolumeReply);
+}
+
+std::optional<MapReply> Client::Open(const std::string& share, const std::string& file,
+                                     const OpenOptions& options) {
+  return Decoded(Call(MakeGetInitialMapRequest(share, file, options)), ParseMapReply);
+}
+
+std::optional<MapReply> Client::ExtendedMap(uint32_t key, int64_t start, int64_t length,
+                                            uint32_t lease) {
+  return Decoded(Call(MakeGetExtendedMapRequest(key, start, length, lease)), ParseMapReply);
+}
+
+std::optional<StatusReply> Client::SetSize(uint32_t key, int64_t fileSize, uint32_t lease) {
+  return Decoded(Call(MakeSetSizeRequest(key, fileSize, lease)), ParseStatusReply);
+}
+
+std::optional<StatusReply> Client::Close(uint32_t key, int64_t fileSize) {
+  return Decoded(Call(MakeCloseRequest(key, fileSize)), ParseStatusReply);
+}
+
+std::optional<int32_t> Client::Command(const std::string& text) {
+  return Decoded(Call(MakeStringCommandRequest(text)), ParseCommandReply);
+}
+
+std::optional<int32_t> ParseCommandReply(const Bytes& reply) {
+  std::optional<ReplyHeader> h = ParseHeader(reply);
+  if (!h || h->functionCode != -SP_FUNC_SENDSTRINGCMD ||
+      reply.size() < offsetof(SendStringCmdReply, zero))
+    return std::nullopt;
+  uint32_t raw = Read<uint32_t>(reply, offsetof(SendStringCmdReply, result));
+  return static_cast<int32_t>(h->swapped ? __builtin_bswap32(raw) : raw);
+}
+
+}  // namespace kestrix::client

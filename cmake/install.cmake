@@ -1,0 +1,33 @@
+# Install rules: the daemon, the client, the localfs plug-in in the directory
+# the daemon reads, its example configuration, the systemd unit, the man
+# pages, the bash completion and the Wireshark dissector. DESTDIR and the
+# prefix are honoured everywhere; the plug-in directory and /etc are fixed
+# paths because the daemon and the unit name them.
+include(GNUInstallDirs)
+
+set(KESTRIX_PLUGIN_DIR /opt/Kestrix/lib)
+set(KESTRIX_CONF_DIR /etc/kestrix)
+
+install(TARGETS kestrixd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS kestrix-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET kxbench)
+  install(TARGETS kxbench RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+install(TARGETS localfs LIBRARY DESTINATION ${KESTRIX_PLUGIN_DIR})
+
+install(FILES plugins/localfs/localfs.conf DESTINATION ${KESTRIX_CONF_DIR})
+install(FILES contrib/debian/default DESTINATION /etc/default RENAME kestrixd)
+
+# The unit names the daemon by its installed path, which is known only at
+# install time (cpack installs with its own prefix).
+install(CODE "
+  set(KESTRIX_SBIN \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+  configure_file(\"${CMAKE_SOURCE_DIR}/contrib/systemd/kestrixd.service.in\"
+                 \"${CMAKE_BINARY_DIR}/kestrixd.service\" @ONLY)")
+install(FILES ${CMAKE_BINARY_DIR}/kestrixd.service DESTINATION lib/systemd/system)
+
+install(FILES man/kestrixd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES man/kestrix-cli.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES contrib/bash-completion/kestrix-cli
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES contrib/wireshark/kestrix.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/wireshark)

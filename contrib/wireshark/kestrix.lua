@@ -1,0 +1,517 @@
+-- kestrix.lua: Wireshark dissector for the kestrixd protocol (UDP port 5501).
+--
+-- Every message starts with a 48-byte header whose first word is 1 in the
+-- writer's byte order; each message is decoded in its own order. Requests
+-- carry function codes 1..99, replies the negated code. Decoded here: every
+-- request and reply body of GetVolume (1), GetInitialMap (2),
+-- GetExtendedMap (3), SetSize (4), Close (5) and SendStringCmd (7), the
+-- volume description with its disks, the file map with its extents, FSUNI
+-- (UTF-16) texts, result codes by name, and each reply paired with its
+-- request (same client, message ID and function code).
+--
+-- Load it with  wireshark -X lua_script:kestrix.lua  (or tshark), or copy it
+-- into ~/.local/lib/wireshark/plugins/. Another port: the preference
+-- kestrix.port (tshark -o kestrix.port:5600) or Decode As.
+
+local kx = Proto("kestrix", "Kestrix metadata protocol")
+
+local HEADER_SIZE = 48
+
+local function_names = {
+  [1] = "GetVolume", [2] = "GetInitialMap", [3] = "GetExtendedMap",
+  [4] = "SetSize", [5] = "Close", [7] = "SendStringCmd",
+}
+local function_codes = {}
+for code, name in pairs(function_names) do
+  function_codes[code] = name .. " request"
+  function_codes[-code] = name .. " reply"
+end
+
+local result_names = {
+  [0] = "success",
+  [1] = "library answered 1",
+  [3] = "unknown share",
+  [5] = "out of memory",
+  [6] = "header length below 48",
+  [8] = "no handler for the function code",
+  [400] = "size notice from the library",
+  [405] = "no library knows the volume",
+  [406] = "no file name after the share name",
+  [407] = "no lease with that key",
+  [408] = "lease vanished before removal",
+  [409] = "lease vanished before renewal",
+  [-380] = "no library knows the file",
+  [-381] = "stale file or volume",
+  [-382] = "not a cookie of this library",
+  [-383] = "system call failed",
+  [-384] = "room too small",
+  [-385] = "argument out of range",
+  [-386] = "no space",
+  [-387] = "no lease maxima configured",
+}
+
+-- Vendor statuses are the library's own; these are the localfs plug-in's.
+local vendor_names = {
+  [0] = "success", [1] = "partial",
+  [-380] = "not served", [-381] = "stale", [-382] = "not a cookie of this library",
+  [-383] = "system call failed", [-384] = "room too small", [-385] = "argument out of range",
+  [-386] = "no space", [-387] = "no lease maxima configured",
+}
+
+local extent_types = { [0] = "compact", [1] = "verbose", [2] = "simple", [3] = "verbose" }
+local extent_sizes = { [0] = 16, [1] = 32, [2] = 24, [3] = 32 }
+local validity_names = {
+  [1] = "data", [2] = "unwritten", [3] = "hole", [4] = "not addressable",
+}
+local intention_names = { [1] = "read" }
+local order_names = { [0] = "little-endian", [1] = "big-endian" }
+
+local pf = {}
+local function field(key, ctor, abbr, name, ...)
+  pf[key] = ctor("kestrix." .. abbr, name, ...)
+end
+
+-- Header
+field("byteorder", ProtoField.uint8, "byteorder", "Byte order", base.DEC, order_names)
+field("marker", ProtoField.uint32, "marker", "Byte-order marker", base.HEX)
+field("revision", ProtoField.int32, "revision", "Revision")
+field("msgid", ProtoField.bytes, "msgid", "Message ID")
+field("function", ProtoField.int32, "function", "Function code", base.DEC, function_codes)
+field("service", ProtoField.string, "service", "Service")
+field("is_reply", ProtoField.bool, "reply", "Reply")
+field("length", ProtoField.uint32, "length", "Length")
+field("flags", ProtoField.uint32, "flags", "Flags", base.HEX)
+field("flag_track", ProtoField.bool, "flags.track", "Duplicate detection", 32, nil, 0x1)
+field("hresult", ProtoField.int32, "header_result", "Header result", base.DEC, result_names)
+field("pathsep", ProtoField.uint16, "pathsep", "Path separator", base.HEX)
+-- Pairing
+field("response_in", ProtoField.framenum, "response_in", "Response in", base.NONE,
+      frametype and frametype.RESPONSE)
+field("request_in", ProtoField.framenum, "request_in", "Request in", base.NONE,
+      frametype and frametype.REQUEST)
+field("time", ProtoField.double, "time", "Time since request (s)")
+-- Bodies
+field("result", ProtoField.int32, "result", "Result", base.DEC, result_names)
+field("lease", ProtoField.uint32, "lease", "Lease (ms)")
+field("key", ProtoField.uint32, "key", "Lease key", base.HEX)
+field("filesize", ProtoField.int64, "filesize", "File size")
+field("allocsize", ProtoField.int64, "allocsize", "Allocation size")
+field("start", ProtoField.int64, "start", "Start")
+field("range_length", ProtoField.int64, "range_length", "Range length")
+field("intention", ProtoField.uint32, "intention", "Intention", base.DEC, intention_names)
+field("mapflag", ProtoField.uint32, "mapflag", "Map flags", base.HEX)
+field("mapflag_unlocked", ProtoField.bool, "mapflag.unlocked", "Unlocked (no lease)", 32, nil, 0x8)
+field("volcookie", ProtoField.bytes, "volcookie", "Volume cookie")
+field("filecookie", ProtoField.bytes, "filecookie", "File cookie")
+field("path", ProtoField.string, "path", "Share or path")
+field("share", ProtoField.string, "share", "Share")
+field("filename", ProtoField.string, "filename", "File name")
+field("command", ProtoField.string, "command", "Command")
+-- VolInfo and its disks
+field("vol", ProtoField.none, "vol", "Volume")
+field("vol_msglen", ProtoField.int32, "vol.msglen", "msgLen")
+field("vol_status", ProtoField.int32, "vol.status", "Vendor status", base.DEC, vendor_names)
+field("vol_fstype", ProtoField.int32, "vol.fstype", "FStype")
+field("vol_glomtype", ProtoField.int32, "vol.glomtype", "GlomType")
+field("vol_gloominfo", ProtoField.int32, "vol.glominfo", "GlomInfo")
+field("vol_ndisks", ProtoField.uint32, "vol.ndisks", "Disks")
+field("vol_blocksize", ProtoField.int32, "vol.blocksize", "Block size")
+field("vol_cookie", ProtoField.bytes, "vol.cookie", "Cookie")
+field("vol_fssystem", ProtoField.bytes, "vol.fssystem", "FSSystem")
+field("vol_error", ProtoField.string, "vol.error", "Error text")
+field("disk", ProtoField.none, "disk", "Disk")
+field("disk_id", ProtoField.bytes, "disk.id", "DiskID")
+field("disk_idoffset", ProtoField.int64, "disk.idoffset", "IDoffset")
+field("disk_blockoffset", ProtoField.int64, "disk.blockoffset", "BlockOffset")
+field("disk_nblocks", ProtoField.int64, "disk.nblocks", "Blocks")
+field("disk_idlength", ProtoField.uint32, "disk.idlength", "IDlength")
+-- FSMapInfo and its extents
+field("map", ProtoField.none, "map", "Map")
+field("map_filesize", ProtoField.int64, "map.filesize", "File size")
+field("map_allocation", ProtoField.int64, "map.allocation", "Allocation")
+field("map_msglen", ProtoField.int32, "map.msglen", "msgLen")
+field("map_status", ProtoField.int32, "map.status", "Vendor status", base.DEC, vendor_names)
+field("map_nextents", ProtoField.int32, "map.nextents", "Extents")
+field("map_type", ProtoField.uint32, "map.type", "Extent type", base.DEC, extent_types)
+field("map_fileoffset", ProtoField.int64, "map.fileoffset", "File offset")
+field("map_filebytes", ProtoField.int64, "map.filebytes", "File bytes")
+field("map_text", ProtoField.string, "map.text", "Text")
+field("ext", ProtoField.none, "ext", "Extent")
+field("ext_logical", ProtoField.int64, "ext.logical", "Logical byte address")
+field("ext_physical", ProtoField.int64, "ext.physical", "Physical byte address")
+field("ext_bytes", ProtoField.int64, "ext.bytes", "Bytes")
+field("ext_volord", ProtoField.uint32, "ext.volord", "Volume ordinal")
+field("ext_validity", ProtoField.uint32, "ext.validity", "Validity", base.DEC, validity_names)
+field("ext_blockoffset", ProtoField.int64, "ext.blockoffset", "Block offset")
+field("ext_nblocks", ProtoField.int64, "ext.nblocks", "Blocks")
+field("ext_volord64", ProtoField.int64, "ext.volord64", "Volume ordinal")
+field("ext_sliceblock", ProtoField.int64, "ext.sliceblock", "Volume slice block")
+
+local ef = {
+  truncated = ProtoExpert.new("kestrix.truncated", "Message ends inside this structure",
+                              expert.group.MALFORMED, expert.severity.WARN),
+  marker = ProtoExpert.new("kestrix.bad_marker", "Byte-order marker is 1 in neither order",
+                           expert.group.PROTOCOL, expert.severity.WARN),
+  error = ProtoExpert.new("kestrix.error", "Error result",
+                          expert.group.RESPONSE_CODE, expert.severity.NOTE),
+  unpaired = ProtoExpert.new("kestrix.unpaired", "Reply without a request in this capture",
+                             expert.group.SEQUENCE, expert.severity.NOTE),
+}
+
+local fields = {}
+for _, f in pairs(pf) do fields[#fields + 1] = f end
+kx.fields = fields
+kx.experts = { ef.truncated, ef.marker, ef.error, ef.unpaired }
+
+kx.prefs.port = Pref.uint("UDP port", 5501, "UDP port of kestrixd")
+
+-- One message being decoded: its buffer and byte order.
+local Msg = {}
+Msg.__index = Msg
+
+local function new_msg(tvb, le)
+  return setmetatable({ tvb = tvb, le = le, len = tvb:len() }, Msg)
+end
+
+function Msg:has(off, size) return off + size <= self.len end
+
+function Msg:add(tree, f, off, size)
+  if not self:has(off, size) then return nil end
+  if self.le then return tree:add_le(f, self.tvb(off, size)) end
+  return tree:add(f, self.tvb(off, size))
+end
+
+function Msg:u32(off)
+  if not self:has(off, 4) then return nil end
+  local r = self.tvb(off, 4)
+  return self.le and r:le_uint() or r:uint()
+end
+
+function Msg:u16(off)
+  if not self:has(off, 2) then return nil end
+  local r = self.tvb(off, 2)
+  return self.le and r:le_uint() or r:uint()
+end
+
+function Msg:i32(off)
+  if not self:has(off, 4) then return nil end
+  local r = self.tvb(off, 4)
+  return self.le and r:le_int() or r:int()
+end
+
+-- An FSUNI text from off, ending at its first 0 unit or at limit; added as
+-- one string item covering its units. Returns the text and the offset just
+-- past its terminator.
+function Msg:fsuni(tree, f, off, limit)
+  limit = math.min(limit, self.len)
+  local stop = off
+  while stop + 2 <= limit do
+    local r = self.tvb(stop, 2)
+    if (self.le and r:le_uint() or r:uint()) == 0 then break end
+    stop = stop + 2
+  end
+  local text = ""
+  if stop > off then
+    local r = self.tvb(off, stop - off)
+    text = self.le and r:le_ustring() or r:ustring()
+  end
+  if tree then tree:add(f, self.tvb(off, math.max(math.min(stop + 2, limit) - off, 0)), text) end
+  return text, stop + 2
+end
+
+local function short(tree, msg, off)
+  tree:add_proto_expert_info(ef.truncated, "message ends at byte " .. msg.len ..
+                             ", structure at " .. off)
+end
+
+local function add_result(msg, tree, pinfo, off)
+  local result = msg:i32(off)
+  if result == nil then return nil end
+  local item = msg:add(tree, pf.result, off, 4)
+  if result ~= 0 and result ~= 1 then item:add_proto_expert_info(ef.error) end
+  return result
+end
+
+-- The volume description at off: fixed part, then disks or an error text.
+local function dissect_volinfo(msg, tree, off)
+  if not msg:has(off, 104) then return short(tree, msg, off) end
+  local vt = tree:add(pf.vol, msg.tvb(off, math.min(msg.len - off, 104)))
+  local status = msg:i32(off + 4)
+  local ndisks = msg:u32(off + 20)
+  msg:add(vt, pf.vol_msglen, off, 4)
+  msg:add(vt, pf.vol_status, off + 4, 4)
+  msg:add(vt, pf.vol_fstype, off + 8, 4)
+  msg:add(vt, pf.vol_glomtype, off + 12, 4)
+  msg:add(vt, pf.vol_gloominfo, off + 16, 4)
+  msg:add(vt, pf.vol_ndisks, off + 20, 4)
+  msg:add(vt, pf.vol_blocksize, off + 24, 4)
+  vt:add(pf.vol_cookie, msg.tvb(off + 32, 32))
+  vt:add(pf.vol_fssystem, msg.tvb(off + 64, 40))
+  local at = off + 104
+  if status ~= 0 then
+    local text = msg:fsuni(vt, pf.vol_error, at, msg.len)
+    vt:append_text(": error " .. status .. " \"" .. text .. "\"")
+    return
+  end
+  vt:append_text(": " .. ndisks .. " disk(s)")
+  for i = 0, ndisks - 1 do
+    if not msg:has(at, 80) then return short(vt, msg, at) end
+    local dt = vt:add(pf.disk, msg.tvb(at, 80))
+    dt:append_text(" " .. i)
+    dt:add(pf.disk_id, msg.tvb(at, 16))
+    msg:add(dt, pf.disk_idoffset, at + 16, 8)
+    msg:add(dt, pf.disk_blockoffset, at + 24, 8)
+    msg:add(dt, pf.disk_nblocks, at + 32, 8)
+    msg:add(dt, pf.disk_idlength, at + 40, 4)
+    at = at + 80
+  end
+end
+
+-- One extent of the given type at off.
+local function dissect_extent(msg, tree, etype, off, i)
+  local size = extent_sizes[etype]
+  local et = tree:add(pf.ext, msg.tvb(off, size))
+  et:append_text(" " .. i .. " (" .. extent_types[etype] .. ")")
+  if etype == 0 then
+    msg:add(et, pf.ext_blockoffset, off, 8)
+    msg:add(et, pf.ext_nblocks, off + 8, 8)
+  elseif etype == 2 then
+    msg:add(et, pf.ext_volord64, off, 8)
+    msg:add(et, pf.ext_sliceblock, off + 8, 8)
+    msg:add(et, pf.ext_nblocks, off + 16, 8)
+  else
+    msg:add(et, pf.ext_logical, off, 8)
+    msg:add(et, pf.ext_physical, off + 8, 8)
+    msg:add(et, pf.ext_bytes, off + 16, 8)
+    msg:add(et, pf.ext_volord, off + 24, 4)
+    msg:add(et, pf.ext_validity, off + 28, 4)
+  end
+end
+
+-- The file map at off: fixed part, then extents, or a text when it has none.
+local function dissect_map(msg, tree, off, limit)
+  if not msg:has(off, 64) then return short(tree, msg, off) end
+  local mt = tree:add(pf.map, msg.tvb(off, math.min(msg.len, limit) - off))
+  local n = msg:i32(off + 24)
+  local etype = msg:u32(off + 28)
+  msg:add(mt, pf.map_filesize, off, 8)
+  msg:add(mt, pf.map_allocation, off + 8, 8)
+  msg:add(mt, pf.map_msglen, off + 16, 4)
+  msg:add(mt, pf.map_status, off + 20, 4)
+  msg:add(mt, pf.map_nextents, off + 24, 4)
+  msg:add(mt, pf.map_type, off + 28, 4)
+  msg:add(mt, pf.map_fileoffset, off + 32, 8)
+  msg:add(mt, pf.map_filebytes, off + 40, 8)
+  local at = off + 64
+  if n <= 0 then
+    if at + 2 <= limit and msg:has(at, 2) and msg:u16(at) ~= 0 then
+      local text = msg:fsuni(mt, pf.map_text, at, limit)
+      mt:append_text(": \"" .. text .. "\"")
+    else
+      mt:append_text(": no extents")
+    end
+    return
+  end
+  mt:append_text(": " .. n .. " extent(s)")
+  local size = extent_sizes[etype]
+  if size == nil then return end  -- a layout of its library's own
+  for i = 0, n - 1 do
+    if at + size > limit or not msg:has(at, size) then return short(mt, msg, at) end
+    dissect_extent(msg, mt, etype, at, i)
+    at = at + size
+  end
+end
+
+-- Request bodies, by function code.
+local requests = {
+  [1] = function(msg, tree)
+    if not msg:has(84, 32) then return short(tree, msg, 84) end
+    tree:add(pf.volcookie, msg.tvb(84, 32))
+    local path = msg:fsuni(tree, pf.path, 180, 180 + 2048)
+    return path ~= "" and path or "(by cookie)"
+  end,
+  [2] = function(msg, tree)
+    if not msg:has(112, 2) then return short(tree, msg, 48) end
+    msg:add(tree, pf.filesize, 48, 8)
+    msg:add(tree, pf.allocsize, 56, 8)
+    msg:add(tree, pf.lease, 64, 4)
+    msg:add(tree, pf.intention, 68, 4)
+    local flag = msg:add(tree, pf.mapflag, 72, 4)
+    msg:add(flag, pf.mapflag_unlocked, 72, 4)
+    local share, next = msg:fsuni(tree, pf.share, 112, 112 + 2048)
+    local name = msg:fsuni(tree, pf.filename, next, 112 + 2048)
+    return share .. " " .. name .. (msg:u32(68) == 1 and " read" or " write")
+  end,
+  [3] = function(msg, tree)
+    if not msg:has(92, 0) then return short(tree, msg, 48) end
+    msg:add(tree, pf.key, 84, 4)
+    msg:add(tree, pf.start, 64, 8)
+    msg:add(tree, pf.range_length, 72, 8)
+    msg:add(tree, pf.filesize, 48, 8)
+    msg:add(tree, pf.allocsize, 56, 8)
+    msg:add(tree, pf.lease, 80, 4)
+    local flag = msg:add(tree, pf.mapflag, 88, 4)
+    msg:add(flag, pf.mapflag_unlocked, 88, 4)
+    return string.format("key 0x%x", msg:u32(84))
+  end,
+  [4] = function(msg, tree)
+    if not msg:has(64, 0) then return short(tree, msg, 48) end
+    msg:add(tree, pf.key, 60, 4)
+    msg:add(tree, pf.filesize, 48, 8)
+    msg:add(tree, pf.lease, 56, 4)
+    return string.format("key 0x%x", msg:u32(60))
+  end,
+  [5] = function(msg, tree)
+    if not msg:has(60, 0) then return short(tree, msg, 48) end
+    msg:add(tree, pf.key, 56, 4)
+    msg:add(tree, pf.filesize, 48, 8)
+    return string.format("key 0x%x", msg:u32(56))
+  end,
+  [7] = function(msg, tree)
+    if not msg:has(82, 0) then return short(tree, msg, 80) end
+    return "\"" .. msg:fsuni(tree, pf.command, 80, 80 + 2048) .. "\""
+  end,
+}
+
+-- Reply bodies, by function code; each returns a summary for the Info column.
+local function result_text(result)
+  if result == nil then return "" end
+  return "result " .. result .. " (" .. (result_names[result] or "library status") .. ")"
+end
+
+local replies = {
+  [1] = function(msg, tree, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, 48)
+    dissect_volinfo(msg, tree, 88)
+    return result_text(result)
+  end,
+  [2] = function(msg, tree, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, 48)
+    if not msg:has(160, 0) then short(tree, msg, 52) return result_text(result) end
+    msg:add(tree, pf.lease, 52, 4)
+    msg:add(tree, pf.key, 56, 4)
+    tree:add(pf.filecookie, msg.tvb(96, 32))
+    tree:add(pf.volcookie, msg.tvb(128, 32))
+    dissect_map(msg, tree, 160, limit)
+    return result_text(result) .. string.format(" key 0x%x", msg:u32(56))
+  end,
+  [3] = function(msg, tree, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, 48)
+    msg:add(tree, pf.lease, 52, 4)
+    dissect_map(msg, tree, 88, limit)
+    return result_text(result)
+  end,
+  [4] = function(msg, tree, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, 48)
+    msg:add(tree, pf.lease, 52, 4)
+    return result_text(result)
+  end,
+  [5] = function(msg, tree, pinfo, limit)
+    return result_text(add_result(msg, tree, pinfo, 48))
+  end,
+  [7] = function(msg, tree, pinfo, limit)
+    return result_text(add_result(msg, tree, pinfo, 48))
+  end,
+}
+
+-- Request/reply pairing, built on the first pass over the capture.
+local pending = {}     -- client, message ID and code -> request frame and time
+local request_of = {}  -- reply frame -> { frame, time }
+local reply_of = {}    -- request frame -> reply frame
+
+function kx.init()
+  pending, request_of, reply_of = {}, {}, {}
+end
+
+local function pair(pinfo, msgid, code, tree)
+  local reply = code < 0
+  local client = reply and (tostring(pinfo.dst) .. ":" .. pinfo.dst_port)
+                        or (tostring(pinfo.src) .. ":" .. pinfo.src_port)
+  local key = client .. "/" .. msgid .. "/" .. math.abs(code)
+  if not pinfo.visited then
+    if reply then
+      local req = pending[key]
+      if req then
+        request_of[pinfo.number] = req
+        reply_of[req.frame] = pinfo.number
+      end
+    else
+      pending[key] = { frame = pinfo.number, time = pinfo.abs_ts }
+    end
+  end
+  if reply then
+    local req = request_of[pinfo.number]
+    if req then
+      tree:add(pf.request_in, req.frame):set_generated()
+      tree:add(pf.time, pinfo.abs_ts - req.time):set_generated()
+    else
+      tree:add_proto_expert_info(ef.unpaired)
+    end
+  elseif reply_of[pinfo.number] then
+    tree:add(pf.response_in, reply_of[pinfo.number]):set_generated()
+  end
+end
+
+function kx.dissector(tvb, pinfo, root)
+  if tvb:len() < HEADER_SIZE then return 0 end
+  pinfo.cols.protocol = "KESTRIX"
+  local tree = root:add(kx, tvb())
+
+  -- The writer put 1 into the first word in its own order; anything that is
+  -- 1 in neither order is taken as the other order, as the daemon does.
+  local le = tvb(0, 4):le_uint() == 1
+  if not le and tvb(0, 4):uint() ~= 1 then tree:add_proto_expert_info(ef.marker) end
+  local msg = new_msg(tvb, le)
+
+  local ht = tree:add(tvb(0, HEADER_SIZE), "Header")
+  ht:add(pf.byteorder, tvb(0, 4), le and 0 or 1):set_generated()
+  msg:add(ht, pf.marker, 0, 4)
+  msg:add(ht, pf.revision, 4, 4)
+  ht:add(pf.msgid, tvb(8, 16))
+  local code = msg:i32(24)
+  msg:add(ht, pf["function"], 24, 4)
+  local length = msg:u32(28)
+  msg:add(ht, pf.length, 28, 4)
+  local flags = msg:add(ht, pf.flags, 32, 4)
+  msg:add(flags, pf.flag_track, 32, 4)
+  local hresult = msg:i32(36)
+  local hitem = msg:add(ht, pf.hresult, 36, 4)
+  if hresult ~= 0 then hitem:add_proto_expert_info(ef.error) end
+  msg:add(ht, pf.pathsep, 42, 2)
+
+  local reply = code < 0
+  local base_code = math.abs(code)
+  local name = function_names[base_code] or ("function " .. base_code)
+  tree:add(pf.service, name):set_generated()
+  tree:add(pf.is_reply, reply):set_generated()
+  tree:append_text(", " .. name .. (reply and " reply" or " request") ..
+                   (le and "" or ", big-endian"))
+  pair(pinfo, tostring(tvb(8, 16):bytes()), code, tree)
+
+  -- The body: only as far as the header's length and the bytes captured.
+  local limit = math.min(tvb:len(), math.max(length, HEADER_SIZE))
+  local summary
+  if reply and hresult ~= 0 then
+    summary = "header " .. result_text(hresult)
+  elseif limit > HEADER_SIZE then
+    local body = reply and replies[base_code] or requests[base_code]
+    if body then
+      local bmsg = new_msg(tvb(0, limit):tvb(), le)
+      summary = body(bmsg, tree, pinfo, limit)
+    end
+  end
+  pinfo.cols.info = name .. (reply and " reply" or " request") ..
+                    (summary and (" " .. summary) or "") .. (le and "" or " [big-endian]")
+  return tvb:len()
+end
+
+local registered_port = nil
+local function register_port()
+  local udp = DissectorTable.get("udp.port")
+  if registered_port then udp:remove(registered_port, kx) end
+  registered_port = kx.prefs.port
+  udp:add(registered_port, kx)
+end
+
+function kx.prefs_changed() register_port() end
+register_port()
