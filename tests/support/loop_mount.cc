@@ -45,7 +45,13 @@ bool LoopMount::Mount(FsKind kind) {
   UsePrivateMounts();
   std::filesystem::create_directory(mountPoint_);
   RunResult mounted = RunToExit(mounter, {"-o", "loop", "-t", FsName(kind), image_, mountPoint_}, {});
-  return mounted.exitStatus == 0 || Fail("mount failed: " + mounted.standardError);
+  if (mounted.exitStatus != 0) return Fail("mount failed: " + mounted.standardError);
+  for (const std::string& line : SplitLines(ReadFile("/proc/self/mounts"))) {
+    std::istringstream fields(line);
+    std::string source, target;
+    if (fields >> source >> target && target == mountPoint_) device_ = source;
+  }
+  return true;
 }
 
 LoopMount::~LoopMount() {

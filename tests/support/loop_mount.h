@@ -35,6 +35,7 @@ class LoopMount {
   bool ok() const { return mounted_; }
   const std::string& skipReason() const { return skipReason_; }
   const std::string& image() const { return image_; }
+  const std::string& device() const { return device_; }  // the loop device
   std::string Path(const std::string& name) const { return mountPoint_ + "/" + name; }
 
  private:
@@ -42,7 +43,7 @@ class LoopMount {
   bool Fail(const std::string& reason);  // false, with the reason kept and printed
 
   TempDir dir_;  // holds the image and the mount point; outlives the mount
-  std::string image_ = dir_.File("fs.img"), mountPoint_ = dir_.File("mnt"), skipReason_;
+  std::string image_ = dir_.File("fs.img"), mountPoint_ = dir_.File("mnt"), device_, skipReason_;
   bool mounted_ = false;
 };
 
