@@ -4,14 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "client/kxclient.h"
 #include "support/daemon_process.h"
-#include "support/test_util.h"
 #include "support/testfs.h"
 
 namespace kestrix::test {
@@ -51,11 +47,9 @@ class PluginDaemonTest : public ::testing::Test {
   // Library file names in the order the daemon accepted them.
   std::vector<std::string> LoadOrder() const {
     std::vector<std::string> names;
-    for (const auto& line : SplitLines(daemon_.Log())) {
-      const std::string mark = "Successfully loaded library ";
-      auto pos = line.find(mark);
-      if (pos != std::string::npos) names.push_back(line.substr(line.rfind('/') + 1));
-    }
+    for (const auto& line : SplitLines(daemon_.Log()))
+      if (line.find("Successfully loaded library ") != std::string::npos)
+        names.push_back(line.substr(line.rfind('/') + 1));
     return names;
   }
   TestFs Fs(const std::string& name) const { return TestFs(steer_.path(), name); }

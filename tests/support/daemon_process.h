@@ -1,6 +1,6 @@
-// Starts the real kestrixd binary for end-to-end tests: in the foreground
-// (-d), logging to a file, on a free loopback port given through
-// KESTRIX_PORT, and stops it by its PID.
+// Runs programs for end-to-end tests, above all the real kestrixd: in the
+// foreground (-d), logging to a file, on a free loopback port given through
+// KESTRIX_PORT, stopped by its PID.
 #ifndef KESTRIX_TESTS_SUPPORT_DAEMON_PROCESS_H_
 #define KESTRIX_TESTS_SUPPORT_DAEMON_PROCESS_H_
 
@@ -15,25 +15,25 @@
 
 namespace kestrix::test {
 
+using Env = std::map<std::string, std::string>;
+
 // A UDP port on 127.0.0.1 that was free a moment ago.
 uint16_t FreeUdpPort();
 
 struct RunResult {
   int exitStatus = -1;  // -1 when the process did not exit normally
-  std::string standardError;
-  std::string standardOutput;
+  std::string standardError, standardOutput;
 };
 
 // Runs a program to its end with the given environment additions.
-RunResult RunToExit(const std::string& program, const std::vector<std::string>& args,
-                    const std::map<std::string, std::string>& env, int timeoutMs = 20000);
+RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
+                    int timeoutMs = 20000);
 
 class DaemonProcess {
  public:
-  // binary: the kestrixd to start; libDir: KESTRIX_LIBDIR (empty: an empty
-  // directory of the test's own).
-  explicit DaemonProcess(std::string binary = "", std::string libDir = "");
-  ~DaemonProcess();
+  // libDir: KESTRIX_LIBDIR, by default an empty directory of the test's own.
+  DaemonProcess() { std::filesystem::create_directory(libDir_); }
+  ~DaemonProcess() { Stop(); }
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
@@ -41,29 +41,27 @@ class DaemonProcess {
   void SetPort(uint16_t port) { port_ = port; }
   // Starts with -d -f <log> plus extraArgs, and waits for the start line.
   bool Start(const std::vector<std::string>& extraArgs = {}, int timeoutMs = 10000);
-  // Kills the process by its PID and reaps it.
+  // Stops the process by its PID (SIGTERM, then SIGKILL) and reaps it.
   void Stop();
   // Waits for the process to exit by itself; its status, or -1.
   int WaitExit(int timeoutMs);
 
-  pid_t pid() const { return pid_; }
   uint16_t port() const { return port_; }
   const std::string& logPath() const { return logPath_; }
   std::string Log() const { return ReadFile(logPath_); }
-  // What the process wrote to standard output and standard error.
   std::string Stdout() const { return ReadFile(dir_.File("stdout.txt")); }
   std::string Stderr() const { return ReadFile(dir_.File("stderr.txt")); }
   // Polls the log until it contains needle.
-  bool WaitForLog(const std::string& needle, int timeoutMs = 5000) const;
+  bool WaitForLog(const std::string& needle, int timeoutMs = 5000) const {
+    return PollUntil([&] { return Log().find(needle) != std::string::npos; }, timeoutMs);
+  }
   const TempDir& dir() const { return dir_; }
   const std::string& libDir() const { return libDir_; }
 
  private:
   TempDir dir_;
-  std::string binary_;
-  std::string libDir_;
-  std::string logPath_;
-  std::map<std::string, std::string> env_;
+  std::string libDir_ = dir_.File("lib"), logPath_ = dir_.File("kestrixd.log");
+  Env env_;
   uint16_t port_ = 0;
   pid_t pid_ = -1;
 };

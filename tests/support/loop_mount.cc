@@ -1,54 +1,20 @@
 #include "support/loop_mount.h"
 
-#include <fcntl.h>
-#include <linux/loop.h>
 #include <sched.h>
-#include <stdlib.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
-#include <sstream>
 
 #include "support/daemon_process.h"
 
 namespace kestrix::test {
-
-namespace {
-
-constexpr int kAttachAttempts = 5;  // other processes may take the same free loop device
-
-// Attaches image to a free loop device that detaches itself once its last
-// user (the mount) is gone. Returns the open device, or -1 with *why.
-int AttachLoop(const std::string& image, std::string* device, std::string* why) {
-  int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC), fd = -1;
-  struct loop_config config = {};
-  config.fd = static_cast<uint32_t>(open(image.c_str(), O_RDWR | O_CLOEXEC));
-  config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-  *why = "no /dev/loop-control";
-  for (int i = 0; i < kAttachAttempts && fd < 0 && control >= 0; ++i) {
-    *device = "/dev/loop" + std::to_string(ioctl(control, LOOP_CTL_GET_FREE));
-    fd = open(device->c_str(), O_RDWR | O_CLOEXEC);
-    if (fd >= 0 && ioctl(fd, LOOP_CONFIGURE, &config) != 0) fd = (close(fd), -1);
-    if (fd < 0) *why = "attaching " + *device + ": " + strerror(errno);
-  }
-  close(control);
-  close(static_cast<int>(config.fd));
-  return fd;
-}
-
-}  // namespace
 
 void UsePrivateMounts() {
   static const bool done =
       unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
   (void)done;
 }
-
-const char* FsName(FsKind kind) { return kind == FsKind::kExt4 ? "ext4" : "xfs"; }
 
 std::string FindProgram(const std::string& name) {
   const char* path = getenv("PATH");
@@ -66,28 +32,26 @@ bool LoopMount::Fail(const std::string& reason) {
   return false;
 }
 
-LoopMount::LoopMount(FsKind kind, uint64_t sizeBytes)
-    : image_(dir_.File("fs.img")), mountPoint_(dir_.File("mnt")) {
-  mounted_ = Mount(kind, sizeBytes != 0 ? sizeBytes : kind == FsKind::kExt4 ? 64 << 20 : 320 << 20);
-}
-
-bool LoopMount::Mount(FsKind kind, uint64_t sizeBytes) {
-  const std::string mkfs = FindProgram(std::string("mkfs.") + FsName(kind));
+// mount(8) attaches the image to a free loop device that detaches itself
+// once the mount is gone.
+bool LoopMount::Mount(FsKind kind) {
+  const std::string mkfs = FindProgram(std::string("mkfs.") + FsName(kind)), mounter = FindProgram("mount");
   if (geteuid() != 0) return Fail("mounting needs root");
-  if (mkfs.empty()) return Fail(std::string("mkfs.") + FsName(kind) + " is not installed");
+  if (mkfs.empty() || mounter.empty()) return Fail(std::string("mkfs.") + FsName(kind) + " or mount is not installed");
   WriteFile(image_, "");
-  if (truncate(image_.c_str(), static_cast<off_t>(sizeBytes)) != 0) return Fail("no image file");
+  if (truncate(image_.c_str(), kind == FsKind::kExt4 ? 64 << 20 : 320 << 20) != 0) return Fail("no image file");
   RunResult made = RunToExit(mkfs, {"-q", kind == FsKind::kExt4 ? "-F" : "-f", image_}, {});
   if (made.exitStatus != 0) return Fail(mkfs + " failed: " + made.standardError);
   UsePrivateMounts();
-  std::string why;
-  int loop = AttachLoop(image_, &device_, &why);
-  if (loop < 0) return Fail(why);
-  mkdir(mountPoint_.c_str(), 0755);
-  bool mounted = mount(device_.c_str(), mountPoint_.c_str(), FsName(kind), 0, nullptr) == 0;
-  if (!mounted) Fail(std::string("mount failed: ") + strerror(errno));
-  close(loop);  // from here the mount holds the device
-  return mounted;
+  std::filesystem::create_directory(mountPoint_);
+  RunResult mounted = RunToExit(mounter, {"-o", "loop", "-t", FsName(kind), image_, mountPoint_}, {});
+  if (mounted.exitStatus != 0) return Fail("mount failed: " + mounted.standardError);
+  for (const std::string& line : SplitLines(ReadFile("/proc/self/mounts"))) {
+    std::istringstream fields(line);
+    std::string source, target;
+    if (fields >> source >> target && target == mountPoint_) device_ = source;
+  }
+  return true;
 }
 
 LoopMount::~LoopMount() {

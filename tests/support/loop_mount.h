@@ -9,7 +9,6 @@
 #ifndef KESTRIX_TESTS_SUPPORT_LOOP_MOUNT_H_
 #define KESTRIX_TESTS_SUPPORT_LOOP_MOUNT_H_
 
-#include <cstdint>
 #include <string>
 
 #include "support/test_util.h"
@@ -17,7 +16,7 @@
 namespace kestrix::test {
 
 enum class FsKind { kExt4, kXfs };
-const char* FsName(FsKind kind);  // "ext4", "xfs"
+inline const char* FsName(FsKind kind) { return kind == FsKind::kExt4 ? "ext4" : "xfs"; }
 
 // Moves the process into a mount namespace of its own, once: mounts made
 // after this vanish with the process. Where namespaces are not allowed,
@@ -29,24 +28,22 @@ std::string FindProgram(const std::string& name);
 
 class LoopMount {
  public:
-  // sizeBytes 0: 64 MiB for ext4, 320 MiB for XFS (its smallest default).
-  explicit LoopMount(FsKind kind, uint64_t sizeBytes = 0);
+  // 64 MiB for ext4, 320 MiB for XFS (its smallest default).
+  explicit LoopMount(FsKind kind) { mounted_ = Mount(kind); }
   ~LoopMount();
 
   bool ok() const { return mounted_; }
   const std::string& skipReason() const { return skipReason_; }
-  const std::string& mountPoint() const { return mountPoint_; }
   const std::string& image() const { return image_; }
-  const std::string& device() const { return device_; }
-  // mountPoint()/name
+  const std::string& device() const { return device_; }  // the loop device
   std::string Path(const std::string& name) const { return mountPoint_ + "/" + name; }
 
  private:
-  bool Mount(FsKind kind, uint64_t sizeBytes);
+  bool Mount(FsKind kind);
   bool Fail(const std::string& reason);  // false, with the reason kept and printed
 
   TempDir dir_;  // holds the image and the mount point; outlives the mount
-  std::string image_, mountPoint_, device_, skipReason_;
+  std::string image_ = dir_.File("fs.img"), mountPoint_ = dir_.File("mnt"), device_, skipReason_;
   bool mounted_ = false;
 };
 

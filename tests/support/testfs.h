@@ -4,11 +4,12 @@
 #define KESTRIX_TESTS_SUPPORT_TESTFS_H_
 
 #include <cstdint>
-#include <cstdlib>
+#include <cstdio>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "support/test_util.h"
 
 namespace kestrix::test {
 
@@ -17,8 +18,7 @@ struct CallRecord {
   std::string function;
   std::map<std::string, std::string> fields;
 
-  // The field's value, "" when absent.
-  std::string Get(const std::string& key) const;
+  std::string Get(const std::string& key) const { return fields.contains(key) ? fields.at(key) : ""; }
   int64_t Int(const std::string& key) const { return std::atoll(Get(key).c_str()); }
 };
 
@@ -26,31 +26,49 @@ struct CallRecord {
 // the steering directory (the value of KESTRIX_TESTFS_DIR).
 class TestFs {
  public:
-  TestFs(std::string steering_dir, std::string name)
-      : dir_(std::move(steering_dir)), name_(std::move(name)) {}
+  TestFs(const std::string& dir, const std::string& name) : path_(dir + "/" + name) {}
 
-  // Replaces the instance's conf; the plug-in reads it on its next call.
-  void Configure(const std::string& conf_text) const;
-  // Forgets the calls recorded so far.
-  void ClearCalls() const;
-  // The calls recorded, all or of one entry point.
-  std::vector<CallRecord> Calls(const std::string& function = "") const;
-  int CountCalls(const std::string& function) const {
-    return static_cast<int>(Calls(function).size());
+  // Replaces the conf, written aside and renamed so that no call reads half.
+  void Configure(const std::string& conf) const {
+    WriteFile(path_ + ".conf.tmp", conf);
+    std::rename((path_ + ".conf.tmp").c_str(), (path_ + ".conf").c_str());
   }
+  void ClearCalls() const { std::remove((path_ + ".calls").c_str()); }
+  // The calls recorded, all or of one entry point.
+  std::vector<CallRecord> Calls(const std::string& function = "") const {
+    std::vector<CallRecord> records;
+    for (const std::string& line : SplitLines(ReadFile(path_ + ".calls"))) {
+      std::istringstream in(line);
+      CallRecord record;
+      in >> record.function;
+      for (std::string word; in >> word;) {
+        const size_t eq = word.find('=');
+        record.fields[word.substr(0, eq)] = eq == std::string::npos ? "" : word.substr(eq + 1);
+      }
+      if (function.empty() || record.function == function) records.push_back(record);
+    }
+    return records;
+  }
+  int CountCalls(const std::string& function) const { return static_cast<int>(Calls(function).size()); }
 
  private:
-  std::string dir_;
-  std::string name_;
+  std::string path_;
 };
 
 // Copies variant (a file name such as "libtestfs_v231.so") from the build's
-// test plug-in directory into lib_dir as name; returns the new file's path.
-std::string InstallTestPlugin(const std::string& variant, const std::string& lib_dir,
-                              const std::string& name);
+// test plug-in directory into libDir as name.
+inline void InstallTestPlugin(const std::string& variant, const std::string& libDir,
+                              const std::string& name) {
+  std::filesystem::copy_file(std::string(KESTRIX_TEST_PLUGIN_DIR) + "/" + variant, libDir + "/" + name,
+                             std::filesystem::copy_options::overwrite_existing);
+}
 
 // A cookie text as the 32 bytes the plug-in stores (zero-padded).
-std::vector<uint8_t> CookieBytes(const std::string& text);
+inline std::vector<uint8_t> CookieBytes(const std::string& text) {
+  std::vector<uint8_t> bytes(text.begin(), text.begin() + std::min<size_t>(text.size(), 32));
+  bytes.resize(32);
+  return bytes;
+}
 
 }  // namespace kestrix::test
 

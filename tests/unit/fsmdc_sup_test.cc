@@ -1,15 +1,10 @@
+// Volume and map descriptions: byte-order converters and dumps.
 #include "sp/fsmdc_sup.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
-#include <cstdio>
 #include <cstring>
-#include <string>
-#include <string_view>
-#include <tuple>
-#include <vector>
 
 #include "support/test_util.h"
 #include "support/wire_buffer.h"
@@ -19,8 +14,7 @@ namespace {
 using kestrix::test::Buffer;
 using kestrix::test::Puts;
 
-// n bytes holding the hex fields (blank-separated) big-endian, the other order
-// on the little-endian hosts these tests run on; `turned` reverses those not marked '='.
+// n bytes holding the fields put; `turned`: as the converter should leave them.
 Buffer Fields(size_t n, Puts puts, bool turned) {
   Buffer b(n);
   kestrix::test::PutFields(b, puts, turned);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <vector>
 
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"

@@ -24,7 +24,6 @@ TEST(SendStringCmdTest, BreakCommandCompareAndNumbers) {
     int count;
     std::vector<std::string> pieces;  // the rest are empty
   } kSplits[] = {
-      {"LOG  5", 3, {"LOG", "", "5"}},      {"LOG 5|SCREEN", 2, {"LOG 5", "SCREEN"}},
       {"a|b c", 3, {"a", "b", "c"}},        {"||| ", 5, {"", "", "", "", ""}},
       {"", 1, {}},                          {long1023, 1, {long1023}},
       {"1 2 3 4 5 6 7 8 9 10 11 12", 11, {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}},

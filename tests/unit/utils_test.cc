@@ -1,3 +1,4 @@
+// The UTF-16 and UTF-8 converters, byte for byte.
 #include "utils/utils.h"
 
 #include <gtest/gtest.h>
@@ -70,20 +71,6 @@ TEST(Utf8ToUtf16Test, DecodesAndRejectsMalformedInputOrTooLittleRoom) {
     EXPECT_EQ(mb2fsuni(out, in.c_str(), cap), out);
     EXPECT_EQ(Units(out, out + 5), want) << in << " into " << cap;
   }
-}
-
-TEST(ByteOrderTest, DoendianAndFsuniAreasAndHexText) {
-  unsigned char b[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  doendian(b, 0), doendian(b, 1), doendian(b, -4), doendian(b, 8);  // only the last turns
-  EXPECT_EQ(std::string(b, b + 9), std::string("\x8\7\6\5\4\3\2\1\x9", 9));
-  endianizeFsUniArray(b, 5);  // two whole units; the odd byte stays
-  endianizeFsUniArray(b, -2);
-  EXPECT_EQ(std::string(b, b + 9), std::string("\7\x8\5\6\4\3\2\1\x9", 9));
-  char hex[64];  // trailing zero digits and blanks are trimmed
-  for (const auto& [in, want] : std::vector<std::pair<std::vector<unsigned char>, std::string>>{
-           {{0x12, 0x00, 0x00}, "12"}, {{0x10}, "1"}, {{0x00, 0x00}, ""}, {{0xAB, 0xCD}, "AB CD"},
-           {{0x00, 0x0F, 0xA0}, "00 0F A"}})
-    EXPECT_EQ(bytesToString(in.data(), static_cast<int32_t>(in.size()), hex), want);
 }
 
 }  // namespace

@@ -1,0 +1,152 @@
+// The map requests end to end: GetInitialMap, GetExtendedMap, SetSize and
+// Close, their replies and the calls testfs records.
+#include "e2e/e2e_util.h"
+
+namespace kestrix::test {
+namespace {
+
+using client::MakeGetInitialMapRequest;
+using GetInitialMapE2E = MapE2E;
+using GetExtendedMapE2E = MapE2E;
+using SetSizeE2E = MapE2E;
+using CloseE2E = MapE2E;
+
+
+TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
+  TestFs fs = Serve("");
+  for (auto [size, alloc, flag, conf, result, calls] : {
+           std::tuple{-1, -1, 0u, "", 0, "map 0 -1 0|"},
+           {1000, -1, 0u, "result FS_SetFileSizes 400", 0, "map 0 -1 0|size 1000 -1|"},
+           {-1, 4096, 0u, "", 0, "map 0 -1 0|size -1 4096|map 0 -1 2|"},
+           {-1, 4096, 2u, "result FS_SetFileSizes 1", 0, "map 0 -1 2|size -1 4096|map 0 -1 2|"},
+           {-1, -1, 0u, "result FS_GetLockedMap 1", 1, "map 0 -1 0|"},
+           {-1, -1, 8u, "", 0, "map 0 -1 8|unlock|"},
+           {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
+           {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
+           {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9, "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
+    fs.Configure(std::string("file /export/data/f vol-a file-f\n") + conf + "\n");
+    fs.ClearCalls();
+    Restart();
+    const client::MapReply open = Open("f", {size, alloc, 0, 1, flag});
+    const bool delivered = result == 0 || result == 1, held = delivered && flag != 8;
+    // Length 160 + msgLen 80 + 4: the first extent's bytes also read as a 1-unit text.
+    EXPECT_EQ(std::tuple(open.result, MapCalls(fs), open.lease >= 5000, open.volumeCookie[0],
+                         open.fileCookie[5], open.header.length),
+              std::tuple(result, calls, delivered, delivered ? 'v' : 0,
+                         delivered ? 'f' : 0, 244u));
+    // Only a lease still held can be mapped further.
+    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407)
+        << calls;
+  }
+}
+
+TEST_F(GetInitialMapE2E, LibrariesAskedInOrderAndPathsJoined) {
+  TestFs a = Serve("", "liba.so"), b = Serve("", "libb.so");
+  Start();
+  const bool aFirst = LoadOrder().at(0) == "liba.so";
+  const TestFs& first = aFirst ? a : b;
+  const TestFs& second = aFirst ? b : a;
+  const Bytes open = MakeGetInitialMapRequest("data", "f");
+  for (auto [one, two, result] : {std::tuple{-380, 12, 405}, {12, -380, -380}}) {
+    first.Configure("miss FS_GetCookies " + std::to_string(one) + "\n");
+    second.Configure("miss FS_GetCookies " + std::to_string(two) + "\n");
+    EXPECT_EQ(Result(open), result);  // only the last library's answer counts
+  }
+  // A volume cookie a refusing library left behind reaches no later call.
+  first.Configure("misscookie vol-x\n");
+  second.Configure("file /export/data/f - file-f\n");
+  EXPECT_EQ(Result(open), 0);
+  EXPECT_EQ(second.Calls("FS_GetLockedMap").at(0).Get("vol"), "");
+  for (auto [separator, name, path] :
+       {std::tuple{u'/', "a/b", "/export/data/a/b"}, {u'/', "/a", "/export/data/a"},
+        {u'\\', "a\\b", "/export/data/a/b"}, {u'\0', "x", "/export/datax"}}) {
+    Send(MakeGetInitialMapRequest("data", name, {-1, -1, 0, 1, 0, separator}));
+    EXPECT_EQ(first.Calls("FS_GetCookies").back().Get("path"), path);
+  }
+}
+
+TEST_F(GetInitialMapE2E, SameRequestAgainRenewsItsOwnLease) {
+  TestFs fs = Serve("file /export/data/f vol-a file-f\n");
+  Start();
+  const Bytes request = MakeGetInitialMapRequest("data", "f");  // its message ID stays 0
+  const uint32_t key = client::ParseMapReply(Ask(request))->key;
+  EXPECT_EQ(client::ParseMapReply(Ask(request))->key, key);
+  EXPECT_EQ(Open("f").key, key + 1);  // the repeat raised no key
+  EXPECT_EQ(fs.CountCalls("FS_GetLockedMap"), 3);
+}
+
+TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
+  const auto rows = {
+      std::tuple{-1, 8192, 0, "", 0, "map 8192 -1 4|", 5000u, 244u},  // read rules, to the end
+      {100, 0, 4096, "", 0, "size 100 -1|map 0 4096 4|", 3600000u, 244u},
+      {5, 0, 0, "result FS_SetFileSizes 7", 7, "size 5 -1|", 0u, 162u},
+      {-1, 0, 0, "result FS_GetLockedMap 12", 12, "map 0 -1 4|", 0u, 244u},
+      {-1, 0, 0, "map.msgLen 70000", 0, "map 0 -1 4|", 5000u, 65507u},  // one datagram at most
+      {-1, 0, 0, "map.msgLen 70000\nresult FS_GetLockedMap 1", 1, "map 0 -1 4|", 0u, 184u}};
+  const std::string base = "file /export/data/f vol-a file-f\n";
+  TestFs fs = Serve(base);
+  Start();
+  for (auto [size, start, length, conf, result, calls, lease, replyLength] : rows) {
+    fs.Configure(base);
+    const uint32_t key = Open("f", {-1, -1, 0, 0}).key;  // a write lease
+    fs.Configure(base + conf + "\n");
+    fs.ClearCalls();
+    Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
+    client::HeaderOf(request)->revision = 77, client::HeaderOf(request)->result = 9;  // echoed, cleared
+    const Bytes bytes = Send(request);
+    const client::MapReply r = client::ParseMapReply(bytes).value();
+    EXPECT_EQ(std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
+                         r.header.result),
+              std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
+  }
+  const Bytes unknown = Send(client::MakeGetExtendedMapRequest(999, 0, 0));
+  EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 184u));
+}
+
+TEST_F(SetSizeE2E, SizeCallAndRenewal) {
+  const auto rows = {std::tuple{1u, 0u, "", 0, 5000u},  // a read lease keeps the read rules
+                     {1u, 0u, "maxlease.read 2", 0, 2000u},  // capped by the library's maximum
+                     {0u, 7000u, "", 0, 7000u},
+                     {0u, 0u, "result FS_SetFileSizes 400", 400, 0u}};  // passed on as it is
+  const std::string base = "file /export/data/f vol-a file-f\n";
+  TestFs fs = Serve(base);
+  Start();
+  for (auto [intention, lease, conf, result, granted] : rows) {
+    fs.Configure(base + conf + "\n");
+    const uint32_t key = Open("f", {-1, -1, 0, intention}).key;
+    fs.ClearCalls();
+    const auto r = client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, lease)));
+    const CallRecord size = fs.Calls("FS_SetFileSizes").at(0);
+    EXPECT_EQ(std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
+              std::tuple(result, granted, "5000", -1, -1));
+  }
+  const Bytes unknown = Send(client::MakeSetSizeRequest(999, 1));
+  EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 72u));
+}
+
+TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
+  const std::string base = "file /export/data/f vol-a file-f\n";
+  TestFs fs = Serve(base);
+  Start();
+  for (auto [size, conf, result, calls] :
+       {std::tuple{-1, "", 0, "unlock|"},
+        {5000, "result FS_SetFileSizes 400", 0, "size 5000 5000|unlock|"},
+        {5000, "result FS_SetFileSizes 7", 7, "size 5000 5000|unlock|"}}) {  // removed all the same
+    const uint32_t key = Open("f").key;
+    fs.Configure(base + conf + "\n");
+    fs.ClearCalls();
+    EXPECT_EQ(Result(client::MakeCloseRequest(key, size)), result);
+    EXPECT_EQ(Result(client::MakeCloseRequest(key, size)), 407);
+    EXPECT_EQ(MapCalls(fs), calls);
+  }
+  // Two clients on one file: the map stays locked until the second closes.
+  const uint32_t first = Open("f").key, second = Open("f").key;
+  fs.ClearCalls();
+  EXPECT_EQ(Result(client::MakeCloseRequest(first)), 0);
+  EXPECT_EQ(MapCalls(fs), "");
+  EXPECT_EQ(Result(client::MakeCloseRequest(second)), 0);
+  EXPECT_EQ(MapCalls(fs), "unlock|");
+}
+
+}  // namespace
+}  // namespace kestrix::test
