@@ -96,7 +96,9 @@ class HashIndex {
   }
 
  private:
-  uint32_t Count() const { return x_->bucketCount != 0 ? x_->bucketCount : KX_INDEX_SMALL_BUCKETS; }
+  uint32_t Count() const {
+    return x_->bucketCount != 0 ? x_->bucketCount : uint32_t{KX_INDEX_SMALL_BUCKETS};
+  }
   T** Table() const {
     return reinterpret_cast<T**>(x_->buckets != nullptr ? x_->buckets : x_->small);
   }
