@@ -262,6 +262,8 @@ int ChangeLeaseEntry(FSULONG key, FSLONG duration) {
 }
 
 void FSMDCSP_DumpKeyList(void) {
+  // Its lines are at levels 4 and 10: below 4 there is nothing to write.
+  if (!LogOn(KSX_SP)) return;
   auto* text = static_cast<char*>(ksxmem_memalign(-8, kDumpBufferBytes, "dklt"));
   if (text == nullptr) return;
   {
