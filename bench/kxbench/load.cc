@@ -234,4 +234,47 @@ LoadResult Load::Stop() {
   return total;
 }
 
+namespace {
+
+// Sends the requests with up to 64 in flight on one socket and hands every
+// reply to `take`; a request without a reply after a second is given up.
+template <typename Take>
+void Pipeline(uint16_t port, const std::vector<kc::Bytes>& requests, Take take) {
+  kc::Endpoint endpoint("127.0.0.1", port);
+  size_t sent = 0, answered = 0;
+  while (answered < requests.size()) {
+    while (sent < requests.size() && sent - answered < 64) endpoint.Send(requests[sent++]);
+    auto reply = endpoint.Receive(1000);
+    if (!reply) {
+      answered = sent;  // lost: move on
+      continue;
+    }
+    take(*reply);
+    ++answered;
+  }
+}
+
+}  // namespace
+
+void OpenLeases(uint16_t port, int count, std::vector<uint32_t>* keys) {
+  std::vector<kc::Bytes> opens;
+  kc::OpenOptions options;
+  options.lease = kHeldLeaseMs;
+  for (int i = 0; i < count; ++i) {
+    opens.push_back(kc::MakeGetInitialMapRequest(kShare, "held" + std::to_string(i), options));
+    const uint64_t id = 0x686c64ull << 40 | static_cast<uint64_t>(i);
+    std::memcpy(kc::HeaderOf(opens.back())->messageID + 8, &id, 8);
+  }
+  Pipeline(port, opens, [keys](const kc::Bytes& reply) {
+    auto map = kc::ParseMapReply(reply);
+    if (map && map->result == 0) keys->push_back(map->key);
+  });
+}
+
+void CloseLeases(uint16_t port, const std::vector<uint32_t>& keys) {
+  std::vector<kc::Bytes> closes;
+  for (uint32_t key : keys) closes.push_back(kc::MakeCloseRequest(key));
+  Pipeline(port, closes, [](const kc::Bytes&) {});
+}
+
 }  // namespace kxbench

@@ -62,6 +62,12 @@ class Load {
   std::vector<Client*> clients_;
 };
 
+// Opens `count` leases (files "held<n>", an hour each) on the daemon at
+// 127.0.0.1:port and closes them again, for measuring with many leases open.
+// Keys of the leases whose open was answered go to keys.
+void OpenLeases(uint16_t port, int count, std::vector<uint32_t>* keys);
+void CloseLeases(uint16_t port, const std::vector<uint32_t>& keys);
+
 }  // namespace kxbench
 
 #endif  // KESTRIX_BENCH_KXBENCH_LOAD_H_

@@ -28,6 +28,7 @@ const char kUsage[] =
     "  --sockets N       sockets per client thread (default 1)\n"
     "  --window N        requests in flight per socket (default 1)\n"
     "  --duration S      measured seconds (default 5), after --warmup S (default 1)\n"
+    "  --hold N          keep N further leases open on the daemon while measuring\n"
     "  --echo            also run the same load against a minimal echo responder\n"
     "  --json            one JSON object per kind instead of the table\n"
     "  --daemon PATH     the kestrixd to start (default: the one built beside kxbench)\n"
@@ -40,6 +41,7 @@ struct Options {
   std::vector<Kind> kinds{Kind::kHeader};
   LoadShape shape;
   double duration = 5, warmup = 1;
+  int hold = 0;
   bool echo = false, json = false;
   std::string daemon = KXBENCH_DAEMON, plugin = KXBENCH_PLUGIN;
   std::vector<std::string> daemonArgs;
@@ -82,6 +84,8 @@ bool ParseOptions(int argc, char** argv, Options* o) {
       ok = number(&o->duration);
     } else if (a == "--warmup") {
       ok = number(&o->warmup);
+    } else if (a == "--hold") {
+      ok = count(&o->hold);
     } else if (a == "--echo") {
       o->echo = true;
     } else if (a == "--json") {
@@ -198,7 +202,11 @@ int RunKind(const Options& o, Kind kind) {
       }
       pid = server.pid();
     }
-    if (!Measure(run, "daemon", port, pid, &daemon)) {
+    std::vector<uint32_t> held;
+    if (o.hold > 0) OpenLeases(port, o.hold, &held);
+    const bool measured = Measure(run, "daemon", port, pid, &daemon);
+    CloseLeases(port, held);
+    if (!measured) {
       std::fprintf(stderr, "kxbench: no replies from the daemon\n");
       return 1;
     }
@@ -216,16 +224,16 @@ int RunKind(const Options& o, Kind kind) {
 
   if (o.json) {
     std::printf("{\"kind\":\"%s\",\"dup\":%s,\"threads\":%d,\"sockets\":%d,\"window\":%d,"
-                "\"duration_s\":%.1f,\"daemon\":%s",
+                "\"duration_s\":%.1f,\"held\":%d,\"daemon\":%s",
                 KindName(kind), o.shape.duplicateFlag ? "true" : "false", o.shape.threads,
-                o.shape.sockets, o.shape.window, o.duration, JsonFigures(daemon).c_str());
+                o.shape.sockets, o.shape.window, o.duration, o.hold, JsonFigures(daemon).c_str());
     if (o.echo) std::printf(",\"echo\":%s", JsonFigures(echo).c_str());
     if (haveRatio) std::printf(",\"efficiency\":%.3f", efficiency);
     std::printf("}\n");
   } else {
-    std::printf("kind %s%s: %d threads x %d sockets x window %d, %.0f s measured\n",
+    std::printf("kind %s%s: %d threads x %d sockets x window %d, %.0f s measured, %d leases held\n",
                 KindName(kind), o.shape.duplicateFlag ? " (duplicate flag)" : "", o.shape.threads,
-                o.shape.sockets, o.shape.window, o.duration);
+                o.shape.sockets, o.shape.window, o.duration, o.hold);
     std::printf("%-8s %10s %9s %9s %9s %11s %8s\n", "server", "req/s", "p50 us", "p99 us",
                 "p99.9 us", "cpu us/req", "resent");
     PrintRow("daemon", daemon);
