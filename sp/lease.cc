@@ -99,13 +99,15 @@ int CompareFileCookies(const uint8_t* a, const uint8_t* b) {
 }
 
 LeaseEntry* GetLeasePointer(FSULONG key) {
-  return KeyIndex(&s_byKey).Find(KeyHash(key), [key](const LeaseEntry* e) { return e->key == key; });
+  return KeyIndex(&s_byKey).Find(KeyHash(key),
+                                 [key](const LeaseEntry* e) { return e->key == key; });
 }
 
 int MoreCookiesInList(const uint8_t* fileCookie) {
-  LeaseEntry* e = FileIndex(&s_byFile).Find(FileHash(fileCookie), [fileCookie](const LeaseEntry* e) {
+  auto sameFile = [fileCookie](const LeaseEntry* e) {
     return CompareFileCookies(e->fileCookie, fileCookie) == 0;
-  });
+  };
+  LeaseEntry* e = FileIndex(&s_byFile).Find(FileHash(fileCookie), sameFile);
   if (e == nullptr) return 0;
   OSL_Log(KSX_DEBUG1, "MoreCookiesInList\n");
   DumpKey(e);
@@ -117,13 +119,13 @@ int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
                        LeaseEntry** found) {
   // The volume cookie is not compared: the file, the request and the sender
   // name the lease.
+  auto sameRequest = [&](const LeaseEntry* e) {
+    return CompareFileCookies(e->fileCookie, fileCookie) == 0 &&
+           LAN_CompareMessageCookies(e->messageCookie, messageCookie) == 0 &&
+           LAN_CompareCommCookies(e->commCookie, commCookie) == 0;
+  };
   LeaseEntry* e = RequestIndex(&s_byRequest)
-                      .Find(RequestHash(fileCookie, messageCookie, commCookie),
-                            [&](const LeaseEntry* e) {
-                              return CompareFileCookies(e->fileCookie, fileCookie) == 0 &&
-                                     LAN_CompareMessageCookies(e->messageCookie, messageCookie) == 0 &&
-                                     LAN_CompareCommCookies(e->commCookie, commCookie) == 0;
-                            });
+                      .Find(RequestHash(fileCookie, messageCookie, commCookie), sameRequest);
   *found = e;
   if (e == nullptr) return 0;
   OSL_Log(KSX_DEBUG1, "MoreCookiesInList2\n");

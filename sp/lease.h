@@ -3,9 +3,10 @@
 //
 // Leases live on a circular doubly linked list through the sentinel
 // leaseListHeadGlb, newest first, with hash indexes beside it that find the
-// first (newest) lease of a key, of a file cookie, or of a request. leaseListLock guards the list, every lease
-// in it and globalKey. The first group of operations takes the lock itself;
-// the second group is for callers that already hold it.
+// first (newest) lease of a key, of a file cookie, or of a request.
+// leaseListLock guards the list, the indexes, every lease and globalKey.
+// The first group of operations takes the lock itself; the second group is
+// for callers that already hold it.
 #ifndef KESTRIX_SP_LEASE_H_
 #define KESTRIX_SP_LEASE_H_
 

@@ -132,7 +132,8 @@ double Seconds() {
 
 double Percentile(const std::vector<uint32_t>& sorted, double p) {
   if (sorted.empty()) return 0;
-  const size_t i = std::min(sorted.size() - 1, static_cast<size_t>(p * static_cast<double>(sorted.size())));
+  const auto at = static_cast<size_t>(p * static_cast<double>(sorted.size()));
+  const size_t i = std::min(sorted.size() - 1, at);
   return sorted[i] / 1000.0;
 }
 
@@ -141,7 +142,10 @@ bool Measure(const Options& o, const char* label, uint16_t port, pid_t pid, Figu
   LoadShape shape = o.shape;
   shape.port = port;
   Load load(shape);
-  if (!load.Start()) return std::fprintf(stderr, "kxbench: cannot make the client sockets\n"), false;
+  if (!load.Start()) {
+    std::fprintf(stderr, "kxbench: cannot make the client sockets\n");
+    return false;
+  }
   const double start = Seconds();
   while (Seconds() - start < o.warmup) usleep(50000);
   const int64_t cpuBefore = pid > 0 ? ProcessCpuNs(pid) : -1;
@@ -166,7 +170,8 @@ bool Measure(const Options& o, const char* label, uint16_t port, pid_t pid, Figu
   f->p99Us = Percentile(r.latencyNs, 0.99);
   f->p999Us = Percentile(r.latencyNs, 0.999);
   if (cpuBefore >= 0 && cpuAfter >= 0 && r.requests > 0)
-    f->cpuUsPerRequest = static_cast<double>(cpuAfter - cpuBefore) / 1000.0 / static_cast<double>(r.requests);
+    f->cpuUsPerRequest =
+        static_cast<double>(cpuAfter - cpuBefore) / 1000.0 / static_cast<double>(r.requests);
   std::copy(std::begin(r.replySize), std::end(r.replySize), std::begin(f->replySize));
   return r.requests > 0;
 }
@@ -214,7 +219,8 @@ int RunKind(const Options& o, Kind kind) {
   if (o.echo) {
     ServerProcess server;
     const uint16_t port = FreePort();
-    if (!server.StartEcho(port, daemon.replySize) || !Measure(run, "echo", port, server.pid(), &echo)) {
+    if (!server.StartEcho(port, daemon.replySize) ||
+        !Measure(run, "echo", port, server.pid(), &echo)) {
       std::fprintf(stderr, "kxbench: the echo responder failed: %s\n", server.error().c_str());
       return 1;
     }
