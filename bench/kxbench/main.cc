@@ -85,7 +85,8 @@ bool ParseOptions(int argc, char** argv, Options* o) {
     } else if (a == "--warmup") {
       ok = number(&o->warmup);
     } else if (a == "--hold") {
-      ok = count(&o->hold);
+      const char* v = value();
+      ok = v != nullptr && (o->hold = std::atoi(v)) >= 0;
     } else if (a == "--echo") {
       o->echo = true;
     } else if (a == "--json") {
