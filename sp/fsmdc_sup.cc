@@ -97,6 +97,7 @@ void TransMapInfoWithin(FSMapInfo* map, uint64_t limit) {
 }
 
 void DumpVolInfoWithin(const VolInfo* info, uint64_t limit) {
+  if (GetLogLevel() < KSX_SP) return;  // every line is at level 4
   LogInt("msgLen", info->msgLen);
   LogInt("FStype", info->FStype);
   LogInt("vendorStatus", info->vendorStatus);
@@ -130,6 +131,7 @@ void DumpVolInfoWithin(const VolInfo* info, uint64_t limit) {
 }
 
 void DumpFSMapInfoWithin(const FSMapInfo* map, uint64_t limit) {
+  if (GetLogLevel() < KSX_SP) return;  // every line is at level 4
   LogInt("msgLen", map->msgLen);
   LogInt("vendorStatus", map->vendorStatus);
   LogLong("fileSize", map->fileSize);

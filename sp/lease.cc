@@ -5,6 +5,7 @@
 // it, and only when no other lease still holds the same file.
 #include "sp/lease.h"
 #include "utils/dlist.h"
+#include "utils/hash_index.h"
 
 #include <string.h>
 
@@ -17,7 +18,7 @@
 extern "C" {
 
 LeaseEntry leaseListHeadGlb = {&leaseListHeadGlb, &leaseListHeadGlb, nullptr, {}, {}, {}, {},
-                               0, 0, 0, 0};
+                               0, 0, 0, 0, nullptr, nullptr, nullptr};
 void* leaseListLock = nullptr;
 FSULONG globalKey = 0;
 
@@ -34,6 +35,33 @@ constexpr int kCookieTextSize = 3 * FS_COOKIE_SIZE + 1;
 constexpr int kFileNameBytes = 1024;
 constexpr int kDumpBufferBytes = 1024;
 
+// Keys are handed out in sequence, so the key itself spreads them evenly.
+uint64_t KeyHash(FSULONG key) { return key; }
+uint64_t FileHash(const uint8_t* fileCookie) {
+  return kestrix::HashBytes(fileCookie, FS_COOKIE_SIZE);
+}
+uint64_t RequestHash(const uint8_t* fileCookie, const uint8_t* messageCookie,
+                     const uint8_t* commCookie) {
+  return kestrix::HashBytes(commCookie, LAN_COMMCOOKIE_SIZE,
+                            kestrix::HashBytes(messageCookie, LAN_MSGID_SIZE,
+                                               FileHash(fileCookie)));
+}
+uint64_t LeaseKeyHash(const LeaseEntry* e) { return KeyHash(e->key); }
+uint64_t LeaseFileHash(const LeaseEntry* e) { return FileHash(e->fileCookie); }
+uint64_t LeaseRequestHash(const LeaseEntry* e) {
+  return RequestHash(e->fileCookie, e->messageCookie, e->commCookie);
+}
+
+// The indexes, guarded by leaseListLock like the list. A lease is in all
+// three exactly while it is on the list.
+KxHashIndex s_byKey, s_byFile, s_byRequest;
+using KeyIndex = kestrix::HashIndex<LeaseEntry, &LeaseEntry::keyNext, LeaseKeyHash>;
+using FileIndex = kestrix::HashIndex<LeaseEntry, &LeaseEntry::fileNext, LeaseFileHash>;
+using RequestIndex =
+    kestrix::HashIndex<LeaseEntry, &LeaseEntry::requestNext, LeaseRequestHash>;
+
+bool LogOn(int level) { return GetLogLevel() >= level; }
+
 }  // namespace
 
 namespace kestrix {
@@ -41,6 +69,25 @@ namespace kestrix {
 void InitLeaseList() {
   leaseListLock = OSL_SemCreate(1);
   kestrix::dlist::MakeEmpty(&leaseListHeadGlb);
+  KeyIndex(&s_byKey).Reset();
+  FileIndex(&s_byFile).Reset();
+  RequestIndex(&s_byRequest).Reset();
+}
+
+// Entries of equal keys sit newest first in each chain, as on the list, so
+// every lookup finds the lease a walk from the front would find first.
+void LinkLease(LeaseEntry* lease) {
+  kestrix::dlist::InsertFront(&leaseListHeadGlb, lease);
+  KeyIndex(&s_byKey).Insert(lease);
+  FileIndex(&s_byFile).Insert(lease);
+  RequestIndex(&s_byRequest).Insert(lease);
+}
+
+void UnlinkLease(LeaseEntry* lease) {
+  kestrix::dlist::Unlink(lease);
+  KeyIndex(&s_byKey).Remove(lease);
+  FileIndex(&s_byFile).Remove(lease);
+  RequestIndex(&s_byRequest).Remove(lease);
 }
 
 int LeaseCount() {
@@ -59,21 +106,19 @@ int CompareFileCookies(const uint8_t* a, const uint8_t* b) {
 }
 
 LeaseEntry* GetLeasePointer(FSULONG key) {
-  for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
-    if (e->key == key) return e;
-  }
-  return nullptr;
+  return KeyIndex(&s_byKey).Find(KeyHash(key),
+                                 [key](const LeaseEntry* e) { return e->key == key; });
 }
 
 int MoreCookiesInList(const uint8_t* fileCookie) {
-  for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
-    if (CompareFileCookies(e->fileCookie, fileCookie) == 0) {
-      OSL_Log(KSX_DEBUG1, "MoreCookiesInList\n");
-      DumpKey(e);
-      return 1;
-    }
-  }
-  return 0;
+  auto sameFile = [fileCookie](const LeaseEntry* e) {
+    return CompareFileCookies(e->fileCookie, fileCookie) == 0;
+  };
+  LeaseEntry* e = FileIndex(&s_byFile).Find(FileHash(fileCookie), sameFile);
+  if (e == nullptr) return 0;
+  OSL_Log(KSX_DEBUG1, "MoreCookiesInList\n");
+  DumpKey(e);
+  return 1;
 }
 
 int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
@@ -81,21 +126,22 @@ int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
                        LeaseEntry** found) {
   // The volume cookie is not compared: the file, the request and the sender
   // name the lease.
-  for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
-    if (CompareFileCookies(e->fileCookie, fileCookie) == 0 &&
-        LAN_CompareMessageCookies(e->messageCookie, messageCookie) == 0 &&
-        LAN_CompareCommCookies(e->commCookie, commCookie) == 0) {
-      OSL_Log(KSX_DEBUG1, "MoreCookiesInList2\n");
-      DumpKey(e);
-      *found = e;
-      return 1;
-    }
-  }
-  *found = nullptr;
-  return 0;
+  auto sameRequest = [&](const LeaseEntry* e) {
+    return CompareFileCookies(e->fileCookie, fileCookie) == 0 &&
+           LAN_CompareMessageCookies(e->messageCookie, messageCookie) == 0 &&
+           LAN_CompareCommCookies(e->commCookie, commCookie) == 0;
+  };
+  LeaseEntry* e = RequestIndex(&s_byRequest)
+                      .Find(RequestHash(fileCookie, messageCookie, commCookie), sameRequest);
+  *found = e;
+  if (e == nullptr) return 0;
+  OSL_Log(KSX_DEBUG1, "MoreCookiesInList2\n");
+  DumpKey(e);
+  return 1;
 }
 
 void DumpKey(const LeaseEntry* lease) {
+  if (!LogOn(KSX_DEBUG1)) return;  // no cookie texts for lines nobody writes
   char text[kCookieTextSize];
   OSL_Log(KSX_DEBUG1, "Key Data for 0x%x\n", lease->key);
   OSL_Log(KSX_DEBUG1, "  intention: %d\n", static_cast<int>(lease->intention));
@@ -155,9 +201,8 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
   if (reused) {
     OSL_Log(KSX_DEBUG1, "Modified lease list  key:0x%x\n", lease->key);
   } else {
-    kestrix::dlist::InsertFront(&leaseListHeadGlb, lease);
-    // The name is converted only for this trace line, so only when it is written.
-    if (GetLogLevel() >= KSX_DEBUG1) {
+    kestrix::LinkLease(lease);
+    if (LogOn(KSX_DEBUG1)) {
       char name[kFileNameBytes] = "";
       if (fileName != nullptr) fsuni2mb(name, fileName, kFileNameBytes);
       OSL_Log(KSX_DEBUG1, "Added to lease list  key:0x%x  name:[%s]\n", lease->key,
@@ -197,7 +242,7 @@ int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCook
     memcpy(volumeCookieOut, lease->volumeCookie, FS_COOKIE_SIZE);
     memcpy(fileCookieOut, lease->fileCookie, FS_COOKIE_SIZE);
     OSL_Log(KSX_DEBUG1, "RemoveLeaseFromList (%s) 0x%x\n", callerName, key);
-    kestrix::dlist::Unlink(lease);
+    kestrix::UnlinkLease(lease);
 
     if (MoreCookiesInList(lease->fileCookie)) {
       // Another lease still holds the file: its map stays locked.
@@ -226,6 +271,8 @@ int ChangeLeaseEntry(FSULONG key, FSLONG duration) {
 }
 
 void FSMDCSP_DumpKeyList(void) {
+  // Its lines are at levels 4 and 10: below 4 there is nothing to write.
+  if (!LogOn(KSX_SP)) return;
   auto* text = static_cast<char*>(ksxmem_memalign(-8, kDumpBufferBytes, "dklt"));
   if (text == nullptr) return;
   {

@@ -2,9 +2,11 @@
 // which filesystem library, for how long; and the lease durations and expiry.
 //
 // Leases live on a circular doubly linked list through the sentinel
-// leaseListHeadGlb, newest first. leaseListLock guards the list, every lease
-// in it and globalKey. The first group of operations takes the lock itself;
-// the second group is for callers that already hold it.
+// leaseListHeadGlb, newest first, with hash indexes beside it that find the
+// first (newest) lease of a key, of a file cookie, or of a request.
+// leaseListLock guards the list, the indexes, every lease and globalKey.
+// The first group of operations takes the lock itself; the second group is
+// for callers that already hold it.
 #ifndef KESTRIX_SP_LEASE_H_
 #define KESTRIX_SP_LEASE_H_
 
@@ -27,6 +29,10 @@ typedef struct LeaseEntry {
   FSULONG intention;     // 1 for read, anything else for write
   FSULONG duration;      // milliseconds
   FSULONG creationTime;  // OSL_MSeconds when made or last renewed
+  // Chains of the list's hash indexes (by key, by file cookie, by request).
+  struct LeaseEntry* keyNext;
+  struct LeaseEntry* fileNext;
+  struct LeaseEntry* requestNext;
 } LeaseEntry;
 
 // Status codes of the list operations.
@@ -82,6 +88,10 @@ inline constexpr int32_t kPurgePeriodMs = 5000;
 void InitLeaseList();
 // Number of leases in the list.
 int LeaseCount();
+// Put a new lease at the front of the list and its indexes, and take one out
+// of both; the caller holds leaseListLock.
+void LinkLease(LeaseEntry* lease);
+void UnlinkLease(LeaseEntry* lease);
 
 }  // namespace kestrix
 #endif

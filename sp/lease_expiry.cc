@@ -66,7 +66,7 @@ int PurgeLeaseList(void) {
     const FSULONG now = OSL_MSeconds();
     const FSULONG limit = lease->duration + kestrix::kLeaseGraceMs;  // wraps as unsigned
     if (Elapsed(lease->creationTime, now) >= limit) {
-      kestrix::dlist::Unlink(lease);
+      kestrix::UnlinkLease(lease);
       OSL_Log(KSX_DEBUG1, "Purged lease  key:0x%x, intention:%d  duration:%u creation:%u time:%u\n",
               lease->key, static_cast<int>(lease->intention), lease->duration,
               lease->creationTime, now);

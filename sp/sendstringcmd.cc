@@ -117,13 +117,16 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
   char command[kCommandBytes];
   const FSULONG units = kestrix::fsuninlength(msg->command, SP_PATH_UNITS);
   utf16array_to_utf8asciz(msg->command, static_cast<int32_t>(units), command, sizeof(command));
-  OSL_Log(KSX_DEBUG1, "Got command [%s]\n", kestrix::LogSafe(command).c_str());
+  const bool traced = GetLogLevel() >= KSX_DEBUG1;  // escaped texts only when written
+  if (traced) OSL_Log(KSX_DEBUG1, "Got command [%s]\n", kestrix::LogSafe(command).c_str());
 
   const char* pieces[FSF_COMMAND_PIECES];
   fsf_breakCommand(pieces, command);
-  OSL_Log(KSX_DEBUG1, "strs 1:%s  2:%s  3:%s  4:%s\n", kestrix::LogSafe(pieces[0]).c_str(),
-          kestrix::LogSafe(pieces[1]).c_str(), kestrix::LogSafe(pieces[2]).c_str(),
-          kestrix::LogSafe(pieces[3]).c_str());
+  if (traced) {
+    OSL_Log(KSX_DEBUG1, "strs 1:%s  2:%s  3:%s  4:%s\n", kestrix::LogSafe(pieces[0]).c_str(),
+            kestrix::LogSafe(pieces[1]).c_str(), kestrix::LogSafe(pieces[2]).c_str(),
+            kestrix::LogSafe(pieces[3]).c_str());
+  }
 
   if (mystrcasecmp(pieces[0], "LOG") == 0) {
     const int level = static_cast<int>(myatoi(pieces[1]));  // the low 32 bits

@@ -24,6 +24,9 @@ namespace {
 
 constexpr int kNameLineMax = 256;  // characters of one GetInitialMap name line
 
+// Every dump writes at level 4 only: below it nothing is built.
+bool DumpsOff() { return GetLogLevel() < KSX_SP; }
+
 bool NeedsConversion(const LanHeader* header) {
   return header->byteOrder != LAN_BYTEORDER_MARK;
 }
@@ -227,6 +230,7 @@ void SPSUP_TransLanCloseResp(CloseReply* reply) {
 // ---- request dumps ----
 
 void SPSUP_DumpGetVolumeMsg(const GetVolumeMsg* msg) {
+  if (kestrix::DumpsOff()) return;
   Title("--- GetVolume Message ---\n", &msg->header);
   // Same text as fsuni2mb into 1024 bytes, but never past the path area.
   // Its conversion errors are the share mapping's to report, once.
@@ -237,6 +241,7 @@ void SPSUP_DumpGetVolumeMsg(const GetVolumeMsg* msg) {
 }
 
 void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
+  if (kestrix::DumpsOff()) return;
   Title("--- GetInitialMap Message ---\n", &msg->header);
   const uint8_t* area = reinterpret_cast<const uint8_t*>(msg->names);
   size_t pos = 0;
@@ -254,6 +259,7 @@ void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
 }
 
 void SPSUP_DumpGetExtendedMapMsg(const GetExtendedMapMsg* msg) {
+  if (kestrix::DumpsOff()) return;
   Title("--- GetExtendedMap Message ---\n", &msg->header);
   LogInt("lease", static_cast<int>(msg->lease));
   LogHex("key", msg->key);
@@ -265,6 +271,7 @@ void SPSUP_DumpGetExtendedMapMsg(const GetExtendedMapMsg* msg) {
 }
 
 void SPSUP_DumpSetSizeMsg(const SetSizeMsg* msg) {
+  if (kestrix::DumpsOff()) return;
   Title("--- SetSize Message ---\n", &msg->header);
   LogHex("key", msg->key);
   LogInt("lease", static_cast<int>(msg->lease));
@@ -272,6 +279,7 @@ void SPSUP_DumpSetSizeMsg(const SetSizeMsg* msg) {
 }
 
 void SPSUP_DumpCloseMsg(const CloseMsg* msg) {
+  if (kestrix::DumpsOff()) return;
   Title("--- Close Message ---\n", &msg->header);
   LogHex("key", msg->key);
   LogLong("filesize", msg->filesize);
@@ -280,6 +288,7 @@ void SPSUP_DumpCloseMsg(const CloseMsg* msg) {
 // ---- reply dumps ----
 
 void SPSUP_DumpGetVolumeReply(const GetVolumeReply* reply, FSULONG size) {
+  if (kestrix::DumpsOff()) return;
   Title("--- GetVolume Reply Message ---\n", &reply->header);
   LogInt("result", reply->result);
   kestrix::DumpVolInfoWithin(&reply->volInfo,
@@ -287,6 +296,7 @@ void SPSUP_DumpGetVolumeReply(const GetVolumeReply* reply, FSULONG size) {
 }
 
 void SPSUP_DumpGetInitialMapReply(const GetInitialMapReply* reply, FSULONG size) {
+  if (kestrix::DumpsOff()) return;
   Title("--- GetInitalMap Reply Message ---\n", &reply->header);
   LogInt("result", reply->result);
   LogInt("lease", static_cast<int>(reply->lease));
@@ -298,6 +308,7 @@ void SPSUP_DumpGetInitialMapReply(const GetInitialMapReply* reply, FSULONG size)
 }
 
 void SPSUP_DumpGetExtendedMapReply(const GetExtendedMapReply* reply, FSULONG size) {
+  if (kestrix::DumpsOff()) return;
   Title("--- GetExtendedMap Reply Message ---\n", &reply->header);
   LogInt("result", reply->result);
   LogInt("lease", static_cast<int>(reply->lease));
@@ -306,17 +317,20 @@ void SPSUP_DumpGetExtendedMapReply(const GetExtendedMapReply* reply, FSULONG siz
 }
 
 void SPSUP_DumpSetSizeReply(const SetSizeReply* reply, FSULONG size) {
+  if (kestrix::DumpsOff()) return;
   Title("--- SetSize Reply Message ---\n", &reply->header);
   LogInt("result", reply->result);
   LogInt("lease", static_cast<int>(reply->lease));
 }
 
 void SPSUP_DumpCloseReply(const CloseReply* reply, FSULONG size) {
+  if (kestrix::DumpsOff()) return;
   Title("--- Close Reply Message ---\n", &reply->header);
   LogInt("result", reply->result);
 }
 
 void SPSUP_DumpMessage(const LanHeader* msg, FSULONG size) {
+  if (kestrix::DumpsOff()) return;
   if (msg == nullptr) return;
   switch (msg->functionCode) {
     case -SP_FUNC_CLOSE:

@@ -51,23 +51,33 @@ static void RequireForStartup(bool created, const char* what) {
   exit(1);
 }
 
+// Set when the listener threads hold g_kestrixdsem for the callback.
+static bool s_listenerHoldsSem = false;
+
 void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, void* server) {
   uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
   memset(commCookie, 0, sizeof commCookie);
   memcpy(commCookie, &sender->address.sin_addr.s_addr, 4);
 
-  if (g_use_dgramServer_MessageHandler_sem == 1) OSL_SemDown(g_kestrixdsem);
+  const bool takeSem = g_use_dgramServer_MessageHandler_sem == 1 && !s_listenerHoldsSem;
+  if (takeSem) OSL_SemDown(g_kestrixdsem);
   LanHeader* reply =
       LAN_ProcessMessage(data, length, static_cast<LanServerInfo*>(server), commCookie);
   if (reply != nullptr) {
     DGRAM_SendReply(sender, reply, static_cast<int>(reply->length));
     ksxmem_free(reply);
   }
-  if (g_use_dgramServer_MessageHandler_sem == 1) OSL_SemUp(g_kestrixdsem);
+  if (takeSem) OSL_SemUp(g_kestrixdsem);
 }
 
 void DgramServer(uint16_t port) {
   kestrix::SetUpServer();
+  // With the semaphore on, the listener threads take it before they receive
+  // rather than after, so that only its holder waits on the socket.
+  if (g_use_dgramServer_MessageHandler_sem == 1) {
+    kestrix::SetReceiveLock(g_kestrixdsem);
+    s_listenerHoldsSem = true;
+  }
   int rc = DGRAM_BindListener(port, DgramServer_MessageHandler, info, g_ListenerThreads);
   if (rc != 0) {
     OSL_Log(KSX_ERROR, "DGRAM_BindListener failed %d.  May be another kestrixd running.\n", rc);

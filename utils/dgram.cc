@@ -14,6 +14,14 @@
 #include "utils/log.h"
 #include "utils/osl.h"
 
+namespace {
+void* s_receiveLock = nullptr;
+}  // namespace
+
+namespace kestrix {
+void SetReceiveLock(void* sem) { s_receiveLock = sem; }
+}  // namespace kestrix
+
 extern "C" {
 
 int DGRAM_Init(void) { return 0; }
@@ -46,6 +54,7 @@ int DGRAM_BindListener(uint16_t port, DgramHandler handler, void* serverArg, int
   listener->handler = handler;
   listener->port = port;
   listener->serverArg = serverArg;
+  listener->receiveLock = s_receiveLock;
   int started = 0;
   for (int i = 0; i < threads; ++i) {
     int rc = OSL_CreateThread(PrimaryListener, listener);
@@ -70,6 +79,10 @@ void* PrimaryListener(void* listenerInfo) {
   if (buffer == nullptr) return reinterpret_cast<void*>(static_cast<intptr_t>(DGRAM_NO_BUFFER));
 
   int dirty = 0;  // bytes from the start that may hold data of earlier datagrams
+  // The thread that gets the receive lock is the one that receives and
+  // handles from then on; the lock is never given back, so the others stay
+  // parked on it instead of being woken for each datagram.
+  if (listener->receiveLock != nullptr) OSL_SemDown(listener->receiveLock);
   for (;;) {
     sockaddr_in from;
     socklen_t fromLength = sizeof from;

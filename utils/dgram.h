@@ -24,6 +24,7 @@ typedef struct ListenerInfo {
   int socket;
   DgramHandler handler;
   void* serverArg;
+  void* receiveLock;  // see kestrix::SetReceiveLock; null: none
 } ListenerInfo;
 
 enum {
@@ -57,6 +58,15 @@ inline constexpr int kDgramScrubBytes = 4096;
 // Zero bytes kept past the receive capacity, so that a scan for a text's
 // terminator always ends inside the buffer.
 inline constexpr int kDgramGuardBytes = 8;
+
+// Makes the listener threads of the next DGRAM_BindListener serialise on
+// sem: only the thread holding it waits in recvfrom, and it keeps holding it
+// while the callback handles each datagram and for the datagrams after. The
+// other threads wait for the semaphore, not on the socket, so one datagram
+// wakes one thread and no semaphore changes hands between requests. The
+// callback must not take sem itself. Null (the default) lets every thread
+// receive at once.
+void SetReceiveLock(void* sem);
 }  // namespace kestrix
 #endif
 

@@ -4,7 +4,8 @@
 // below the user pointer and a guard word just past the user area rounded up
 // to 8. Live blocks sit on one global list; g_kmemstat is the running total
 // of bytes held. Freeing checks the magic and the guard word and fills the
-// user area with 'A' before the memory goes back to the platform.
+// user area (its first 4096 bytes at most) with 'A' before the memory goes
+// back to the platform.
 #ifndef KESTRIX_UTILS_KSXMEM_H_
 #define KESTRIX_UTILS_KSXMEM_H_
 

@@ -8,6 +8,7 @@
 namespace {
 
 void DumpHeaderAt(int level, const LanHeader* header) {
+  if (GetLogLevel() < level) return;  // no ID text for lines nobody writes
   char id[3 * LAN_MSGID_SIZE + 1];
   OSL_Log(level, "functionCode %d\n", header->functionCode);
   OSL_Log(level, "length %d\n", static_cast<int>(header->length));

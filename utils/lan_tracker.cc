@@ -2,7 +2,8 @@
 // sender together with their replies, so that a copy of an answered request
 // gets the stored reply again and a copy of one still in process is dropped.
 // The list runs from the oldest entry to the newest and is bounded by
-// g_MaxDuplicateMessages answered entries.
+// g_MaxDuplicateMessages answered entries; a hash index beside it finds an
+// entry by message ID and sender without walking the list.
 #include <cstring>
 
 #include "utils/ksxmem.h"
@@ -32,13 +33,41 @@ bool SameIdentity(const TrackerEntry* entry, const uint8_t* commCookie,
          LAN_CompareCommCookies(entry->commCookie, commCookie) == 0;
 }
 
-// The oldest entry of the request's identity, or null.
+uint64_t IdentityHash(const uint8_t* messageID, const uint8_t* commCookie) {
+  return kestrix::HashBytes(commCookie, LAN_COMMCOOKIE_SIZE,
+                            kestrix::HashBytes(messageID, LAN_MSGID_SIZE));
+}
+uint64_t EntryHash(const TrackerEntry* entry) {
+  return IdentityHash(entry->headerCopy->messageID, entry->commCookie);
+}
+using TrackerIndex = kestrix::HashIndex<TrackerEntry, &TrackerEntry::hashNext, EntryHash>;
+
+// The entry of the request's identity, or null. Registration keeps
+// identities unique, so this is also the oldest one a walk would meet.
 TrackerEntry* FindEntry(LanServerInfo* server, const uint8_t* commCookie,
                         const LanHeader* request) {
-  for (TrackerEntry* e = server->tracker.next; e != &server->tracker; e = e->next) {
-    if (SameIdentity(e, commCookie, request)) return e;
+  return TrackerIndex(&server->trackerIndex)
+      .Find(IdentityHash(request->messageID, commCookie),
+            [&](const TrackerEntry* e) { return SameIdentity(e, commCookie, request); });
+}
+
+// Logs every entry older than `found` (all of them when it is null) that has
+// the request's message ID but another sender, as a walk from the oldest
+// entry would meet them.
+void LogOtherSenders(LanServerInfo* server, const uint8_t* commCookie, const LanHeader* request,
+                     const TrackerEntry* found) {
+  for (TrackerEntry* e = server->tracker.next; e != &server->tracker && e != found; e = e->next) {
+    if (e->headerCopy == nullptr || CompareHeaderId(e->headerCopy, request) != 0) continue;
+    char entryComm[3 * LAN_COMMCOOKIE_SIZE + 1], entryId[3 * LAN_MSGID_SIZE + 1];
+    char inComm[3 * LAN_COMMCOOKIE_SIZE + 1], inId[3 * LAN_MSGID_SIZE + 1];
+    OSL_Log(KSX_SP,
+            "Duplicate message ids from different senders. \nCurrent  comm %s id %s \n"
+            "Incoming comm %s id %s\n",
+            bytesToString(e->commCookie, LAN_COMMCOOKIE_SIZE, entryComm),
+            bytesToString(e->headerCopy->messageID, LAN_MSGID_SIZE, entryId),
+            bytesToString(commCookie, LAN_COMMCOOKIE_SIZE, inComm),
+            bytesToString(request->messageID, LAN_MSGID_SIZE, inId));
   }
-  return nullptr;
 }
 
 }  // namespace
@@ -83,24 +112,10 @@ LanHeader* LAN_HandleDuplicate(LanServerInfo* server, const uint8_t* commCookie,
   if (!g_TrackMessages || !Tracked(request) || server->tracker.next == &server->tracker)
     return nullptr;
 
-  TrackerEntry* found = nullptr;
-  for (TrackerEntry* e = server->tracker.next; e != &server->tracker; e = e->next) {
-    if (e->headerCopy == nullptr || CompareHeaderId(e->headerCopy, request) != 0) continue;
-    if (LAN_CompareCommCookies(e->commCookie, commCookie) != 0) {
-      char entryComm[3 * LAN_COMMCOOKIE_SIZE + 1], entryId[3 * LAN_MSGID_SIZE + 1];
-      char inComm[3 * LAN_COMMCOOKIE_SIZE + 1], inId[3 * LAN_MSGID_SIZE + 1];
-      OSL_Log(KSX_SP,
-              "Duplicate message ids from different senders. \nCurrent  comm %s id %s \n"
-              "Incoming comm %s id %s\n",
-              bytesToString(e->commCookie, LAN_COMMCOOKIE_SIZE, entryComm),
-              bytesToString(e->headerCopy->messageID, LAN_MSGID_SIZE, entryId),
-              bytesToString(commCookie, LAN_COMMCOOKIE_SIZE, inComm),
-              bytesToString(request->messageID, LAN_MSGID_SIZE, inId));
-      continue;
-    }
-    found = e;
-    break;
-  }
+  TrackerEntry* found = FindEntry(server, commCookie, request);
+  // Naming other senders of the same ID needs a walk; only done when the
+  // line is written.
+  if (GetLogLevel() >= KSX_SP) LogOtherSenders(server, commCookie, request, found);
   if (found == nullptr) return nullptr;
 
   *isDuplicate = 1;
@@ -108,9 +123,11 @@ LanHeader* LAN_HandleDuplicate(LanServerInfo* server, const uint8_t* commCookie,
   LanHeader* copy = LAN_MakeMessageCopy(found->replyCopy);
   if (copy == nullptr) return nullptr;  // no memory: dropped like an in-process copy
   __atomic_fetch_add(&numDupsRepliedTo, 1, __ATOMIC_RELAXED);
-  char id[3 * LAN_MSGID_SIZE + 1];
-  OSL_Log(KSX_SP, "LAN_HandleDuplicate: Found duplicate message. id:%s\n",
-          bytesToString(request->messageID, LAN_MSGID_SIZE, id));
+  if (GetLogLevel() >= KSX_SP) {
+    char id[3 * LAN_MSGID_SIZE + 1];
+    OSL_Log(KSX_SP, "LAN_HandleDuplicate: Found duplicate message. id:%s\n",
+            bytesToString(request->messageID, LAN_MSGID_SIZE, id));
+  }
   return copy;
 }
 
@@ -135,6 +152,8 @@ int LAN_RegisterInProcess(LanServerInfo* server, const uint8_t* commCookie,
     return 0;
   }
   kestrix::dlist::InsertBack(&server->tracker, entry);
+  // An entry without a header copy matches nothing and is not indexed.
+  if (entry->headerCopy != nullptr) TrackerIndex(&server->trackerIndex).Insert(entry);
   return 0;
 }
 
@@ -169,6 +188,7 @@ int PurgeTrackerList(LanServerInfo* server) {
     if (e->replyCopy != nullptr) {
       OSL_Log(KSX_SP, "purging tracker\n");
       kestrix::dlist::Unlink(e);
+      if (e->headerCopy != nullptr) TrackerIndex(&server->trackerIndex).Remove(e);
       ksxmem_free(e->headerCopy);
       ksxmem_free(e->replyCopy);
       ksxmem_free(e);

@@ -4,6 +4,7 @@
 #define KESTRIX_UTILS_LANSERVER_H_
 
 #include "lanheader.h"
+#include "utils/hash_index.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -26,6 +27,7 @@ typedef struct TrackerEntry {
   uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
   LanHeader* headerCopy;  // null only if the copy could not be made
   LanHeader* replyCopy;   // null while the request is in process
+  struct TrackerEntry* hashNext;  // chain of the server's trackerIndex
 } TrackerEntry;
 
 typedef struct LanServerInfo {
@@ -34,6 +36,8 @@ typedef struct LanServerInfo {
   FSULONG numReplies;    // entries holding a stored reply
   MessageHandler handlers[LAN_MAX_FUNCTION_CODES];
   int (*addressCompare)(const struct DgramAddress* a, const struct DgramAddress* b);
+  // Entries with a header copy, by message ID and sender; guarded by trackerLock.
+  KxHashIndex trackerIndex;
 } LanServerInfo;
 
 extern int g_TrackMessages;

@@ -42,6 +42,7 @@ int32_t s_semNesting = 0;   // holders of the lock at this moment (0 or 1)
 int32_t s_listInit = 0;     // list-initialised flag
 
 constexpr int32_t kBaseAlign = 8;
+constexpr int32_t kFreeFillBytes = 4096;  // most bytes a free fills with 'A'
 
 // g_kmemstat changes under the allocator's lock but is read without it (log
 // lines, statistics), so every access is atomic.
@@ -178,7 +179,12 @@ int32_t free_up(void* p, int32_t takeLock) {
   const int32_t request = header->request;
   void* orig = header->orig;
   const int32_t total = static_cast<int32_t>(header->total);
-  memset(p, 'A', static_cast<size_t>(request));
+  // The fill makes a use after free visible; its first bytes do that as well
+  // as all of them. Large blocks (the reply buffers) are filled only that
+  // far, so a request does not pay a second 64 KiB pass: every block that
+  // is sent is zero-filled or fully written when allocated, so nothing left
+  // in freed memory reaches a reply.
+  memset(p, 'A', static_cast<size_t>(request < kFreeFillBytes ? request : kFreeFillBytes));
   OSL_freemem(orig, total);
   return request;
 }

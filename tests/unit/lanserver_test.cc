@@ -1,14 +1,21 @@
 // LAN server dispatch and the duplicate tracker driven in process: what the
 // wire cannot arrange (a copy arriving while its original is handled, replies
-// lost, no memory) and the tracker's exact bound.
+// lost, no memory) and the tracker's exact bound; and the listener threads
+// with and without the receive lock.
 #include "utils/lanserver.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <atomic>
 #include <cstring>
 #include <string>
 
+#include "client/kxclient.h"
+#include "support/daemon_process.h"
 #include "support/test_util.h"
+#include "utils/dgram.h"
 #include "utils/ksxmem.h"
 #include "utils/osl.h"
 
@@ -109,6 +116,33 @@ TEST_F(LanServerTest, NoMemoryForCopiesDegradesSafely) {
   FailGetmem(1);  // no memory for a header error reply: nothing sent or dispatched
   EXPECT_EQ(Run("short", kHostA, 9, 47), 0);
   EXPECT_EQ(g_calls, 2);
+}
+
+std::atomic<int> g_inside{0}, g_most{0}, g_handled{0};
+void SlowCallback(void*, int, DgramAddress*, void*) {
+  const int now = ++g_inside;
+  for (int most = g_most; now > most && !g_most.compare_exchange_weak(most, now);) {}
+  usleep(100000);
+  --g_inside, ++g_handled;
+}
+
+// With the receive lock the callbacks of four threads never overlap and
+// every datagram is still handled; without it they run side by side. A
+// second bind of a port in use fails with 1104.
+TEST(ListenerTest, TheReceiveLockSerialisesCallbacksWithoutLosingDatagrams) {
+  void* lock = OSL_SemCreate(1);
+  for (bool locked : {true, false}) {
+    g_most = 0, g_handled = 0;
+    SetReceiveLock(locked ? lock : nullptr);
+    const uint16_t port = test::FreeUdpPort();
+    ASSERT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), 0);
+    EXPECT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), DGRAM_BIND_FAILED);
+    client::Endpoint sender("127.0.0.1", port);
+    for (int i = 0; i < 6; ++i) ASSERT_TRUE(sender.Send(client::Bytes(48, 1)));
+    for (int i = 0; i < 100 && g_handled < 6; ++i) usleep(50000);
+    EXPECT_EQ(g_handled, 6);
+    EXPECT_EQ(g_most == 1, locked) << g_most;
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The lease list in process, for what the end-to-end tests cannot arrange:
 // key wrap-around, a negative duration, no memory, the caller's library on
-// the last unlock, and unknown keys leaving every output alone.
+// the last unlock, unknown keys leaving every output alone, and the indexes
+// finding what a walk of the newest-first list would.
 #include "sp/lease.h"
 
 #include <gtest/gtest.h>
@@ -104,6 +105,30 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   EXPECT_EQ(0, RemoveLeaseFromList(1, vol.data(), file.data(), &libB_, "GetInitialMap"));
   EXPECT_EQ((std::vector{std::pair(1, 5)}), g_unlocks);
   EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, start));
+}
+
+// After the keys wrap, two leases share a key: the newer one is found and
+// removed first, also once the indexes have grown past their first size, and
+// every byte they took is given back when the last lease goes.
+TEST_F(LeaseListTest, WrappedKeysFindTheNewestLeaseFirstAcrossIndexGrowth) {
+  const int32_t idle = g_kmemstat;
+  ASSERT_EQ(0u, Add(1));
+  globalKey = 0;
+  ASSERT_EQ(0u, Add(2));
+  for (uint8_t m = 1; m <= 200; ++m) Add(3, 2, m);  // 200 leases on one file
+  LeaseEntry copy{};
+  Cookie vol{}, file{};
+  for (uint8_t expected : {2, 1}) {
+    ASSERT_EQ(0, GetLeaseCopy(0, &copy));
+    EXPECT_EQ(copy.fileCookie[0], expected);
+    EXPECT_EQ(0, RemoveLeaseFromList(0, vol.data(), file.data(), &libA_, "SP_LANClose"));
+  }
+  // The same request again renews its own lease among the 200.
+  EXPECT_EQ(100u, Add(3, 2, 100));
+  for (FSULONG key = 1; key <= 200; ++key)
+    EXPECT_EQ(0, RemoveLeaseFromList(key, vol.data(), file.data(), &libA_, "SP_LANClose"));
+  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 1}, {0, 3}}), g_unlocks);
+  EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, idle));
 }
 
 }  // namespace
