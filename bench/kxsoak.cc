@@ -60,18 +60,6 @@ std::string Read(const fs::path& path) {
   return text.str();
 }
 
-uint16_t FreePort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t n = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
 // One client: its own socket, replies matched to requests by message ID.
 class Client {
  public:
@@ -241,7 +229,7 @@ int main(int argc, char** argv) {
   for (int t = 0; t < threads; ++t) conf << "file /vol/a/t" << t << " VOLA T" << t << "\n";
   std::ofstream(dir / "steer" / "liba.so.conf") << conf.str();
 
-  const uint16_t port = FreePort();
+  const uint16_t port = client::FreeLoopbackPort();
   Daemon daemon;
   daemon.log = dir / "kestrixd.log";
   daemon.pid = fork();

@@ -15,6 +15,19 @@
 
 namespace kestrix::client {
 
+uint16_t FreeLoopbackPort() {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return 0;
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof a;
+  const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+                  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length) == 0;
+  close(fd);
+  return ok ? ntohs(a.sin_port) : 0;
+}
+
 Endpoint::Endpoint(const std::string& host, uint16_t port) {
   sockaddr_in peer{};
   peer.sin_family = AF_INET;

@@ -37,6 +37,10 @@ class Endpoint {
   uint8_t peer_[16] = {};  // sockaddr_in of the daemon
 };
 
+// A UDP port on 127.0.0.1 that was free a moment ago, for a daemon started
+// by a tool or a test (0 when none could be found).
+uint16_t FreeLoopbackPort();
+
 // A request of `size` bytes (at least the header) whose header holds the
 // marker 1, the function code, length = size, the given flags and ID.
 Bytes MakeRequest(int32_t functionCode, uint32_t size, uint32_t flags = 0,

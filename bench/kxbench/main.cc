@@ -16,6 +16,7 @@
 
 #include "bench/kxbench/load.h"
 #include "bench/kxbench/servers.h"
+#include "client/kxclient.h"
 
 namespace kxbench {
 namespace {
@@ -201,7 +202,7 @@ int RunKind(const Options& o, Kind kind) {
     uint16_t port = o.runningPort;
     pid_t pid = o.runningPid;
     if (port == 0) {
-      port = FreePort();
+      port = kestrix::client::FreeLoopbackPort();
       if (!server.StartDaemon(o.daemon, o.plugin, o.daemonArgs, port)) {
         std::fprintf(stderr, "kxbench: %s\n", server.error().c_str());
         return 1;
@@ -219,7 +220,7 @@ int RunKind(const Options& o, Kind kind) {
   }
   if (o.echo) {
     ServerProcess server;
-    const uint16_t port = FreePort();
+    const uint16_t port = kestrix::client::FreeLoopbackPort();
     if (!server.StartEcho(port, daemon.replySize) ||
         !Measure(run, "echo", port, server.pid(), &echo)) {
       std::fprintf(stderr, "kxbench: the echo responder failed: %s\n", server.error().c_str());

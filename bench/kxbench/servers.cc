@@ -35,18 +35,6 @@ int64_t ProcessCpuNs(pid_t pid) {
   return total;
 }
 
-uint16_t FreePort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
 bool ServerProcess::StartDaemon(const std::string& daemon, const std::string& plugin,
                                 const std::vector<std::string>& options, uint16_t port) {
   char dirTemplate[] = "/tmp/kxbench.XXXXXX";

@@ -16,8 +16,6 @@ namespace kxbench {
 // the scheduler's accounting of each of its threads; -1 when it cannot be read.
 int64_t ProcessCpuNs(pid_t pid);
 
-// A UDP port on 127.0.0.1 that was free a moment ago.
-uint16_t FreePort();
 
 // A server child process of kxbench, stopped by its PID when it goes.
 class ServerProcess {
