@@ -35,6 +35,14 @@ std::string Range(int64_t from, int64_t length) {
   return "bytes " + std::to_string(from) + " to " + std::to_string(from + length - 1);
 }
 
+// What went wrong moving n bytes at logical byte `logical` of the file to or
+// from disk byte `where`; `done` is what read or write returned.
+std::string DiskFailure(const char* verb, int64_t logical, size_t n, int64_t where, ssize_t done) {
+  const std::string why = done < 0 ? std::strerror(errno) : "end of the disk";
+  return std::string(verb) + " " + Range(logical, static_cast<int64_t>(n)) + " at disk byte " +
+         std::to_string(where) + ": " + why;
+}
+
 // One open file: its lease, its volume and the disks found for it so far.
 class Transfer {
  public:
@@ -239,9 +247,7 @@ TransferReport ReadFileData(Client& client, const std::string& share, const std:
         posix_fadvise(fd, where, static_cast<off_t>(n), POSIX_FADV_DONTNEED);
         ssize_t got = pread(fd, buffer.data(), n, where);
         if (got != static_cast<ssize_t>(n)) {
-          t.Fail(TransferReport::kLocal, "reading " + Range(e.logical + at, n) + " at disk byte " +
-                                             std::to_string(where) + ": " +
-                                             (got < 0 ? std::strerror(errno) : "end of the disk"));
+          t.Fail(TransferReport::kLocal, DiskFailure("reading", e.logical + at, n, where, got));
           return report;
         }
         report.dataBytes += static_cast<int64_t>(n);
@@ -294,9 +300,7 @@ TransferReport WriteFileData(Client& client, const std::string& share, const std
       const int64_t where = t.DiskOffset(e) + at;
       ssize_t put = pwrite(fd, data.data() + e.logical + at, n, where);
       if (put != static_cast<ssize_t>(n)) {
-        t.Fail(TransferReport::kLocal, "writing " + Range(e.logical + at, n) + " at disk byte " +
-                                           std::to_string(where) + ": " +
-                                           (put < 0 ? std::strerror(errno) : "end of the disk"));
+        t.Fail(TransferReport::kLocal, DiskFailure("writing", e.logical + at, n, where, put));
         return report;
       }
       report.dataBytes += static_cast<int64_t>(n);
