@@ -153,11 +153,15 @@ TEST_P(LocalFsTest, VolumeAndMapFailuresStayWithinTheRoom) {
   std::set<uint32_t> kinds;
   for (const auto& e : m.extents) kinds.insert(e.validity);
   EXPECT_EQ(kinds, (std::set<uint32_t>{FS_VALIDITY_DATA, FS_VALIDITY_HOLE, FS_VALIDITY_UNWRITTEN}));
-  // A room for two extents: status 1 and exactly those two.
-  Map two = GetMap(vol, file, 0, -1, 64 + 2 * 32);
-  ASSERT_EQ(std::tuple(two.status, two.extents.size()), std::tuple(LOCALFS_PARTIAL, 2u));
-  EXPECT_EQ(two.info.fileBytes, m.extents[0].nBytes + m.extents[1].nBytes);
-  EXPECT_EQ(memcmp(two.extents.data(), m.extents.data(), 2 * sizeof(VerboseExtent)), 0);
+  // A range; a room for one extent, the next being the hole: status 1 and exactly that one.
+  Map range = GetMap(vol, file, bs_, 4 * bs_);
+  EXPECT_EQ(std::tuple(range.info.fileOffset, range.info.fileBytes, range.extents.at(0).LogicalByteAddr),
+            std::tuple(bs_, 4 * bs_, bs_));
+  Map one = GetMap(vol, file, 0, -1, 64 + 32);
+  ASSERT_EQ(std::tuple(one.status, one.extents.size(), m.extents.at(1).validity),
+            std::tuple(LOCALFS_PARTIAL, 1u, uint32_t{FS_VALIDITY_HOLE}));
+  EXPECT_EQ(one.info.fileBytes, m.extents[0].nBytes);
+  EXPECT_EQ(memcmp(one.extents.data(), m.extents.data(), sizeof(VerboseExtent)), 0);
   EXPECT_EQ(SetSizes(vol, file, -5, -1), LOCALFS_INVALID);
   EXPECT_EQ(Unlock(vol, file), 0);
 }
