@@ -117,7 +117,7 @@ class LocalFsTest : public ::testing::TestWithParam<FsKind> {
   int64_t bs_ = 0;
 };
 
-TEST_P(LocalFsTest, VolumeAndMapFailuresStayWithinTheRoom) {
+TEST_P(LocalFsTest, VolumesAndMapsKeepToTheRoomAndTheRange) {
   Cookie vol{};
   ASSERT_EQ(lib_->FS_GetVolCookie(Fsuni(exp_).data(), vol.data()), 0);
   Cookie garbled = vol;
