@@ -131,8 +131,10 @@ TEST_P(LocalFsTest, VolumesAndMapsKeepToTheRoomAndTheRange) {
     EXPECT_EQ(buffer[size], 0xEE);
     if (status != 0)
       EXPECT_EQ(std::tuple(v->vendorStatus, buffer[104] != 0), std::tuple(status, true));
-    else
-      EXPECT_EQ(v->FStype, GetParam() == FsKind::kExt4 ? LOCALFS_FSTYPE_EXT4 : LOCALFS_FSTYPE_XFS);
+    else  // the disk's ID and its offset are checked by every transfer
+      EXPECT_EQ(std::tuple(v->FStype, v->BlockSize, v->nDisks, VolInfoDisk(v, 0)->nBlocks * bs_),
+                std::tuple(GetParam() == FsKind::kExt4 ? LOCALFS_FSTYPE_EXT4 : LOCALFS_FSTYPE_XFS, bs_, 1u,
+                           static_cast<int64_t>(std::filesystem::file_size(fs_->image()))));
   }
   FSLONG readMax = -1, writeMax = -1;
   EXPECT_EQ(lib_->FS_GetMaxLeases(vol.data(), &readMax, &writeMax), 0);
