@@ -106,6 +106,7 @@ def seeds():
         body, size = getvolume(e, "\\" * 1024)
         yield header(e, 1, size, 0, b"full") + body
         yield header(e, 1, size, 0, b"ends") + body[:300]
+        yield header(e, 1, size, 0, b"past") + body + text(e, "\\" * 16, 16)
         body, size = getinitialmap(e, "data", "\\" * 1100)
         yield header(e, 2, size, 0, b"full") + body
         yield header(e, 2, size, 0, b"past") + body + text(e, "\\" * 16, 16)

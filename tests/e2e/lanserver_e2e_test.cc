@@ -48,17 +48,6 @@ TEST_F(LanServerE2E, HeaderErrorsByteOrderAndCodesWithoutHandler) {
   EXPECT_FALSE(endpoint_->Receive(300).has_value());
 }
 
-TEST_F(LanServerE2E, RepliesGoBackToEachSender) {
-  Start({"-l", "4"});
-  client::Endpoint second("127.0.0.1", daemon_.port());
-  ASSERT_TRUE(endpoint_->Send(MakeRequest(6, 48, 0, "first")));
-  ASSERT_TRUE(second.Send(MakeRequest(6, 48, 0, "second")));
-  auto a = endpoint_->Receive(2000), b = second.Receive(2000);
-  ASSERT_TRUE(a && b);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(HeaderOf(*a)->messageID)), "first");
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(HeaderOf(*b)->messageID)), "second");
-}
-
 // Only copies with flag bit 0 are looked up, and none with -m 0.
 TEST_F(LanServerE2E, TrackedCopiesAreAnsweredFromTheTrackerUnlessItIsOff) {
   for (const char* bound : {"100", "0"}) {

@@ -11,12 +11,12 @@
 //   result FS_Name N...   the k-th served call's result; later ones the last
 //   miss FS_GetVolCookie|FS_GetCookies N   a miss's result (default -380)
 //   volume MOUNT VOLCOOKIE | file PATH VOLCOOKIE|- FILECOOKIE   what is served
-//   vol.vendorStatus|nDisks|BlockSize N, vol.error TEXT (with a vendorStatus)
-//   map.fileSize|allocation|msgLen|nExtents|extentType N
+//   vol.vendorStatus|nDisks N, vol.error TEXT (with a vendorStatus)
+//   map.msgLen|nExtents|extentType N
 // Disk i (from 0): DiskID bytes 0x10 (i+1) + j, IDoffset 1000 (i+1),
 // BlockOffset 2000 (i+1), nBlocks 100000 (i+1). Extent i: {1000 (i+1), 8 (i+1)}
-// (type 0, the default) or {65536 i, 1048576 (i+1), 65536, i, 1} (type 1).
-// Only what fits the room is written; msgLen counts it unless set.
+// (type 0, the default) or {65536 i, 1048576 (i+1), 65536, i, 1} (type 1),
+// of a file of 1 MiB. Only what fits the room is written; msgLen counts it unless set.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <string.h>
@@ -145,7 +145,7 @@ void WriteVolInfo(const Conf& conf, const uint8_t* cookie, uint8_t* out, size_t 
   }
   v.msgLen = static_cast<FSLONG>(end);
   v.FStype = 1;
-  v.BlockSize = static_cast<FSLONG>(conf.Num("vol.BlockSize", 4096));
+  v.BlockSize = 4096;
   if (cookie != nullptr) memcpy(v.Cookie, cookie, FS_COOKIE_SIZE);
   memcpy(out, &v, sizeof v);
 }
@@ -163,8 +163,7 @@ void WriteMap(const Conf& conf, FS64LONG start, FS64LONG length, uint8_t* out, s
     const VerboseExtent v{65536 * i, 1048576 * (i + 1), 65536, static_cast<FSULONG>(i), 1};
     memcpy(out + end, m.extentType == FS_EXTENT_COMPACT ? static_cast<const void*>(&c) : &v, size);
   }
-  m.fileSize = conf.Num("map.fileSize", 1048576);
-  m.allocation = conf.Num("map.allocation", 1048576);
+  m.fileSize = m.allocation = 1048576;
   m.msgLen = static_cast<FSLONG>(conf.Num("map.msgLen", static_cast<long long>(end)));
   m.fileOffset = start;
   m.fileBytes = length >= 0 ? length : m.fileSize - start;
