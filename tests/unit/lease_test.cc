@@ -17,7 +17,6 @@
 namespace {
 
 using Cookie = std::array<uint8_t, FS_COOKIE_SIZE>;
-Cookie ToCookie(const uint8_t* b) { Cookie c; memcpy(c.data(), b, c.size()); return c; }
 uint32_t g_now = 1000;
 
 // FS_UnlockMap of fake library N records N and the file cookie's first byte.

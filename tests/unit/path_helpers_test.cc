@@ -43,9 +43,8 @@ TEST(GetNextStringTest, NeedsRoomForAStringAfterTheFirstZeroUnit) {
 
 TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   LogCapture log(2);
-  EXPECT_EQ(MaxDgramFromText("65507"), 65507u);
-  EXPECT_EQ(MaxDgramFromText("65508"), 65507u);
-  EXPECT_EQ(MaxDgramFromText("4294975488"), 65507u);  // not its low 32 bits, 8192
+  for (const char* text : {"65507", "65508", "4294975488"})  // the last not as its low 32 bits, 8192
+    EXPECT_EQ(MaxDgramFromText(text), 65507u) << text;
   EXPECT_TRUE(log.Contains("Error MAXDGRAM 65508 is outside 1024 to 65507; using 65507\n"));
 }
 
