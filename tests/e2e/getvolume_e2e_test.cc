@@ -7,12 +7,8 @@ namespace {
 
 using client::Read;
 
-class GetVolumeE2E : public PluginDaemonTest {
+class GetVolumeE2E : public MapE2E {
  protected:
-  void SetUp() override {
-    PluginDaemonTest::SetUp();
-    WriteFile(daemon_.dir().File("smb.conf"), "[global]\n workgroup = x\n[data]\n path = /export/data\n");
-  }
   // The result and the length of the reply to a request by path or cookie.
   std::pair<int, size_t> Get(const std::string& path, const std::string& cookie = "") {
     const Bytes reply = Ask(client::MakeGetVolumeRequest(path, CookieBytes(cookie).data()));
@@ -21,8 +17,7 @@ class GetVolumeE2E : public PluginDaemonTest {
 };
 
 TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
-  Install("libtestfs.so", "liba.so", "");
-  Install("libtestfs.so", "libb.so", "");
+  for (const char* name : {"liba.so", "libb.so"}) Install("libtestfs.so", name, "");
   Start();
   const TestFs first = Fs(LoadOrder().at(0)), second = Fs(LoadOrder().at(1));
   first.Configure("version 228\nmiss FS_GetVolCookie 17\n");
@@ -53,10 +48,9 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
   // The cookie the library leaves when it refuses names a known volume: still 405.
   Install("libtestfs.so", "liba.so", "volume /export/data vol-a\nmiss FS_GetVolCookie 2\nmisscookie vol-a\n");
   Start();
-  EXPECT_EQ(Get("data"), std::pair(0, size_t{272}));
-  EXPECT_EQ(Get("nosuch"), std::pair(3, size_t{272}));
-  EXPECT_EQ(Get("", "never-claimed"), std::pair(405, size_t{272}));
-  EXPECT_EQ(Get("/export/elsewhere"), std::pair(405, size_t{272}));
+  for (auto [path, cookie, result] : {std::tuple{"data", "", 0}, {"nosuch", "", 3}, {"", "never-claimed", 405},
+                                      {"/export/elsewhere", "", 405}})
+    EXPECT_EQ(Get(path, cookie), std::pair(result, size_t{272})) << path << cookie;
   EXPECT_EQ(Fs("liba.so").CountCalls("FS_GetVolByCookie"), 1);
   EXPECT_TRUE(daemon_.WaitForLog("Error FTX1201W OSL_ShareNameToMountPoint failed name is : nosuch\n"));
 

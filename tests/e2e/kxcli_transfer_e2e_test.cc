@@ -82,9 +82,7 @@ TEST_P(KxCliTransferE2E, FilesReadAndWrittenOnTheDiskMatchTheFilesystem) {
       ASSERT_EQ(status, 0) << name << " " << order << ": " << err;
       EXPECT_EQ(ReadFile(out_.File(name)) == want, true) << name << " " << order;
       EXPECT_EQ(json["read"], std::to_string(want.size())) << name;
-      if (name == "islands") {
-        EXPECT_GT(std::stoi(json["mapReplies"]), 1);
-      }
+      if (name == "islands") EXPECT_GT(std::stoi(json["mapReplies"]), 1);
     }
   }
 

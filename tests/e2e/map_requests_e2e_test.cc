@@ -10,6 +10,7 @@ using GetInitialMapE2E = MapE2E;
 using GetExtendedMapE2E = MapE2E;
 using SetSizeE2E = MapE2E;
 using CloseE2E = MapE2E;
+const std::string kFile = "file /export/data/f vol-a file-f\n";
 
 
 TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
@@ -24,7 +25,7 @@ TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
            {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
            {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
            {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9, "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
-    fs.Configure(std::string("file /export/data/f vol-a file-f\n") + conf + "\n");
+    fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Restart();
     const client::MapReply open = Open("f", {size, alloc, 0, 1, flag});
@@ -66,7 +67,7 @@ TEST_F(GetInitialMapE2E, LibrariesAskedInOrderAndPathsJoined) {
 }
 
 TEST_F(GetInitialMapE2E, SameRequestAgainRenewsItsOwnLease) {
-  TestFs fs = Serve("file /export/data/f vol-a file-f\n");
+  TestFs fs = Serve(kFile);
   Start();
   const Bytes request = MakeGetInitialMapRequest("data", "f");  // its message ID stays 0
   const uint32_t key = client::ParseMapReply(Ask(request))->key;
@@ -83,13 +84,12 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
       {-1, 0, 0, "result FS_GetLockedMap 12", 12, "map 0 -1 4|", 0u, 244u},
       {-1, 0, 0, "map.msgLen 70000", 0, "map 0 -1 4|", 5000u, 65507u},  // one datagram at most
       {-1, 0, 0, "map.msgLen 70000\nresult FS_GetLockedMap 1", 1, "map 0 -1 4|", 0u, 184u}};
-  const std::string base = "file /export/data/f vol-a file-f\n";
-  TestFs fs = Serve(base);
+  TestFs fs = Serve(kFile);
   Start();
   for (auto [size, start, length, conf, result, calls, lease, replyLength] : rows) {
-    fs.Configure(base);
+    fs.Configure(kFile);
     const uint32_t key = Open("f", {-1, -1, 0, 0}).key;  // a write lease
-    fs.Configure(base + conf + "\n");
+    fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
     client::HeaderOf(request)->revision = 77, client::HeaderOf(request)->result = 9;  // echoed, cleared
@@ -108,11 +108,10 @@ TEST_F(SetSizeE2E, SizeCallAndRenewal) {
                      {1u, 0u, "maxlease.read 2", 0, 2000u},  // capped by the library's maximum
                      {0u, 7000u, "", 0, 7000u},
                      {0u, 0u, "result FS_SetFileSizes 400", 400, 0u}};  // passed on as it is
-  const std::string base = "file /export/data/f vol-a file-f\n";
-  TestFs fs = Serve(base);
+  TestFs fs = Serve(kFile);
   Start();
   for (auto [intention, lease, conf, result, granted] : rows) {
-    fs.Configure(base + conf + "\n");
+    fs.Configure(kFile + conf + "\n");
     const uint32_t key = Open("f", {-1, -1, 0, intention}).key;
     fs.ClearCalls();
     const auto r = client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, lease)));
@@ -125,15 +124,14 @@ TEST_F(SetSizeE2E, SizeCallAndRenewal) {
 }
 
 TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
-  const std::string base = "file /export/data/f vol-a file-f\n";
-  TestFs fs = Serve(base);
+  TestFs fs = Serve(kFile);
   Start();
   for (auto [size, conf, result, calls] :
        {std::tuple{-1, "", 0, "unlock|"},
         {5000, "result FS_SetFileSizes 400", 0, "size 5000 5000|unlock|"},
         {5000, "result FS_SetFileSizes 7", 7, "size 5000 5000|unlock|"}}) {  // removed all the same
     const uint32_t key = Open("f").key;
-    fs.Configure(base + conf + "\n");
+    fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     EXPECT_EQ(Result(client::MakeCloseRequest(key, size)), result);
     EXPECT_EQ(Result(client::MakeCloseRequest(key, size)), 407);

@@ -25,8 +25,7 @@ class SendStringCmdE2E : public PluginDaemonTest {
 };
 
 TEST_F(SendStringCmdE2E, LevelReachesLibrariesAndLinesFollowTheDestination) {
-  Install("libtestfs.so", "liba.so", "");
-  Install("libtestfs.so", "libb.so", "");
+  for (const char* name : {"liba.so", "libb.so"}) Install("libtestfs.so", name, "");
   Install("libtestfs_noopt.so", "libc.so", "");
   Start({"-l", "3"});
   const auto order = LoadOrder();
