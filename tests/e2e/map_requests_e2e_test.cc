@@ -33,11 +33,9 @@ TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
     // Length 160 + msgLen 80 + 4: the first extent's bytes also read as a 1-unit text.
     EXPECT_EQ(std::tuple(open.result, MapCalls(fs), open.lease >= 5000, open.volumeCookie[0],
                          open.fileCookie[5], open.header.length),
-              std::tuple(result, calls, delivered, delivered ? 'v' : 0,
-                         delivered ? 'f' : 0, 244u));
+              std::tuple(result, calls, delivered, delivered ? 'v' : 0, delivered ? 'f' : 0, 244u));
     // Only a lease still held can be mapped further.
-    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407)
-        << calls;
+    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407) << calls;
   }
 }
 

@@ -57,9 +57,8 @@ TEST(PurgeTest, LeasesEndAfterDurationPlusGrace) {
   EXPECT_TRUE(log.Contains("Debug1 Key List Start\nDebug1   key: 0x0\nDebug1   volcookie:09\n"
                            "Debug1   filecookie:08\nDebug1 \nDebug1 Key List End\n"));
   const int32_t start = g_kmemstat;
-  Add(1, 1, 1000, 5000);  // key 1
-  Add(7, 1, 1000, 5000);  // keys 2 and 3 share a file
-  Add(7, 2, 1000, 5000);
+  for (auto [file, sender] : {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
+    Add(file, sender, 1000, 5000);
   // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
   Add(2, 1, 0xFFFFFC17u, 7000);  // key 4
   const uint8_t noLib[FS_COOKIE_SIZE] = {3};  // key 5: no library to unlock with
