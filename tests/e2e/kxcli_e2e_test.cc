@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 #include "client/kxsession.h"
 #include "e2e/e2e_util.h"
@@ -97,10 +98,7 @@ TEST_F(KxCliE2E, ARetryAfterALostReplyGetsTheStoredReply) {
       b.resize(static_cast<size_t>(got));
       const bool reply = from.sin_port == daemon.sin_port;
       if (!reply) client = from, requests.push_back(b);
-      if (reply && !dropped) {
-        dropped = true;
-        continue;
-      }
+      if (reply && !std::exchange(dropped, true)) continue;
       sendto(fd, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(reply ? &client : &daemon), sizeof from);
     }
   });

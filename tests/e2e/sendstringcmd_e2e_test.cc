@@ -101,15 +101,12 @@ TEST_F(SendStringCmdE2E, DestinationSwitchesUnderLoadLoseAndTearNoLine) {
   const std::string a = daemon_.dir().File("a.log"), b = daemon_.dir().File("b.log");
   constexpr int kClients = 4, kRequests = 40;
   std::vector<std::thread> clients;
-  for (int c = 0; c < kClients; ++c) {
+  for (int c = 0; c < kClients; ++c)
     clients.emplace_back([&, c] {
       client::Endpoint endpoint("127.0.0.1", daemon_.port());
-      for (int n = c * kRequests; n < (c + 1) * kRequests; ++n) {
-        auto request = client::MakeGetVolumeRequest("load-" + std::to_string(n));
-        EXPECT_TRUE(endpoint.Transact(request).has_value());
-      }
+      for (int n = c * kRequests; n < (c + 1) * kRequests; ++n)
+        EXPECT_TRUE(endpoint.Transact(client::MakeGetVolumeRequest("load-" + std::to_string(n))).has_value()) << n;
     });
-  }
   client::Endpoint switcher("127.0.0.1", daemon_.port());
   for (int i = 0; i < 90; ++i)
     Command("LOG|4|" + (i % 3 == 0 ? a : i % 3 == 1 ? b : "SCREEN"), &switcher);
