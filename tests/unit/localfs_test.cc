@@ -52,7 +52,6 @@ Library LoadLocalFs(const TempDir& dir, const std::string& conf) {
   return lib;
 }
 
-// Mounts what on a directory for a scope.
 struct ScopedMount {
   ScopedMount(const std::string& what, const std::string& on, const char* type, unsigned long flags) : path(on) {
     std::filesystem::create_directory(on);
