@@ -102,10 +102,8 @@ TEST_F(KxCliE2E, ARetryAfterALostReplyGetsTheStoredReply) {
       sendto(fd, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(reply ? &client : &daemon), sizeof from);
     }
   });
-  client::ClientOptions o;
-  o.port = ntohs(relay.sin_port);
-  o.timeoutMs = 1000;  // well above the handler's time, even under the sanitizers
-  client::Client c(o);
+  // A time-out well above the handler's time, even under the sanitizers.
+  client::Client c({.port = ntohs(relay.sin_port), .timeoutMs = 1000});
   std::optional<client::MapReply> m = c.Open("data", "f");
   stop = true;
   forward.join();
