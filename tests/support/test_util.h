@@ -22,9 +22,7 @@ namespace kestrix::test {
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class TempDir {
  public:
-  TempDir() {
-    const char* base = getenv("TMPDIR");
-    path_ = std::string(base && *base ? base : "/tmp") + "/kestrix-test-XXXXXX";
+  TempDir() : path_(std::filesystem::temp_directory_path() / "kestrix-test-XXXXXX") {
     if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   }
   ~TempDir() {
