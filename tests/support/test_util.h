@@ -84,8 +84,6 @@ class LogCapture {
     static int defaultLevel = 2;
     OSL_SetLog(&defaultLevel, "SCREEN", "kestrixd");
   }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   std::string Text() const { return ReadFile(path_); }
   std::vector<std::string> Lines() const { return SplitLines(Text()); }
