@@ -99,9 +99,19 @@ void Record(const std::string& line) {
   close(fd);
 }
 
+// Records a call with its result, and returns the result.
+FSLONG Recorded(const std::string& call, FSLONG result) {
+  Record(call + " result=" + to_string(result));
+  return result;
+}
+
 std::string Cookie(const uint8_t* cookie) {
   return cookie == nullptr ? "null" : std::string(reinterpret_cast<const char*>(cookie),
                                                   strnlen(reinterpret_cast<const char*>(cookie), 32));
+}
+
+std::string Cookies(const uint8_t* volume, const uint8_t* file) {
+  return " vol=" + Cookie(volume) + " file=" + Cookie(file);
 }
 
 void StoreCookie(const std::string& text, uint8_t* out) {
@@ -185,9 +195,7 @@ FSLONG Lookup(const Conf& conf, const std::string& entry, const Words* served, u
 }  // namespace
 
 TESTFS_EXPORT FSLONG FS_GetVersion(void) {
-  const FSLONG version = static_cast<FSLONG>(ReadConf().Num("version", TESTFS_VERSION));
-  Record("FS_GetVersion result=" + to_string(version));
-  return version;
+  return Recorded("FS_GetVersion", static_cast<FSLONG>(ReadConf().Num("version", TESTFS_VERSION)));
 }
 
 TESTFS_EXPORT FSLONG FS_Init(void) {
@@ -197,8 +205,7 @@ TESTFS_EXPORT FSLONG FS_Init(void) {
   if (block != nullptr) ksxmem_free(block);
   OSL_Log(KSX_PRINT, "testfs callback: allocated %d bytes\n", block != nullptr ? 64 : 0);
 #endif
-  Record("FS_Init result=" + to_string(TESTFS_INIT_RESULT));
-  return TESTFS_INIT_RESULT;
+  return Recorded("FS_Init", TESTFS_INIT_RESULT);
 }
 
 #ifndef TESTFS_NO_OPTIONAL
@@ -206,26 +213,23 @@ TESTFS_EXPORT FSLONG FS_SetLog(int* levelPointer, void* reserved) {
   const FSLONG result = Result(ReadConf(), "FS_SetLog");
   // A LOG command on another thread may store a new level meanwhile.
   const int level = levelPointer ? __atomic_load_n(levelPointer, __ATOMIC_RELAXED) : 0;
-  Record("FS_SetLog level=" + (levelPointer ? to_string(level) : "null") +
-         " reserved=" + (reserved ? "set" : "null") + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_SetLog level=" + (levelPointer ? to_string(level) : "null") +
+                  " reserved=" + (reserved ? "set" : "null"), result);
 }
 
 TESTFS_EXPORT FSLONG FS_GetMaxLeases(const uint8_t* volumeCookie, FSLONG* readMaxSeconds, FSLONG*) {
   const Conf conf = ReadConf();
   const FSLONG result = Result(conf, "FS_GetMaxLeases");
   if (conf.Find("maxlease.read")) *readMaxSeconds = static_cast<FSLONG>(conf.Num("maxlease.read", 0));
-  Record("FS_GetMaxLeases vol=" + Cookie(volumeCookie) + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_GetMaxLeases vol=" + Cookie(volumeCookie), result);
 }
 #endif
 
 TESTFS_EXPORT FSLONG FS_GetVolCookie(const FSUNI* mountPoint, uint8_t* volumeCookieOut) {
   const Conf conf = ReadConf();
   const std::string mount = Utf8(mountPoint);
-  const FSLONG result = Lookup(conf, "FS_GetVolCookie", conf.Find("volume " + mount), volumeCookieOut, nullptr);
-  Record("FS_GetVolCookie mount=" + mount + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_GetVolCookie mount=" + mount,
+                  Lookup(conf, "FS_GetVolCookie", conf.Find("volume " + mount), volumeCookieOut, nullptr));
 }
 
 TESTFS_EXPORT FSLONG FS_GetVolByCookie(const uint8_t* volumeCookie, struct VolInfo* info, FSULONG* room) {
@@ -233,17 +237,14 @@ TESTFS_EXPORT FSLONG FS_GetVolByCookie(const uint8_t* volumeCookie, struct VolIn
   const FSULONG bytes = room != nullptr ? *room : 0;
   const FSLONG result = Result(conf, "FS_GetVolByCookie");
   WriteVolInfo(conf, volumeCookie, reinterpret_cast<uint8_t*>(info), bytes);
-  Record("FS_GetVolByCookie vol=" + Cookie(volumeCookie) + " room=" + to_string(bytes) +
-         " result=" + to_string(result));
-  return result;
+  return Recorded("FS_GetVolByCookie vol=" + Cookie(volumeCookie) + " room=" + to_string(bytes), result);
 }
 
 TESTFS_EXPORT FSLONG FS_GetCookies(const FSUNI* path, uint8_t* volumeCookieOut, uint8_t* fileCookieOut) {
   const Conf conf = ReadConf();
   const std::string full = Utf8(path);
-  const FSLONG result = Lookup(conf, "FS_GetCookies", conf.Find("file " + full), volumeCookieOut, fileCookieOut);
-  Record("FS_GetCookies path=" + full + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_GetCookies path=" + full,
+                  Lookup(conf, "FS_GetCookies", conf.Find("file " + full), volumeCookieOut, fileCookieOut));
 }
 
 TESTFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t* fileCookie, FS64LONG start,
@@ -252,25 +253,20 @@ TESTFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t*
   const FSULONG bytes = room != nullptr ? *room : 0;
   const FSLONG result = Result(conf, "FS_GetLockedMap");
   WriteMap(conf, start, length, reinterpret_cast<uint8_t*>(map), bytes);
-  Record("FS_GetLockedMap vol=" + Cookie(volumeCookie) + " file=" + Cookie(fileCookie) + " start=" +
-         to_string(start) + " length=" + to_string(length) + " flags=" + to_string(flags) +
-         " room=" + to_string(bytes) + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_GetLockedMap" + Cookies(volumeCookie, fileCookie) + " start=" + to_string(start) +
+                  " length=" + to_string(length) + " flags=" + to_string(flags) + " room=" + to_string(bytes),
+                  result);
 }
 
 #ifndef TESTFS_NO_UNLOCK
 TESTFS_EXPORT FSLONG FS_UnlockMap(const uint8_t* volumeCookie, const uint8_t* fileCookie) {
-  const FSLONG result = Result(ReadConf(), "FS_UnlockMap");
-  Record("FS_UnlockMap vol=" + Cookie(volumeCookie) + " file=" + Cookie(fileCookie) + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_UnlockMap" + Cookies(volumeCookie, fileCookie), Result(ReadConf(), "FS_UnlockMap"));
 }
 #endif
 
 TESTFS_EXPORT FSLONG FS_SetFileSizes(const uint8_t* volumeCookie, const uint8_t* fileCookie, FSLONG zero,
                                      FS64LONG fileSize, FS64LONG allocSize, FS64LONG allOnes) {
-  const FSLONG result = Result(ReadConf(), "FS_SetFileSizes");
-  Record("FS_SetFileSizes vol=" + Cookie(volumeCookie) + " file=" + Cookie(fileCookie) + " zero=" +
-         to_string(zero) + " size=" + to_string(fileSize) + " alloc=" + to_string(allocSize) +
-         " last=" + to_string(allOnes) + " result=" + to_string(result));
-  return result;
+  return Recorded("FS_SetFileSizes" + Cookies(volumeCookie, fileCookie) + " zero=" + to_string(zero) +
+                  " size=" + to_string(fileSize) + " alloc=" + to_string(allocSize) + " last=" + to_string(allOnes),
+                  Result(ReadConf(), "FS_SetFileSizes"));
 }

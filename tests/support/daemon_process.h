@@ -34,8 +34,6 @@ class DaemonProcess {
   // libDir: KESTRIX_LIBDIR, by default an empty directory of the test's own.
   DaemonProcess() { std::filesystem::create_directory(libDir_); }
   ~DaemonProcess() { Stop(); }
-  DaemonProcess(const DaemonProcess&) = delete;
-  DaemonProcess& operator=(const DaemonProcess&) = delete;
 
   void SetEnv(const std::string& name, const std::string& value) { env_[name] = value; }
   void SetPort(uint16_t port) { port_ = port; }

@@ -11,9 +11,8 @@
 namespace kestrix::test {
 
 void UsePrivateMounts() {
-  static const bool done =
+  [[maybe_unused]] static const bool done =
       unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-  (void)done;
 }
 
 std::string FindProgram(const std::string& name) {

@@ -22,9 +22,7 @@ namespace kestrix::test {
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class TempDir {
  public:
-  TempDir() {
-    const char* base = getenv("TMPDIR");
-    path_ = std::string(base && *base ? base : "/tmp") + "/kestrix-test-XXXXXX";
+  TempDir() : path_(std::filesystem::temp_directory_path() / "kestrix-test-XXXXXX") {
     if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   }
   ~TempDir() {
@@ -86,8 +84,6 @@ class LogCapture {
     static int defaultLevel = 2;
     OSL_SetLog(&defaultLevel, "SCREEN", "kestrixd");
   }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   std::string Text() const { return ReadFile(path_); }
   std::vector<std::string> Lines() const { return SplitLines(Text()); }
