@@ -56,7 +56,7 @@ TEST(DaemonOptionsE2E, LogFileNameOf99CharactersAndATakenPort) {
 TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
   TempDir dir;
   const std::string log = dir.File("forked.log");
-  const uint16_t port = FreeUdpPort();
+  const uint16_t port = FreeLoopbackPort();
   RunResult parent = RunToExit(KESTRIXD_BINARY, {"-f", log, "-l", "4"},
                                {{"KESTRIX_PORT", std::to_string(port)}, {"KESTRIX_LIBDIR", dir.path()},
                                 {"KESTRIX_SMBPATH", dir.File("none.conf")}});

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "client/kxclient.h"
 #include "support/daemon_process.h"
@@ -13,6 +15,17 @@
 namespace kestrix::test {
 
 using client::Bytes;
+
+// A JSON document flattened for assertions: {"a":[1,"x"]} gives "/a/0" -> "1"
+// and "/a/1" -> "x". Empty when the text is not one well-formed document.
+inline std::map<std::string, std::string> FlatJson(const std::string& text) {
+  std::map<std::string, std::string> flat;
+  const nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
+  const nlohmann::json leaves = doc.is_discarded() ? nlohmann::json::object() : doc.flatten();
+  for (const auto& [key, value] : leaves.items())
+    flat[key] = value.is_string() ? value.get<std::string>() : value.dump();
+  return flat;
+}
 
 // The 48-byte reply the LAN server makes from a request header.
 inline Bytes ExpectedLanReply(const Bytes& requestHeaderInHostOrder, int result) {

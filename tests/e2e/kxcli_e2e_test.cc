@@ -11,7 +11,6 @@
 
 #include "client/kxsession.h"
 #include "e2e/e2e_util.h"
-#include "support/flat_json.h"
 
 namespace kestrix::test {
 namespace {
@@ -23,7 +22,7 @@ class KxCliE2E : public MapE2E {
   std::pair<int, Json> Cli(std::vector<std::string> args) {
     args.insert(args.begin(), {"--json", "-p", std::to_string(daemon_.port())});
     RunResult r = RunToExit(KESTRIX_CLI, args, {});
-    return {r.exitStatus, FlatJson::Parse(r.standardOutput)};
+    return {r.exitStatus, FlatJson(r.standardOutput)};
   }
 };
 
@@ -51,27 +50,27 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
       auto [exitStatus, json] = Cli(args);
       EXPECT_EQ(exitStatus, status) << args[0] << " " << swapped;
       EXPECT_FALSE(json.empty()) << args[0];
-      json.erase("messageID");
+      json.erase("/messageID");
       docs[swapped].push_back(json);
     }
     EXPECT_EQ(MapCalls(Fs("liba.so")), "map 0 -1 0|size 100 -1|map 65536 -1 0|size 100000 -1|unlock|");
   }
   EXPECT_EQ(docs[0], docs[1]);
   std::vector<Json>& d = docs[0];
-  EXPECT_EQ(std::tuple(d[0]["nDisks"], d[0]["disks.0.IDlength"], d[0]["disks.0.nBlocks"]),
+  EXPECT_EQ(std::tuple(d[0]["/nDisks"], d[0]["/disks/0/IDlength"], d[0]["/disks/0/nBlocks"]),
             std::tuple("1", "16", "100000"));
-  EXPECT_EQ(std::tuple(d[1]["result"], d[2]["cookie"].substr(0, 10)), std::tuple("3", "766f6c2d61"));
-  EXPECT_EQ(std::tuple(d[3]["key"], d[3]["extents.1.logical"], d[3]["extents.1.kind"]),
+  EXPECT_EQ(std::tuple(d[1]["/result"], d[2]["/cookie"].substr(0, 10)), std::tuple("3", "766f6c2d61"));
+  EXPECT_EQ(std::tuple(d[3]["/key"], d[3]["/extents/1/logical"], d[3]["/extents/1/kind"]),
             std::tuple("0", "65536", "data"));
-  EXPECT_EQ(std::tuple(d[4]["result"], d[4]["lease"], d[4]["nExtents"]), std::tuple("0", "5000", "2"));
-  EXPECT_EQ(std::tuple(d[7]["result"], d[7]["resultName"]), std::tuple("407", "no lease with that key"));
-  EXPECT_EQ(std::tuple(d[8]["result"], d[8]["functionCode"]), std::tuple("8", "-9"));
+  EXPECT_EQ(std::tuple(d[4]["/result"], d[4]["/lease"], d[4]["/nExtents"]), std::tuple("0", "5000", "2"));
+  EXPECT_EQ(std::tuple(d[7]["/result"], d[7]["/resultName"]), std::tuple("407", "no lease with that key"));
+  EXPECT_EQ(std::tuple(d[8]["/result"], d[8]["/functionCode"]), std::tuple("8", "-9"));
 
   // No daemon, and usage errors.
-  RunResult none = RunToExit(KESTRIX_CLI, {"getvolume", "data", "--json", "-p", std::to_string(FreeUdpPort()),
+  RunResult none = RunToExit(KESTRIX_CLI, {"getvolume", "data", "--json", "-p", std::to_string(FreeLoopbackPort()),
                                            "-t", "100", "-r", "1"}, {});
   EXPECT_EQ(none.exitStatus, 2);
-  EXPECT_NE(FlatJson::Parse(none.standardOutput)["error"].find("after 2 attempts"), std::string::npos);
+  EXPECT_NE(FlatJson(none.standardOutput)["/error"].find("after 2 attempts"), std::string::npos);
   EXPECT_EQ(Cli({"getvolume"}).first, 1);
   EXPECT_EQ(Cli({"open", "data", "f", "--disk", "/dev/null"}).first, 1);
 }

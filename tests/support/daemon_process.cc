@@ -1,9 +1,7 @@
 #include "support/daemon_process.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,18 +46,6 @@ void Kill(pid_t pid, int signal) {
 
 }  // namespace
 
-uint16_t FreeUdpPort() {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(fd);
-  return ntohs(addr.sin_port);
-}
-
 RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
                     int timeoutMs) {
   TempDir dir;
@@ -73,7 +59,7 @@ RunResult RunToExit(const std::string& program, const std::vector<std::string>& 
 }
 
 bool DaemonProcess::Start(const std::vector<std::string>& extraArgs, int timeoutMs) {
-  if (port_ == 0) port_ = FreeUdpPort();
+  if (port_ == 0) port_ = FreeLoopbackPort();
   Env env = env_;
   env["KESTRIX_PORT"] = std::to_string(port_);
   env["KESTRIX_LIBDIR"] = libDir_;

@@ -11,14 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "client/kxclient.h"
 #include "support/test_util.h"
 
 namespace kestrix::test {
 
 using Env = std::map<std::string, std::string>;
-
-// A UDP port on 127.0.0.1 that was free a moment ago.
-uint16_t FreeUdpPort();
+using client::FreeLoopbackPort;  // a UDP port on 127.0.0.1 free a moment ago
 
 struct RunResult {
   int exitStatus = -1;  // -1 when the process did not exit normally

@@ -133,7 +133,7 @@ TEST(ListenerTest, TheReceiveLockSerialisesCallbacksWithoutLosingDatagrams) {
   for (bool locked : {true, false}) {
     g_most = 0, g_handled = 0;
     SetReceiveLock(locked ? lock : nullptr);
-    const uint16_t port = test::FreeUdpPort();
+    const uint16_t port = client::FreeLoopbackPort();
     ASSERT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), 0);
     EXPECT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), DGRAM_BIND_FAILED);
     client::Endpoint sender("127.0.0.1", port);
