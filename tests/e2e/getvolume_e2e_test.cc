@@ -53,6 +53,13 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
     EXPECT_EQ(Get(path, cookie), std::pair(result, size_t{272})) << path << cookie;
   EXPECT_EQ(Fs("liba.so").CountCalls("FS_GetVolByCookie"), 1);
   EXPECT_TRUE(daemon_.WaitForLog("Error FTX1201W OSL_ShareNameToMountPoint failed name is : nosuch\n"));
+  // 1023 lone high surrogates cost one line, not one per unit.
+  Bytes broken = client::MakeGetVolumeRequest("");
+  for (size_t i = 0; i < 1023; ++i) client::Write<uint16_t>(broken, 180 + 2 * i, 0xD800);
+  EXPECT_EQ(Read<int32_t>(Ask(broken), 48), 3);
+  EXPECT_EQ(CountOf(daemon_.Log(), "Error utf16array_to_utf8asciz: 1022 invalid surrogates in one text, "
+                                   "the first d800 , d800 \n"), 1);
+  EXPECT_EQ(CountOf(daemon_.Log(), "utf16array_to_utf8asciz"), 2);
 
   Fs("liba.so").Configure("volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
                           "result FS_GetVolByCookie 7\n");

@@ -1,5 +1,9 @@
 // The map requests end to end: GetInitialMap, GetExtendedMap, SetSize and
-// Close, their replies and the calls testfs records.
+// Close, their replies and the calls testfs records; leases across requests,
+// their expiry by the purge thread and many clients at once.
+#include <set>
+#include <thread>
+
 #include "e2e/e2e_util.h"
 
 namespace kestrix::test {
@@ -10,8 +14,8 @@ using GetInitialMapE2E = MapE2E;
 using GetExtendedMapE2E = MapE2E;
 using SetSizeE2E = MapE2E;
 using CloseE2E = MapE2E;
+using LeaseE2E = MapE2E;
 const std::string kFile = "file /export/data/f vol-a file-f\n";
-
 
 TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
   TestFs fs = Serve("");
@@ -74,6 +78,22 @@ TEST_F(GetInitialMapE2E, SameRequestAgainRenewsItsOwnLease) {
   EXPECT_EQ(fs.CountCalls("FS_GetLockedMap"), 3);
 }
 
+// The large reply buffers are used again; none of an earlier reply's bytes reach a later one.
+TEST_F(GetInitialMapE2E, ALaterReplyCarriesNoBytesOfAnEarlierOne) {
+  const std::string file = "file /export/data/f vol-a file-f\nmap.extentType 1\n";
+  TestFs fs = Serve(file + "map.nExtents 400\n");
+  Start({"-l", "2"});
+  // 400 extents of 32 bytes: the map reaches far into the buffer.
+  ASSERT_EQ(Open("f").map.extents.size(), 400u);
+  // Now the library writes only the map's fixed part but claims as many
+  // bytes; what it did not write reads as zero, not as the earlier extents.
+  fs.Configure(file + "map.nExtents 0\nmap.msgLen 12864\n");
+  const Bytes reply = Send(client::MakeGetInitialMapRequest("data", "f"));
+  ASSERT_EQ(reply.size(), 160u + 12864 + 2);
+  EXPECT_EQ(std::count(reply.begin() + 160 + 64, reply.end(), 0),
+            static_cast<std::ptrdiff_t>(reply.size() - 224));
+}
+
 TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
   const auto rows = {
       std::tuple{-1, 8192, 0, "", 0, "map 8192 -1 4|", 5000u, 244u},  // read rules, to the end
@@ -81,6 +101,7 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
       {5, 0, 0, "result FS_SetFileSizes 7", 7, "size 5 -1|", 0u, 162u},
       {-1, 0, 0, "result FS_GetLockedMap 12", 12, "map 0 -1 4|", 0u, 244u},
       {-1, 0, 0, "map.msgLen 70000", 0, "map 0 -1 4|", 5000u, 65507u},  // one datagram at most
+      {-1, 0, 0, "map.msgLen -100000", 0, "map 0 -1 4|", 5000u, 162u},  // the fixed part only
       {-1, 0, 0, "map.msgLen 70000\nresult FS_GetLockedMap 1", 1, "map 0 -1 4|", 0u, 184u}};
   TestFs fs = Serve(kFile);
   Start();
@@ -142,6 +163,52 @@ TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
   EXPECT_EQ(MapCalls(fs), "");
   EXPECT_EQ(Result(client::MakeCloseRequest(second)), 0);
   EXPECT_EQ(MapCalls(fs), "unlock|");
+}
+
+const std::string kFiles = kFile + "file /export/data/g vol-a file-g\n";
+
+TEST_F(LeaseE2E, UnrenewedLeasesArePurgedAndOnlyTheLastOnAFileUnlocks) {
+  TestFs fs = Serve(kFiles);
+  Start();
+  for (const char* file : {"f", "f", "g"}) Open(file, {-1, -1, 1, 1});  // 1 ms, then the grace
+  ASSERT_TRUE(PollUntil([&] { return CountOf(daemon_.Log(), "Purged lease") == 3; }, 45000));
+  // The purge holds the lease list until its walk ends, so this waits for its unlocks.
+  EXPECT_EQ(Result(client::MakeCloseRequest(0)), 407);
+  std::multiset<std::string> unlocked;
+  for (const CallRecord& c : fs.Calls("FS_UnlockMap")) unlocked.insert(c.Get("file"));
+  EXPECT_EQ(unlocked, (std::multiset<std::string>{"file-f", "file-g"}));
+}
+
+TEST_F(LeaseE2E, ConcurrentClientsNeitherLoseNorDoubleALease) {
+  Serve(kFiles);
+  Start({"-s", "0", "-t", "10"});
+  constexpr int kThreads = 4, kRounds = 50;
+  std::vector<std::set<uint32_t>> keys(kThreads);
+  std::atomic<int> failures{0};
+  auto client = [&](int t) {
+    client::Endpoint endpoint("127.0.0.1", daemon_.port());
+    uint64_t id = static_cast<uint64_t>(t + 1) << 32;
+    auto ask = [&](Bytes request) {
+      client::Write(request, 8, ++id);
+      const Bytes reply = endpoint.Transact(request, 10000).value_or(Bytes(60, 0xFF));
+      failures += client::Read<int32_t>(reply, 48) != 0;
+      return reply;
+    };
+    for (int round = 0; round < kRounds; ++round) {
+      const uint32_t key = client::Read<uint32_t>(
+          ask(client::MakeGetInitialMapRequest("data", (t + round) % 2 ? "f" : "g")), 56);
+      keys[t].insert(key);
+      ask(client::MakeGetExtendedMapRequest(key, 0, 0));
+      ask(client::MakeSetSizeRequest(key, round));
+      ask(client::MakeCloseRequest(key));
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(client, t);
+  for (std::thread& thread : threads) thread.join();
+  std::set<uint32_t> all;
+  for (const auto& some : keys) all.insert(some.begin(), some.end());
+  EXPECT_EQ(std::tuple(failures.load(), all.size()), std::tuple(0, size_t{kThreads * kRounds}));
 }
 
 }  // namespace

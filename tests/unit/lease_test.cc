@@ -1,7 +1,8 @@
-// The lease list in process, for what the end-to-end tests cannot arrange:
-// key wrap-around, a negative duration, no memory, the caller's library on
-// the last unlock, unknown keys leaving every output alone, and the indexes
-// finding what a walk of the newest-first list would.
+// Leases in process, for what the end-to-end tests cannot arrange: durations
+// from the libraries' maxima, key wrap-around, a negative duration, no
+// memory, the caller's library on the last unlock, unknown keys leaving every
+// output alone, the indexes finding what a walk of the newest-first list
+// would, and the purge at the exact millisecond, across a clock wrap.
 #include "sp/lease.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,33 @@
 #include "utils/osl.h"
 
 namespace {
+
+// A CalcLease case. lib: none, the fake (answering result, read, write), no slot, no cookie.
+struct Row { FSLONG asked; FSULONG intention; int lib; FSLONG result, read, write, lease; };
+const Row* g_row = nullptr;
+FSLONG FakeGetMaxLeases(const uint8_t*, FSLONG* readMax, FSLONG* writeMax) {
+  *readMax = g_row->read;
+  *writeMax = g_row->write;
+  return g_row->result;
+}
+
+TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
+  FsLibrary lib{}, noSlot{};
+  lib.FS_GetMaxLeases = FakeGetMaxLeases;
+  FsLibrary* const libs[] = {nullptr, &lib, &noSlot, &lib};
+  const uint8_t vol[FS_COOKIE_SIZE] = {};
+  // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day.
+  const Row rows[] = {
+      {0, 1, 0, 0, 0, 0, 5000}, {0, 0, 0, 0, 0, 0, 3600000}, {20000, 1, 1, 0, 10, 1000, 10000},
+      {0, 0, 1, 0, 0, 0, 3600000}, {100000000, 0, 1, 0, 0, 0, 86400000}, {-5, 1, 1, 0, 10, 10, -5},
+      {20000, 1, 1, 3, 1, 1, 20000}, {99999, 1, 2, 0, 1, 1, 99999}, {99999, 1, 3, 0, 1, 1, 99999},
+      {800000000, 1, 1, 0, 5000000, 1, 705032704}};  // 5000000 s wraps to a positive count
+  for (const Row& r : rows) {
+    g_row = &r;
+    EXPECT_EQ(r.lease, CalcLease(r.asked, r.intention, libs[r.lib], r.lib == 3 ? nullptr : vol))
+        << "row " << &r - rows;
+  }
+}
 
 using Cookie = std::array<uint8_t, FS_COOKIE_SIZE>;
 uint32_t g_now = 1000;
@@ -34,7 +62,7 @@ class LeaseListTest : public ::testing::Test {
   }
   void TearDown() override { kestrix::SetClockForTesting(nullptr); }
 
-  // Adds a lease on file f for request m of sender c; expects the given result.
+  // Adds a lease on file f (volume 9) for request m of sender c; expects the given result.
   FSULONG Add(uint8_t f, uint8_t c = 1, uint8_t m = 1, FsLibrary* lib = nullptr,
               FSULONG duration = 5000, int result = 0) {
     const Cookie vol{9}, file{f};
@@ -127,6 +155,35 @@ TEST_F(LeaseListTest, WrappedKeysFindTheNewestLeaseFirstAcrossIndexGrowth) {
     EXPECT_EQ(0, RemoveLeaseFromList(key, vol.data(), file.data(), &libA_, "SP_LANClose"));
   EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 1}, {0, 3}}), g_unlocks);
   EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, idle));
+}
+
+bool Holds(FSULONG key) { LeaseEntry copy; return GetLeaseCopy(key, &copy) == 0; }
+
+TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
+  Add(8, 1, 1, nullptr, 900000);  // key 0 outlives the test
+  FSMDCSP_DumpKeyList();
+  EXPECT_TRUE(log_.Contains("Debug1 Key List Start\nDebug1   key: 0x0\nDebug1   volcookie:09\n"
+                            "Debug1   filecookie:08\nDebug1 \nDebug1 Key List End\n"));
+  const int32_t start = g_kmemstat;
+  for (auto [file, sender] : {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
+    Add(file, sender);
+  // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
+  g_now = 0xFFFFFC17u;
+  Add(2, 1, 1, nullptr, 7000);  // key 4
+  const uint8_t noLib[FS_COOKIE_SIZE] = {3};  // key 5: no library to unlock with
+  FSULONG key5;
+  EXPECT_EQ(0, AddLeaseToList(noLib, noLib, noLib, noLib, 1, 5000, &key5, nullptr, nullptr));
+  g_now = 1000 + 5000 + 29999;
+  EXPECT_EQ(0, PurgeLeaseList());
+  EXPECT_TRUE(Holds(1) && Holds(2) && Holds(3) && Holds(4) && g_unlocks.empty());
+  g_now = 1000 + 5000 + 30000;
+  EXPECT_EQ(0, PurgeLeaseList());
+  EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4) && !Holds(5));
+  EXPECT_EQ(start, g_kmemstat);
+  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}), g_unlocks);  // one unlock per file
+  EXPECT_FALSE(log_.Contains("purging expired lease 0x3\n"));  // met first, leaves it to key 2
+  EXPECT_TRUE(log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "
+                            "time:36000\nDebug1 purging expired lease 0x1\n"));
 }
 
 }  // namespace

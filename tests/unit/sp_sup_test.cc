@@ -1,4 +1,4 @@
-// Request and reply bodies: byte-order converters, dumps and reply lengths.
+// Request and reply bodies: byte-order converters and dumps.
 #include "sp/sp_sup.h"
 
 #include <gtest/gtest.h>
@@ -115,23 +115,6 @@ TEST(SpSupDumpTest, EachMessageKindAsText) {
     for (const std::string& line : want) EXPECT_EQ(std::count(got.begin(), got.end(), line), 1) << line;
     EXPECT_EQ(got.empty() ? "" : got.back(), want.empty() ? "" : want.back());
   }
-}
-
-// What the replies a client gets cannot show: no disks and no text, a text
-// running to the end of a buffer of just the reply's size, a negative msgLen.
-TEST(SpSupLengthTest, VolumeAndMapReplies) {
-  using namespace kestrix;
-  Buffer b(65536), t(SP_GETVOLUME_REPLY_SIZE);
-  EXPECT_EQ(GetVolumeReplyLength(b.As<GetVolumeReply>(), 65536), 274u);
-  std::fill_n(t.As<FSUNI>(152), 60, 'z');
-  EXPECT_EQ(GetVolumeReplyLength(t.As<GetVolumeReply>(), 272), 272u);
-  EXPECT_EQ(GetExtendedMapReplyWantedLength(t.As<GetExtendedMapReply>(), 184), 160 + 2 * 17);
-  b.As<GetExtendedMapReply>()->map.msgLen = -100000;
-  EXPECT_EQ(GetExtendedMapReplyWantedLength(b.As<GetExtendedMapReply>(), 65536), -99838);
-  EXPECT_EQ(GetExtendedMapReplyLength(b.As<GetExtendedMapReply>(), 65536), 162u);
-  b.As<GetInitialMapReply>()->map.msgLen = 96;
-  PutText(b.As<FSUNI>(224), u"abc");
-  EXPECT_EQ(GetInitialMapReplyLength(b.As<GetInitialMapReply>(), 65536), 160u + 96 + 8);
 }
 
 }  // namespace
