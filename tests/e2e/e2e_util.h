@@ -33,7 +33,7 @@ inline Bytes ExpectedLanReply(const Bytes& requestHeaderInHostOrder, int result)
   LanHeader* h = client::HeaderOf(reply);
   h->byteOrder = 1;
   h->length = 48;
-  h->functionCode = -h->functionCode;
+  h->functionCode = static_cast<int32_t>(0u - static_cast<uint32_t>(h->functionCode));  // INT32_MIN: itself
   h->result = result;
   return reply;
 }

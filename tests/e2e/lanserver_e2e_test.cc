@@ -15,7 +15,7 @@ TEST_F(LanServerE2E, HeaderErrorsByteOrderAndCodesWithoutHandler) {
   Bytes shortOne = MakeRequest(3, 47, 0, "id-47");  // reserved bytes come back unchanged
   shortOne[40] = 0xAB, shortOne[47] = 0xCD, HeaderOf(shortOne)->revision = 77;
   EXPECT_EQ(Ask(shortOne), ExpectedLanReply(shortOne, 6));
-  for (int code : {0, 99, -1}) {
+  for (int32_t code : {0, 99, -1, INT32_MIN, INT32_MAX}) {
     const Bytes request = MakeRequest(code, 48, 0, "code");
     EXPECT_EQ(Ask(request), ExpectedLanReply(request, 8)) << code;
   }

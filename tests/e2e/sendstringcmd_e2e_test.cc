@@ -38,7 +38,7 @@ TEST_F(SendStringCmdE2E, LevelReachesLibrariesAndLinesFollowTheDestination) {
   Command("LOG|10|screen");
   for (const char* unchanged : {"LOG 5|SCREEN", "LOGX 5", ""}) Command(unchanged);
   Command("LOG|10|" + inject);
-  Probe("evil\nInfo forged");
+  Probe("evil %s%n\nInfo forged");  // directives are text
   Command("noop\nError forged\r\n");
   Bytes cut = client::MakeStringCommandRequest("noop|cut");  // no 0 unit in the datagram
   cut.resize(80 + 2 * 8);
@@ -59,7 +59,7 @@ TEST_F(SendStringCmdE2E, LevelReachesLibrariesAndLinesFollowTheDestination) {
                            "Debug1 Got command []\n"})
     EXPECT_EQ(CountOf(daemon_.Stdout(), line), 1) << line;
   const std::string injected = ReadFile(inject);
-  for (const char* line : {"SP path evil\\x0aInfo forged\n",
+  for (const char* line : {"SP path evil %s%n\\x0aInfo forged\n",
                            "Debug1 Got command [noop\\x0aError forged\\x0d\\x0a]\n",
                            "Debug1 Got command [noop|cut]\n"})
     EXPECT_EQ(CountOf(injected, line), 1) << line;

@@ -89,7 +89,6 @@ class LogCapture {
   std::vector<std::string> Lines() const { return SplitLines(Text()); }
   bool Contains(const std::string& needle) const { return Text().find(needle) != std::string::npos; }
   void Clear() { std::filesystem::remove(path_); }
-  void SetLevel(int level) { level_ = level; }
 
  private:
   TempDir dir_;

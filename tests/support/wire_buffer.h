@@ -25,9 +25,10 @@ struct Buffer {
 // A field marked with a leading '=' is a byte string that no conversion turns.
 using Puts = std::initializer_list<std::pair<size_t, std::string_view>>;
 
-// Writes the fields into b; with `turned` each unmarked field is reversed, as
-// the converter should leave it.
-inline void PutFields(Buffer& b, Puts puts, bool turned) {
+// n bytes holding the fields put; with `turned` each unmarked field is
+// reversed, as the converter should leave it.
+inline Buffer Fields(size_t n, Puts puts, bool turned) {
+  Buffer b(n);
   for (auto [at, hex] : puts)
     for (size_t k = 0, end; k < hex.size(); k = end + 1) {
       end = std::min(hex.find(' ', k), hex.size());
@@ -36,6 +37,7 @@ inline void PutFields(Buffer& b, Puts puts, bool turned) {
       for (k += keep; k < end; k += 2) b.bytes()[at++] = static_cast<uint8_t>(std::stoi(std::string(hex.substr(k, 2)), nullptr, 16));
       if (turned && !keep) std::reverse(field, b.bytes() + at);
     }
+  return b;
 }
 
 }  // namespace kestrix::test

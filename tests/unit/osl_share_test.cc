@@ -1,4 +1,5 @@
-// Share-name mapping against smb.conf and password files written by the tests.
+// Share-name mapping against smb.conf and password files written by the tests,
+// and the tokenizer that reads those files' separated lines.
 #include "utils/osl_share.h"
 
 #include <unistd.h>
@@ -6,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "support/test_util.h"
+#include "utils/token.h"
 #include "utils/utils.h"
 
 namespace kestrix::test {
@@ -96,6 +98,18 @@ TEST_F(ShareTest, HomesUsesTheHomeDirectoryFromThePasswordFile) {
   EXPECT_EQ(Map("~carol"), "result 3");
   SetPasswdPathForTesting(nullptr);  // the system's file, which names no such user
   EXPECT_EQ(Map("~no-such-user-of-kestrix"), "result 3");
+}
+
+// The edges of separated lines that the password file rarely shows.
+TEST(TokenTest, CountsAndCutsTokens) {
+  for (auto [text, count] : {std::pair{"a:b:", 2}, {":", 1}, {"", 0}}) EXPECT_EQ(token_getNumTokens(text, ':'), count) << text;
+  // A token is cut to the buffer; an index past the end gives the empty token.
+  for (const auto& [text, index, size, want] : std::vector<std::tuple<const char*, int32_t, int32_t, std::string>>{
+           {"ab:cdef", 1, 3, "cd"}, {"a:b", 3, 64, ""}, {"a:b", -1, 64, ""}, {"abc", 0, 0, "x"}}) {
+    char out[64] = "x";  // a size of 0 leaves the buffer alone
+    EXPECT_EQ(token_getToken(text, ':', index, out, size), out);
+    EXPECT_EQ(out, want) << text << " #" << index << " in " << size;
+  }
 }
 
 }  // namespace

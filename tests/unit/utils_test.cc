@@ -58,7 +58,7 @@ TEST(Utf8ToUtf16Test, DecodesAndRejectsMalformedInputOrTooLittleRoom) {
     const int32_t n = utf8array_to_utf16asciz(in.data(), int32_t(in.size()), out.data(), cap);
     EXPECT_EQ(out[cap], 0xEEEE) << "wrote past the capacity";
     EXPECT_EQ(n, count) << in;
-    if (n == count && n >= 0) EXPECT_EQ(Units(out.begin(), out.begin() + n), want) << in;
+    if (n == count && n >= 0) { EXPECT_EQ(Units(out.begin(), out.begin() + n), want) << in; }
   }
   // mb2fsuni terminates what it converted, even after a failure.
   for (const auto& [in, cap, want] : std::vector<std::tuple<std::string, int, Units>>{
