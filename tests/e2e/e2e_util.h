@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+
 #include <nlohmann/json.hpp>
 
 #include "client/kxclient.h"
