@@ -69,8 +69,9 @@ class Client {
   // returns the reply's result, resending the same datagram when the reply
   // is lost. *reply receives the reply.
   int Exchange(Bytes& request, bool tracked, Bytes* reply = nullptr) {
-    std::snprintf(reinterpret_cast<char*>(request.data()) + 8, LAN_MSGID_SIZE, "%d-%ld", id_,
-                  ++sequence_);
+    char text[32] = {};  // "client-sequence", its first 16 bytes the ID
+    std::snprintf(text, sizeof text, "%d-%ld", id_, ++sequence_);
+    std::memcpy(request.data() + 8, text, LAN_MSGID_SIZE);
     client::HeaderOf(request)->flags = tracked ? LAN_FLAG_TRACK : 0;
     retried_ = false;
     for (int attempt = 0; attempt < 3; ++attempt, retried_ = true) {

@@ -5,12 +5,14 @@
 #include "spmsgs.h"
 
 #include <arpa/inet.h>
+#include <linux/errqueue.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace kestrix::client {
@@ -42,6 +44,9 @@ Endpoint::Endpoint(const std::string& host, uint16_t port) {
   // A loopback peer answers a loopback sender; any other needs a routable one.
   bool loopback = (ntohl(peer.sin_addr.s_addr) >> 24) == 127;
   local.sin_addr.s_addr = htonl(loopback ? INADDR_LOOPBACK : INADDR_ANY);
+  // ICMP errors (port unreachable) reach an unconnected socket only this way.
+  const int on = 1;
+  setsockopt(fd_, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
   if (bind(fd_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
     close(fd_);
     fd_ = -1;
@@ -66,8 +71,23 @@ bool Endpoint::Send(const Bytes& datagram) {
 }
 
 std::optional<Bytes> Endpoint::Receive(int timeoutMs) {
+  refused_ = false;
   pollfd p{fd_, POLLIN, 0};
   if (poll(&p, 1, timeoutMs) <= 0) return std::nullopt;
+  if (!(p.revents & POLLIN)) {  // an error queued for an earlier datagram: taken off the queue
+    char control[256];
+    msghdr m{};
+    m.msg_control = control;
+    m.msg_controllen = sizeof control;
+    if (recvmsg(fd_, &m, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) return std::nullopt;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&m); c != nullptr; c = CMSG_NXTHDR(&m, c)) {
+      sock_extended_err e;
+      if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_RECVERR) continue;
+      std::memcpy(&e, CMSG_DATA(c), sizeof e);
+      refused_ = e.ee_errno == ECONNREFUSED;
+    }
+    return std::nullopt;
+  }
   Bytes buffer(65536);
   ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
   if (n < 0) return std::nullopt;

@@ -27,14 +27,17 @@ class Endpoint {
   bool ok() const { return fd_ >= 0; }
   uint16_t localPort() const;
   bool Send(const Bytes& datagram);
-  // The next datagram, or nothing after timeoutMs.
+  // The next datagram, or nothing after timeoutMs, or nothing at once when
+  // the peer's host reports that no socket listens on the port (refused()).
   std::optional<Bytes> Receive(int timeoutMs);
+  bool refused() const { return refused_; }
   // Send and wait for one reply.
   std::optional<Bytes> Transact(const Bytes& request, int timeoutMs = 2000);
 
  private:
   int fd_ = -1;
   uint8_t peer_[16] = {};  // sockaddr_in of the daemon
+  bool refused_ = false;
 };
 
 // A UDP port on 127.0.0.1 that was free a moment ago, for a daemon started

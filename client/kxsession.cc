@@ -119,6 +119,7 @@ std::optional<Bytes> Client::Call(Bytes request) {
 
   using Clock = std::chrono::steady_clock;
   const int tries = 1 + std::max(0, options_.retries);
+  int refusals = 0;  // attempts the daemon's host answered with "port unreachable"
   for (attempts_ = 1; attempts_ <= tries; ++attempts_) {
     if (!endpoint_->Send(request)) {
       error_ = "cannot send to " + peer() + ": " + std::strerror(errno);
@@ -130,7 +131,11 @@ std::optional<Bytes> Client::Call(Bytes request) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
       if (left.count() < 0) break;
       std::optional<Bytes> reply = endpoint_->Receive(static_cast<int>(left.count()));
-      if (!reply) break;
+      if (!reply) {
+        refusals += endpoint_->refused();
+        if (endpoint_->refused() || Clock::now() >= deadline) break;
+        continue;  // another host's error: the wait goes on
+      }
       if (reply->size() >= LAN_HEADER_SIZE &&
           std::memcmp(reply->data() + offsetof(LanHeader, messageID), id, sizeof id) == 0) {
         error_.clear();
@@ -140,9 +145,12 @@ std::optional<Bytes> Client::Call(Bytes request) {
     }
   }
   attempts_ = tries;
-  error_ = "no reply from " + peer() + " after " + std::to_string(tries) + " attempt" +
-           (tries == 1 ? "" : "s") + " of " + std::to_string(options_.timeoutMs) +
-           " ms (is kestrixd running on that port?)";
+  if (refusals == tries)
+    error_ = "nothing listens on " + peer() + ": connection refused (is kestrixd running on that port?)";
+  else
+    error_ = "no reply from " + peer() + " after " + std::to_string(tries) + " attempt" +
+             (tries == 1 ? "" : "s") + " of " + std::to_string(options_.timeoutMs) +
+             " ms (is kestrixd running on that port?)";
   return std::nullopt;
 }
 

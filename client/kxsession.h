@@ -42,7 +42,8 @@ class Client {
   const ClientOptions& options() const { return options_; }
   // The daemon's address as dialled ("127.0.0.1:5501").
   std::string peer() const;
-  // Why the last call has no reply ("no reply from ... after 3 attempts").
+  // Why the last call has no reply ("no reply from ... after 3 attempts",
+  // "nothing listens on ...: connection refused").
   const std::string& error() const { return error_; }
   // Attempts the last call made (1 when the first one was answered).
   int attempts() const { return attempts_; }
