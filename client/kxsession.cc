@@ -129,14 +129,13 @@ std::optional<Bytes> Client::Call(Bytes request) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(options_.timeoutMs);
     for (;;) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-      if (left.count() < 0) break;
+      if (left.count() <= 0) break;
       std::optional<Bytes> reply = endpoint_->Receive(static_cast<int>(left.count()));
-      if (!reply) {
-        refusals += endpoint_->refused();
-        if (endpoint_->refused() || Clock::now() >= deadline) break;
-        continue;  // another host's error: the wait goes on
+      if (!reply && endpoint_->refused()) {
+        ++refusals;
+        break;
       }
-      if (reply->size() >= LAN_HEADER_SIZE &&
+      if (reply && reply->size() >= LAN_HEADER_SIZE &&
           std::memcmp(reply->data() + offsetof(LanHeader, messageID), id, sizeof id) == 0) {
         error_.clear();
         replied_ = true;
