@@ -11,7 +11,7 @@ JOBS       ?= 2
 FUZZ_SECONDS ?= 120
 SOAK_SECONDS ?= 120
 
-.PHONY: all build asan tsan run test unit e2e test-asan bench fuzz soak coverage ratio install package clean
+.PHONY: deps all build asan tsan run test unit e2e test-asan bench fuzz soak coverage ratio install package clean
 
 all: build
 
@@ -33,7 +33,12 @@ run:
 	@cmake --build $(RUN_BUILD) --target kestrixd localfs kestrix-cli
 	@scripts/demo.sh $(RUN_BUILD)
 
-test: build asan tsan
+# What the tests need, installed when missing (as root), else the line to run.
+deps:
+	@scripts/install-deps
+
+test: deps
+	@$(MAKE) --no-print-directory build asan tsan
 	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --test-dir $(ASAN_BUILD) -j$(JOBS) --output-on-failure
@@ -65,8 +70,7 @@ soak: build tsan
 
 # Line and branch coverage of the product code by the unit and end-to-end
 # tests: an HTML report in $(COV_BUILD)/coverage/, the totals on the screen.
-coverage:
-	@command -v gcovr >/dev/null || { echo "make coverage needs gcovr (apt-get install gcovr)"; exit 1; }
+coverage: deps
 	@cmake -S . -B $(COV_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKESTRIX_COVERAGE=ON >/dev/null
 	@cmake --build $(COV_BUILD)
 	@find $(COV_BUILD) -name '*.gcda' -delete
