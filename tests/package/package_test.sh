@@ -48,7 +48,8 @@ wants=/etc/systemd/system/multi-user.target.wants/kestrixd.service
 
 # The installed daemon loads the installed plug-in from its fixed directory.
 port=$((20000 + RANDOM % 40000))
-KESTRIX_PORT=$port KESTRIX_LOCALFS_CONF=/etc/kestrix/localfs.conf /usr/sbin/kestrixd -d -l 4 -f "$work/log" &
+KESTRIX_PORT=$port KESTRIX_LOCALFS_CONF=/etc/kestrix/localfs.conf KESTRIX_ADMIN_SOCKET="$work/admin.sock" \
+  /usr/sbin/kestrixd -d -l 4 -f "$work/log" &
 dpid=$!
 for _ in $(seq 100); do grep -q "kestrixd started" "$work/log" 2>/dev/null && break; sleep 0.1; done
 grep -q "Successfully loaded library /opt/Kestrix/lib/localfs.so" "$work/log" ||
