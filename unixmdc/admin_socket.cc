@@ -109,6 +109,17 @@ void Send(int fd, std::string answer) {
   }
 }
 
+// After the answer, the rest of what the peer sent is read and dropped, a
+// bounded amount for a bounded time, so that closing with unread input does
+// not reset the connection before the peer has read the answer.
+void Finish(int fd) {
+  shutdown(fd, SHUT_WR);
+  char buffer[4096];
+  pollfd p{fd, POLLIN, 0};
+  for (int i = 0; i < 16 && poll(&p, 1, 200) == 1 && recv(fd, buffer, sizeof buffer, 0) > 0; ++i) {
+  }
+}
+
 void Serve(int fd) {
   ucred peer{};
   socklen_t size = sizeof peer;
@@ -134,6 +145,7 @@ void* AdminThread(void* listener) {
       continue;
     }
     Serve(connection);
+    Finish(connection);
     close(connection);
   }
 }

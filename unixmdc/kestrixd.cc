@@ -158,7 +158,7 @@ namespace kestrix {
 void StartOperatorInterfaces(const std::string& adminSocket, const std::string& metrics) {
   std::string why;
   if (adminSocket.empty()) {
-    OSL_Log(KSX_INFO, "kestrixd: no admin socket.\n");
+    // Turned off: nothing to make and nothing to say.
   } else if (StartAdminSocket(adminSocket, &why)) {
     OSL_Log(KSX_PRINT, "kestrixd: admin socket %s\n", LogSafe(adminSocket.c_str()).c_str());
   } else {
