@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -269,6 +270,12 @@ TEST_F(AdminE2E, MetricsCountAKnownSequenceOfRequests) {
                              {"kestrix_log_lines_totallevel=Print", prints()}})
     EXPECT_EQ(samples.count(name) != 0 ? samples[name] : -1, value) << name;
   EXPECT_GT(samples["kestrix_allocator_bytes"], 0);
+  // Every series the Grafana dashboard asks for is served.
+  const std::string dashboard = ReadFile(KESTRIX_GRAFANA_DASHBOARD);
+  const std::regex series("kestrix_[a-z_]+");
+  for (std::sregex_iterator m(dashboard.begin(), dashboard.end(), series), end; m != end; ++m)
+    EXPECT_TRUE(std::any_of(samples.begin(), samples.end(), [&](const auto& s) { return s.first.rfind(m->str(), 0) == 0; }))
+        << m->str();
   // The admin socket shows the same counters.
   EXPECT_NE(Cli({"stats"}).standardOutput.find("kestrix_header_refused_total 1\n"), std::string::npos);
 }
