@@ -121,6 +121,8 @@ void Finish(int fd) {
 }
 
 void Serve(int fd) {
+  const timeval sendTimeout{kAdminTimeoutMs / 1000, (kAdminTimeoutMs % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
   ucred peer{};
   socklen_t size = sizeof peer;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
@@ -128,8 +130,6 @@ void Serve(int fd) {
     OSL_Log(KSX_ERROR, "kestrixd: admin request from uid %u refused\n", static_cast<unsigned>(peer.uid));
     return Send(fd, Error("permission denied"));
   }
-  const timeval sendTimeout{kAdminTimeoutMs / 1000, (kAdminTimeoutMs % 1000) * 1000};
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
   std::string line, why;
   if (!ReadRequest(fd, &line, &why)) return Send(fd, Error(why));
   const std::string who = "uid " + std::to_string(peer.uid) + " pid " + std::to_string(peer.pid);

@@ -49,7 +49,6 @@ ClientMetric Histogram(const stats::Histogram& h, std::vector<ClientMetric::Labe
                              : std::numeric_limits<double>::infinity();
     m.histogram.bucket.push_back({cumulative, bound});
   }
-  // The count is the buckets' sum, so that it always equals the +Inf bucket.
   m.histogram.sample_count = cumulative;
   m.histogram.sample_sum = static_cast<double>(h.sumNs.load(std::memory_order_relaxed)) / kNsPerSecond;
   return m;

@@ -23,14 +23,10 @@ struct FunctionCounters {
   Histogram latency;
 };
 
-struct LibraryCounters {
-  std::atomic<uint64_t> calls{0};
-  Histogram latency;
-};
 
 bool s_enabled = false;
 std::array<FunctionCounters, kFunctionSlots> s_functions;
-std::array<LibraryCounters, kLibraryEntries> s_library;
+std::array<Histogram, kLibraryEntries> s_library;
 std::atomic<uint64_t> s_headerRefused{0}, s_leasesExpired{0}, s_leasesRevoked{0};
 std::array<std::atomic<uint64_t>, kLogLevels> s_logLines{};
 
@@ -65,8 +61,13 @@ void Histogram::Observe(uint64_t ns) {
   size_t i = 0;
   while (i < kBucketBoundsNs.size() && ns > kBucketBoundsNs[i]) ++i;
   buckets[i].fetch_add(1, kRelaxed);
-  count.fetch_add(1, kRelaxed);
   sumNs.fetch_add(ns, kRelaxed);
+}
+
+uint64_t Histogram::Count() const {
+  uint64_t n = 0;
+  for (const auto& bucket : buckets) n += bucket.load(kRelaxed);
+  return n;
 }
 
 const char* FunctionName(int slot) { return kFunctionNames[slot]; }
@@ -106,8 +107,7 @@ int64_t ReplyResult(const LanHeader* reply) {
 void CountHeaderRefused() { s_headerRefused.fetch_add(1, kRelaxed); }
 
 void CountLibraryCall(int entry, uint64_t elapsedNs) {
-  s_library[entry].calls.fetch_add(1, kRelaxed);
-  s_library[entry].latency.Observe(elapsedNs);
+  s_library[entry].Observe(elapsedNs);
 }
 
 void CountLeasesExpired(uint64_t n) { s_leasesExpired.fetch_add(n, kRelaxed); }
@@ -131,8 +131,8 @@ const Histogram& RequestLatency(int functionSlot) { return s_functions[functionS
 uint64_t OtherResults(int functionSlot) {
   return s_functions[functionSlot].otherResults.load(kRelaxed);
 }
-uint64_t LibraryCalls(int entry) { return s_library[entry].calls.load(kRelaxed); }
-const Histogram& LibraryLatency(int entry) { return s_library[entry].latency; }
+uint64_t LibraryCalls(int entry) { return s_library[entry].Count(); }
+const Histogram& LibraryLatency(int entry) { return s_library[entry]; }
 uint64_t HeaderRefused() { return s_headerRefused.load(kRelaxed); }
 uint64_t LeasesExpired() { return s_leasesExpired.load(kRelaxed); }
 uint64_t LeasesRevoked() { return s_leasesRevoked.load(kRelaxed); }

@@ -27,11 +27,13 @@ inline constexpr std::array<uint64_t, 17> kBucketBoundsNs = {
     100'000'000, 250'000'000, 500'000'000, 1'000'000'000, 2'500'000'000};
 
 // A latency histogram; each bucket holds its own count (not cumulative).
+// The number of samples is the buckets' sum, not a counter of its own, so
+// that an observation costs two atomic additions.
 struct Histogram {
   std::array<std::atomic<uint64_t>, kBucketBoundsNs.size() + 1> buckets{};
-  std::atomic<uint64_t> count{0};
   std::atomic<uint64_t> sumNs{0};
   void Observe(uint64_t ns);
+  uint64_t Count() const;
 };
 
 // Function codes with a name; every other code counts as kOtherFunction.
