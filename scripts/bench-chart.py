@@ -41,13 +41,16 @@ def plot(rows, output, title):
         xs = [t for t, _ in points]
         rate.plot(xs, [d["req_per_s"] for _, d in points], marker="o", label=kind)
         p99.plot(xs, [d["p99_us"] for _, d in points], marker="o", label=kind)
-    for ax, label in ((rate, "requests per second"), (p99, "p99 latency (µs)")):
+    threads = sorted({r["threads"] for r in rows})
+    for ax, label in ((rate, "requests per second"), (p99, "p99 latency (µs, log scale)")):
         ax.set_xlabel("client threads")
         ax.set_ylabel(label)
         ax.set_xscale("log", base=2)
-        ax.xaxis.set_major_formatter(matplotlib.ticker.ScalarFormatter())
-        ax.set_ylim(bottom=0)
+        ax.set_xticks(threads, [str(t) for t in threads])
         ax.grid(True, alpha=0.3)
+    rate.set_ylim(bottom=0)
+    # Latency spans orders of magnitude once a machine is busy.
+    p99.set_yscale("log")
     p99.legend(title="request kind")
     fig.suptitle(title)
     fig.tight_layout()
