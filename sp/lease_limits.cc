@@ -8,7 +8,6 @@
 #include "utils/hash_index.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
-#include "utils/utils.h"
 
 namespace {
 
@@ -36,11 +35,10 @@ SenderCount* Find(const uint8_t* commCookie) {
   });
 }
 
-// The sender as text: its IPv4 address, the rest of the cookie being zero.
+// The sender is named by its IPv4 address, the first four bytes of the cookie.
 void LogRefusal(const char* bound, const uint8_t* commCookie, uint32_t limit) {
-  char text[3 * LAN_COMMCOOKIE_SIZE + 1];
-  OSL_Log(KSX_ERROR, "Lease refused: %s bound of %u leases reached (sender %s)\n", bound, limit,
-          bytesToString(commCookie, LAN_COMMCOOKIE_SIZE, text));
+  OSL_Log(KSX_ERROR, "Lease refused: %s bound of %u leases reached (sender %u.%u.%u.%u)\n", bound,
+          limit, commCookie[0], commCookie[1], commCookie[2], commCookie[3]);
 }
 
 }  // namespace
