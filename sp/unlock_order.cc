@@ -19,7 +19,8 @@ struct Mark {
   bool used;
   uint8_t fileCookie[FS_COOKIE_SIZE];
 };
-Mark s_marks[kMarks];  // guarded by leaseListLock
+Mark s_marks[kMarks];  // guarded by leaseListLock, like the count of those used
+int s_used = 0;
 
 // leaseListLock as a lock that a condition variable can release and retake.
 struct ListLock {
@@ -29,6 +30,7 @@ struct ListLock {
 std::condition_variable_any s_unlocked;
 
 Mark* Find(const uint8_t* fileCookie) {
+  if (s_used == 0) return nullptr;  // the common case: no unlock under way
   for (Mark& m : s_marks)
     if (m.used && std::memcmp(m.fileCookie, fileCookie, FS_COOKIE_SIZE) == 0) return &m;
   return nullptr;
@@ -42,6 +44,7 @@ bool BeginUnlock(const uint8_t* fileCookie) {
   for (Mark& m : s_marks) {
     if (m.used) continue;
     m.used = true;
+    ++s_used;
     std::memcpy(m.fileCookie, fileCookie, FS_COOKIE_SIZE);
     return true;
   }
@@ -51,7 +54,10 @@ bool BeginUnlock(const uint8_t* fileCookie) {
 void EndUnlock(const uint8_t* fileCookie) {
   {
     SemGuard guard(leaseListLock);
-    if (Mark* m = Find(fileCookie)) m->used = false;
+    if (Mark* m = Find(fileCookie)) {
+      m->used = false;
+      --s_used;
+    }
   }
   s_unlocked.notify_all();
 }
