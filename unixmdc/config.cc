@@ -15,6 +15,15 @@ std::string LibraryDirectory() { return Variable("KESTRIX_LIBDIR", kDefaultLibra
 
 std::string LogDirectory() { return Variable("KESTRIX_LOG_DIR", ""); }
 
+uint16_t ServicePort() {
+  const char* text = std::getenv("KESTRIX_PORT");
+  if (text == nullptr || *text == '\0') return kDefaultServicePort;
+  char* end = nullptr;
+  long port = std::strtol(text, &end, 10);
+  if (*end != '\0' || port < 1 || port > 65535) return kDefaultServicePort;
+  return static_cast<uint16_t>(port);
+}
+
 namespace {
 uint32_t Bound(const char* name, uint32_t unset) {
   const char* text = std::getenv(name);
@@ -30,14 +39,5 @@ uint32_t MaxLeasesPerClient() {
 }
 
 uint32_t MaxLeases() { return Bound("KESTRIX_MAX_LEASES", kDefaultMaxLeases); }
-
-uint16_t ServicePort() {
-  const char* text = std::getenv("KESTRIX_PORT");
-  if (text == nullptr || *text == '\0') return kDefaultServicePort;
-  char* end = nullptr;
-  long port = std::strtol(text, &end, 10);
-  if (*end != '\0' || port < 1 || port > 65535) return kDefaultServicePort;
-  return static_cast<uint16_t>(port);
-}
 
 }  // namespace kestrix

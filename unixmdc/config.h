@@ -3,8 +3,6 @@
 // KESTRIX_LIBDIR replaces the plug-in directory "/opt/Kestrix/lib";
 // KESTRIX_PORT (decimal) replaces UDP port 5501. Unset, the defaults hold.
 // KESTRIX_LOG_DIR confines the files the "LOG" command may log to.
-// KESTRIX_MAX_LEASES_PER_CLIENT and KESTRIX_MAX_LEASES (decimal, 1 and up)
-// replace the bounds on the leases one sender and all senders may hold.
 #ifndef KESTRIX_UNIXMDC_CONFIG_H_
 #define KESTRIX_UNIXMDC_CONFIG_H_
 
@@ -13,23 +11,24 @@
 
 namespace kestrix {
 
-inline constexpr const char* kDefaultLibraryDirectory = "/opt/Kestrix/lib";
-inline constexpr uint16_t kDefaultServicePort = 5501;
 inline constexpr uint32_t kDefaultMaxLeasesPerClient = 4096;
 inline constexpr uint32_t kDefaultMaxLeases = 32768;
+inline constexpr const char* kDefaultLibraryDirectory = "/opt/Kestrix/lib";
+inline constexpr uint16_t kDefaultServicePort = 5501;
 
 // The directory the loader reads plug-ins from.
 std::string LibraryDirectory();
 // The UDP port the daemon binds; a value that is not a port in 1..65535
 // falls back to the default.
 uint16_t ServicePort();
+// The lease bounds of one sender and of all, from KESTRIX_MAX_LEASES_PER_CLIENT
+// and KESTRIX_MAX_LEASES; a value that is not a decimal number in
+// 1..2147483647 falls back to the default.
+uint32_t MaxLeasesPerClient();
+uint32_t MaxLeases();
 // The directory a "LOG" file destination must lie in; empty (unset or set
 // to nothing) when any file is taken.
 std::string LogDirectory();
-// The lease bounds; a value that is not a number in 1..2147483647 falls back
-// to the default.
-uint32_t MaxLeasesPerClient();
-uint32_t MaxLeases();
 
 }  // namespace kestrix
 

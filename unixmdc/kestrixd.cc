@@ -6,11 +6,11 @@
 
 #include <getopt.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "sp/fsmdcsp.h"
@@ -135,7 +135,6 @@ extern "C" {
 
 void startup(void) {
   OSL_Log(KSX_SP, "kestrixd startup() activated\n");
-  RaiseDescriptorLimit();
   // SIGUSR1 asks for a state dump. It is blocked before any thread starts,
   // so every thread inherits the mask and only this one takes it, by sigwait.
   sigset_t dumpSignal;
@@ -243,5 +242,6 @@ int KestrixdMain(int argc, char** argv) {
     pid_t pid = fork();
     if (pid != 0) exit(0);  // the parent, or no child at all
   }
+  RaiseDescriptorLimit();
   startup();
 }
