@@ -469,6 +469,7 @@ const char* ResultName(int32_t result) {
     case SP_RESULT_KEY_NOT_FOUND: return "no lease with that key";
     case SP_RESULT_LEASE_GONE: return "lease vanished before removal";
     case SP_RESULT_LEASE_NOT_RENEWED: return "lease vanished before renewal";
+    case SP_RESULT_LEASE_LIMIT: return "too many leases held (the client's or the daemon's bound)";
     case SP_RESULT_FILE_NOT_FOUND: return "no library knows the file";
     default: return "library status";
   }
