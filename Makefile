@@ -54,6 +54,7 @@ e2e: build
 	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure -L e2e
 
 bench:
+	@scripts/install-deps bench
 	@cmake -S . -B $(BUILD)-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKESTRIX_BUILD_BENCH=ON -DKESTRIX_BUILD_TESTS=OFF >/dev/null
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
