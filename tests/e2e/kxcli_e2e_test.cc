@@ -69,6 +69,9 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
   EXPECT_EQ(std::tuple(d[4]["/result"], d[4]["/lease"], d[4]["/nExtents"]), std::tuple("0", "5000", "2"));
   EXPECT_EQ(std::tuple(d[7]["/result"], d[7]["/resultName"]), std::tuple("407", "no lease with that key"));
   EXPECT_EQ(std::tuple(d[8]["/result"], d[8]["/functionCode"]), std::tuple("8", "-9"));
+  // A library's text with a lone surrogate: still one valid document.
+  Fs("liba.so").Configure("volume /export/data vol-a\nvol.vendorStatus 7\nvol.error \xed\xa0\x80!\n");
+  EXPECT_EQ(Cli({"getvolume", "data"}).second["/error"], "\uFFFD!");
 
   // No daemon: a port nobody holds is refused at once, not after the 2 x 30 s
   // the time-outs allow (RunToExit gives up after 20 s); a socket that never
