@@ -16,10 +16,10 @@ import subprocess
 import sys
 
 
-def run_kxbench(kxbench, kinds, threads, duration, extra):
-    """One kxbench --json line per kind and thread count, as dicts."""
+def run_kxbench(kxbench, kinds, threads, duration, extra, repeat):
+    """kxbench --json lines, repeat of them per kind and thread count, as dicts."""
     rows = []
-    for n in threads:
+    for n in threads * repeat:
         cmd = [kxbench, "--kind", ",".join(kinds), "--threads", str(n),
                "--duration", str(duration), "--json"] + extra
         print("running:", " ".join(cmd), file=sys.stderr)
@@ -27,6 +27,17 @@ def run_kxbench(kxbench, kinds, threads, duration, extra):
                              stderr=subprocess.DEVNULL, text=True).stdout
         rows += [json.loads(line) for line in out.splitlines() if line.startswith("{")]
     return rows
+
+
+def best(rows):
+    """Per kind and thread count the row of most requests per second: other
+    load on the machine only slows the daemon down."""
+    kept = {}
+    for r in rows:
+        key = (r["kind"], r["threads"])
+        if key not in kept or r["daemon"]["req_per_s"] > kept[key]["daemon"]["req_per_s"]:
+            kept[key] = r
+    return list(kept.values())
 
 
 def plot(rows, output, title):
@@ -51,6 +62,8 @@ def plot(rows, output, title):
     rate.set_ylim(bottom=0)
     # Latency spans orders of magnitude once a machine is busy.
     p99.set_yscale("log")
+    p99.yaxis.set_major_formatter(matplotlib.ticker.ScalarFormatter())
+    p99.yaxis.set_minor_formatter(matplotlib.ticker.FormatStrFormatter("%.0f"))
     p99.legend(title="request kind")
     fig.suptitle(title)
     fig.tight_layout()
@@ -65,6 +78,8 @@ def main():
     p.add_argument("--kinds", default="header,getvolume,cycle,setsize,string")
     p.add_argument("--threads", default="1,2,4,8")
     p.add_argument("--duration", type=float, default=3)
+    p.add_argument("--repeat", type=int, default=1,
+                   help="runs per point; the one of most requests per second is drawn")
     p.add_argument("--args", default="", help='kxbench options passed on, e.g. "--window 4"')
     p.add_argument("--title", default="kestrixd under a closed-loop load (kxbench)")
     p.add_argument("-o", "--output", required=True, help="the picture (.svg or .png)")
@@ -72,7 +87,7 @@ def main():
 
     if a.kxbench:
         rows = run_kxbench(a.kxbench, a.kinds.split(","), [int(t) for t in a.threads.split(",")],
-                           a.duration, a.args.split())
+                           a.duration, a.args.split(), a.repeat)
         kept = os.path.splitext(a.output)[0] + ".jsonl"
         with open(kept, "w") as f:
             f.writelines(json.dumps(r) + "\n" for r in rows)
@@ -82,7 +97,7 @@ def main():
             rows = [json.loads(line) for line in f if line.startswith("{")]
     if not rows:
         sys.exit("no kxbench figures to plot")
-    plot(rows, a.output, a.title)
+    plot(best(rows), a.output, a.title)
     print("wrote", a.output, file=sys.stderr)
 
 
