@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -76,12 +77,12 @@ bool ReadRequest(int fd, std::string* line, std::string* why) {
       std::chrono::steady_clock::now() + std::chrono::milliseconds(kAdminTimeoutMs);
   char buffer[512];
   for (;;) {
-    const size_t end = line->find('\n');
-    if (end != std::string::npos) {
+    const size_t end = std::min(line->find('\n'), line->size());
+    if (end > kAdminRequestMax) return *why = "request too long", false;
+    if (end < line->size()) {
       line->resize(end);
       return true;
     }
-    if (line->size() > kAdminRequestMax) return *why = "request too long", false;
     const int64_t left = std::chrono::duration_cast<std::chrono::milliseconds>(
                              deadline - std::chrono::steady_clock::now())
                              .count();

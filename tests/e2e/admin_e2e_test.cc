@@ -188,6 +188,7 @@ TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
                                 {"{\"command\":\"revoke\",\"key\":0,\"path\":\"/export/data/a\"}\n", "exactly one"},
                                 {"{\"command\":\"revoke\",\"client\":\"127.1\"}\n", "bad client address"},
                                 {"{\"command\":\"revoke\",\"path\":\"\"}\n", "bad path"},
+                                {std::string(4080, ' ') + "{\"command\":\"revoke\",\"key\":0}\n", "request too long"},
                                 {std::string(5000, ' ') + "{\"command\":\"revoke\",\"key\":0}\n", "request too long"}}) {
     const int fd = UnixSocket(SOCK_STREAM, socket_);
     send(fd, request.data(), request.size(), MSG_NOSIGNAL);
