@@ -148,8 +148,10 @@ std::optional<json> Request(const AdminArgs& a, std::string* why) {
   const std::string command = a.words.size() > 1 ? a.words[1] : "";
   const size_t words = a.words.size();
   const bool selectors = !a.client.empty() || !a.path.empty();
-  if ((command == "leases" || command == "stats") && words == 2 && !selectors)
-    return json{{"command", command}};
+  if (command == "leases" || command == "stats") {
+    if (words == 2 && !selectors) return json{{"command", command}};
+    return *why = command + " takes no arguments", std::nullopt;
+  }
   if (command != "revoke") return *why = command.empty() ? "" : "unknown admin command " + command, std::nullopt;
   const int named = static_cast<int>(words == 3) + !a.client.empty() + !a.path.empty();
   if (named != 1 || words > 3) return *why = "revoke takes one of KEY, --client, --path", std::nullopt;
@@ -158,9 +160,31 @@ std::optional<json> Request(const AdminArgs& a, std::string* why) {
   char* end = nullptr;
   errno = 0;
   const unsigned long long key = std::strtoull(a.words[2].c_str(), &end, 0);
-  if (*end != '\0' || errno != 0 || key > 0xFFFFFFFFull || a.words[2][0] == '-')
+  if (a.words[2].empty() || *end != '\0' || errno != 0 || key > 0xFFFFFFFFull ||
+      a.words[2][0] == '-')
     return *why = "bad key '" + a.words[2] + "'", std::nullopt;
   return json{{"command", "revoke"}, {"key", key}};
+}
+
+// Prints the answer to command; the exit status.
+int Show(const AdminArgs& args, const std::string& command, const json& answer) {
+  if (!answer.value("ok", false)) {
+    std::fprintf(stderr, "kestrix-cli: %s\n", answer.value("error", "error answer").c_str());
+    return kExitError;
+  }
+  if (command == "revoke") {
+    const json& revoked = answer.at("revoked");
+    if (!args.json) {
+      for (const json& key : revoked) std::printf("revoked 0x%x\n", key.get<uint32_t>());
+      if (revoked.empty()) std::fprintf(stderr, "kestrix-cli: no lease matched\n");
+    }
+    return revoked.empty() ? kExitError : kExitOk;
+  }
+  if (!args.json) {
+    if (command == "leases") PrintLeases(answer.at("leases"));
+    else PrintStats(answer.at("metrics"));
+  }
+  return kExitOk;
 }
 
 }  // namespace
@@ -183,24 +207,14 @@ bool RunAdminCommand(int argc, char** argv, int* exitStatus) {
     return *exitStatus = kExitNoAnswer, true;
   }
   if (args->json) std::printf("%s\n", answer.dump().c_str());
-  if (!answer.value("ok", false)) {
-    std::fprintf(stderr, "kestrix-cli: %s\n", answer.value("error", "error answer").c_str());
-    return *exitStatus = kExitError, true;
+  // An answer of the wrong shape makes the JSON library throw; it is no answer.
+  try {
+    *exitStatus = Show(*args, (*request)["command"], answer);
+  } catch (const json::exception& e) {
+    std::fprintf(stderr, "kestrix-cli: malformed answer from the admin socket: %s\n", e.what());
+    *exitStatus = kExitNoAnswer;
   }
-  const std::string command = (*request)["command"];
-  if (command == "revoke") {
-    const json& revoked = answer["revoked"];
-    if (!args->json) {
-      for (const json& key : revoked) std::printf("revoked 0x%x\n", key.get<uint32_t>());
-      if (revoked.empty()) std::fprintf(stderr, "kestrix-cli: no lease matched\n");
-    }
-    return *exitStatus = revoked.empty() ? kExitError : kExitOk, true;
-  }
-  if (!args->json) {
-    if (command == "leases") PrintLeases(answer["leases"]);
-    else PrintStats(answer["metrics"]);
-  }
-  return *exitStatus = kExitOk, true;
+  return true;
 }
 
 }  // namespace kestrix::client

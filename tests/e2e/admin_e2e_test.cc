@@ -201,6 +201,20 @@ TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
   EXPECT_EQ(Unlocks(), 0);
 }
 
+TEST_F(AdminE2E, CommandLineMistakesAreRefusedBeforeAsking) {
+  for (auto [args, why] : {std::pair{std::vector<std::string>{"leases", "extra"}, "leases takes no arguments"},
+                           {{"revoke"}, "revoke takes one of KEY, --client, --path"},
+                           {{"revoke", "1", "--path", "/export/data/a"}, "revoke takes one of"},
+                           {{"revoke", "0x100000000"}, "bad key"},
+                           {{"revoke", ""}, "bad key"},
+                           {{"unmake"}, "unknown admin command unmake"},
+                           {{"stats", "--verbose"}, "unknown option --verbose"}}) {
+    const RunResult r = Cli(args);  // no daemon: a request would find no socket (status 2)
+    EXPECT_EQ(r.exitStatus, 1) << why;
+    EXPECT_NE(r.standardError.find(why), std::string::npos) << r.standardError;
+  }
+}
+
 // A TCP port on 127.0.0.1 that was free a moment ago.
 uint16_t FreeTcpPort() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
