@@ -174,14 +174,14 @@ TEST_P(LocalFsTest, WritesOnTheDiskReplaceCachedPages) {
   WriteFile(f, old);
   Cookie vol, file;
   ASSERT_EQ(Cookies("f", &vol, &file), 0);
+  ASSERT_EQ(ReadFile(f), old);  // the server's pages are cached now (no local open while mapped)
   Map m = GetMap(vol, file);
-  ASSERT_EQ(ReadFile(f), old);  // the server's pages are cached now
   WriteAt(fs_->image(), Physical(m, 0), std::string(bs_, 'c'));
   EXPECT_EQ(Unlock(vol, file), 0);
   EXPECT_EQ(ReadFile(f), std::string(bs_, 'c') + old.substr(bs_));
 
-  m = GetMap(vol, file);
   ASSERT_EQ(ReadFile(f).size(), old.size());  // cached again
+  m = GetMap(vol, file);
   WriteAt(fs_->image(), Physical(m, 2 * bs_), std::string(bs_, 'd'));
   EXPECT_EQ(SetSizes(vol, file, 3 * bs_ - 100, 3 * bs_ - 100), 0);
   EXPECT_EQ(Unlock(vol, file), 0);
