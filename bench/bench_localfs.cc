@@ -1,5 +1,6 @@
-// localfs on an ext4 or XFS directory named by KESTRIX_BENCH_DIR (default
-// $TMPDIR or /tmp; its block device must be readable): looking a file up,
+// localfs (or the build KESTRIX_BENCH_PLUGIN names) on an ext4 or XFS
+// directory named by KESTRIX_BENCH_DIR (default $TMPDIR or /tmp; its block
+// device must be readable): looking a file up,
 // mapping files of 1 to 1024 data extents (a hole between each two), and
 // allocating written space.
 #include <benchmark/benchmark.h>
@@ -37,7 +38,9 @@ LocalFs* Setup() {
     const char* base = getenv("KESTRIX_BENCH_DIR");
     if (base == nullptr || *base == '\0') base = getenv("TMPDIR");
     std::string dir = std::string(base && *base ? base : "/tmp") + "/kestrix-bench-XXXXXX";
-    void* handle = dlopen(KESTRIX_LOCALFS_PLUGIN, RTLD_NOW);
+    // KESTRIX_BENCH_PLUGIN compares another build of the plug-in.
+    const char* plugin = getenv("KESTRIX_BENCH_PLUGIN");
+    void* handle = dlopen(plugin != nullptr && *plugin != '\0' ? plugin : KESTRIX_LOCALFS_PLUGIN, RTLD_NOW);
     if (mkdtemp(dir.data()) == nullptr || handle == nullptr) return static_cast<LocalFs*>(nullptr);
     std::ofstream(dir + "/localfs.conf") << dir << "\n";
     setenv("KESTRIX_LOCALFS_CONF", (dir + "/localfs.conf").c_str(), 1);

@@ -28,9 +28,10 @@ inline constexpr const char* kConfEnv = "KESTRIX_LOCALFS_CONF";
 inline constexpr const char* kDefaultConf = "/opt/Kestrix/localfs.conf";
 inline constexpr const char* kGrowthEnv = "KESTRIX_LOCALFS_MAX_GROWTH";
 inline constexpr size_t kMaxExports = 255;  // an export's index fits a cookie byte
-// Zeroing runs at about 256 MiB/s on one hard disk and far faster on
-// solid-state storage, so a call of this size takes about a second at most.
-inline constexpr int64_t kDefaultMaxGrowth = int64_t{256} << 20;
+// Zeroing runs at 128 MiB/s or more even on one slow hard disk (and at
+// several GiB/s on solid-state storage), so a call of this size takes about
+// a second at most.
+inline constexpr int64_t kDefaultMaxGrowth = int64_t{128} << 20;
 
 struct Export {
   std::string path;       // as configured, with "." and repeated slashes removed

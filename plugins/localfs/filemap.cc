@@ -11,10 +11,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "fsmdc.h"
@@ -28,7 +31,8 @@ namespace {
 
 constexpr uint32_t kBatch = 256;                // extents asked of the kernel per call
 constexpr size_t kZeroChunk = size_t{1} << 20;  // bytes of zeros written per cached call
-constexpr size_t kDirectChunk = size_t{8} << 20;  // bytes of zeros per direct write
+constexpr size_t kDirectChunk = size_t{4} << 20;  // bytes of zeros per direct write
+constexpr int kDirectStreams = 8;                 // direct writes in flight
 constexpr size_t kDirectAlign = 4096;
 
 // Extents whose blocks a client must not use: their location is unknown or
@@ -80,7 +84,8 @@ int WriteZerosCached(int fd, int64_t at, int64_t bytes) {
 // while the filesystem accepts it, else by direct writes of a large aligned
 // buffer of zeros (the file's descriptor is switched to direct I/O for the
 // while: the library's lease forbids opening it again), and the unaligned
-// tail of a range through the page cache.
+// tail of a range through the page cache. Several direct writes are kept in
+// flight: one at a time leaves most devices idle between requests.
 class ZeroFiller {
  public:
   ZeroFiller(int fd, int64_t block) : fd_(fd), block_(block) {}
@@ -94,17 +99,41 @@ class ZeroFiller {
       writeZeroes_ = false;
     }
     const int64_t aligned = bytes / block_ * block_;
-    if (aligned > 0 && UseDirect()) {
-      for (int64_t done = 0; done < aligned;) {
-        const size_t chunk = static_cast<size_t>(std::min<int64_t>(aligned - done, kDirectChunk));
-        ssize_t wrote = pwrite(fd_, Zeros(), chunk, at + done);
-        if (wrote < 0 && errno == EINTR) continue;
-        if (wrote < 0 && errno == EINVAL) break;  // not aligned enough for the device
-        if (wrote <= 0) return wrote < 0 ? -errno : -EIO;
-        done += wrote;
-      }
-    }
+    if (aligned > 0 && UseDirect()) return WriteDirect(at, aligned);
     return 0;  // what is left unwritten is found and filled by the caller
+  }
+
+  // Direct writes of zeros over [at, at + bytes), several in flight: each
+  // stream takes the next chunk. A range the device cannot take directly
+  // (EINVAL) is left for the caller to find.
+  int WriteDirect(int64_t at, int64_t bytes) {
+    std::atomic<int64_t> next{0};
+    std::atomic<int> error{0};
+    auto stream = [&] {
+      for (int64_t from = next.fetch_add(kDirectChunk); from < bytes && error.load() == 0;
+           from = next.fetch_add(kDirectChunk)) {
+        const int64_t to = std::min<int64_t>(bytes, from + kDirectChunk);
+        for (int64_t done = from; done < to;) {
+          ssize_t wrote = pwrite(fd_, Zeros(), static_cast<size_t>(to - done), at + done);
+          if (wrote < 0 && errno == EINTR) continue;
+          if (wrote < 0 && errno == EINVAL) return;
+          if (wrote <= 0) {
+            error = wrote < 0 ? errno : EIO;
+            return;
+          }
+          done += wrote;
+        }
+      }
+    };
+    std::vector<std::thread> streams;
+    try {
+      for (int i = 1; i < kDirectStreams; ++i) streams.emplace_back(stream);
+    } catch (const std::system_error&) {
+      // Fewer streams, same result.
+    }
+    stream();
+    for (std::thread& t : streams) t.join();
+    return -error.load();
   }
 
   // Puts the descriptor back as it was; 0 or -errno.
