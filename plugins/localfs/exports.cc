@@ -158,11 +158,6 @@ Config LoadConfig() {
               lineNo, Escaped(line).c_str());
     }
   }
-  if (const char* growth = getenv(kGrowthEnv); growth != nullptr && *growth != '\0' &&
-                                                 !ParseMebibytes(growth, &c.maxGrowth)) {
-    OSL_Log(KSX_ERROR, "localfs: %s=%s is not a number of MiB from 1 to %lld; ignored\n",
-            kGrowthEnv, Escaped(growth).c_str(), static_cast<long long>(kMaxGrowthMiB));
-  }
   if (c.exports.empty()) {
     OSL_Log(KSX_INFO, "localfs: no exports in %s; serving nothing\n", Escaped(file).c_str());
   }

@@ -6,8 +6,7 @@
 //   /absolute/directory        an export (at most kMaxExports)
 //   max-read-lease SECONDS     FS_GetMaxLeases's read maximum
 //   max-write-lease SECONDS    FS_GetMaxLeases's write maximum
-//   max-growth MIB             the most allocation one call makes (also
-//                              KESTRIX_LOCALFS_MAX_GROWTH, which wins)
+//   max-growth MIB             the most allocation one call makes
 #ifndef KESTRIX_PLUGINS_LOCALFS_EXPORTS_H_
 #define KESTRIX_PLUGINS_LOCALFS_EXPORTS_H_
 
@@ -26,7 +25,6 @@ namespace localfs {
 
 inline constexpr const char* kConfEnv = "KESTRIX_LOCALFS_CONF";
 inline constexpr const char* kDefaultConf = "/opt/Kestrix/localfs.conf";
-inline constexpr const char* kGrowthEnv = "KESTRIX_LOCALFS_MAX_GROWTH";
 inline constexpr size_t kMaxExports = 255;  // an export's index fits a cookie byte
 // Zeroing runs at 128 MiB/s or more even on one slow hard disk (and at
 // several GiB/s on solid-state storage), so a call of this size takes about

@@ -418,9 +418,8 @@ TEST_P(LocalFsTest, AnExportReplacedAfterStartUpIsRefused) {
 // refused with nothing changed.
 TEST_P(LocalFsTest, AllocationsComeWrittenInPartsAndWithinTheFreeSpace) {
   const int64_t mib = 1 << 20;
-  setenv("KESTRIX_LOCALFS_MAX_GROWTH", "1", 1);
+  WriteFile(dir_.File("localfs.conf"), exp_ + "\nmax-growth 1\n");
   ASSERT_EQ(lib_->FS_Init(), 0);
-  unsetenv("KESTRIX_LOCALFS_MAX_GROWTH");
   WriteFile(exp_ + "/old", std::string(8 * mib, 'o'));  // blocks that will be free and not zero
   sync();
   std::filesystem::remove(exp_ + "/old");
