@@ -40,7 +40,8 @@ LocalFs* Setup() {
     std::string dir = std::string(base && *base ? base : "/tmp") + "/kestrix-bench-XXXXXX";
     // KESTRIX_BENCH_PLUGIN compares another build of the plug-in.
     const char* plugin = getenv("KESTRIX_BENCH_PLUGIN");
-    void* handle = dlopen(plugin != nullptr && *plugin != '\0' ? plugin : KESTRIX_LOCALFS_PLUGIN, RTLD_NOW);
+    if (plugin == nullptr || *plugin == '\0') plugin = KESTRIX_LOCALFS_PLUGIN;
+    void* handle = dlopen(plugin, RTLD_NOW);
     if (mkdtemp(dir.data()) == nullptr || handle == nullptr) return static_cast<LocalFs*>(nullptr);
     std::ofstream(dir + "/localfs.conf") << dir << "\n";
     setenv("KESTRIX_LOCALFS_CONF", (dir + "/localfs.conf").c_str(), 1);

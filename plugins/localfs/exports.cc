@@ -190,7 +190,8 @@ UniqueFd OpenExport(const Export& e, std::string* why) {
   struct open_how how = {};
   how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
   how.resolve = RESOLVE_NO_SYMLINKS;
-  UniqueFd fd(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, e.canonical.c_str(), &how, sizeof how)));
+  UniqueFd fd(
+      static_cast<int>(syscall(SYS_openat2, AT_FDCWD, e.canonical.c_str(), &how, sizeof how)));
   struct stat st;
   if (!fd.ok() && errno != ELOOP && errno != ENOTDIR) {
     *why = ErrnoText(errno);

@@ -4,7 +4,9 @@
 // Volumes and files are named by stateless cookies (cookies.h); every call
 // opens what it needs afresh, so nothing is cached but the configuration
 // (read by FS_Init) and the files whose maps are locked (locks.h), each
-// held with a kernel lease so that local changes wait (leases.h). Paths
+// held with a kernel lease so that local changes wait (leases.h); a locked
+// file is used through the descriptor its lease is on, as opening it again
+// would break that lease. Paths
 // stay inside their export (exports.h); maps come from FIEMAP (filemap.h),
 // and only of files whose blocks hold their bytes (filekind.h).
 // Entry points never trust their arguments: null pointers, foreign cookies
@@ -18,8 +20,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -488,7 +490,8 @@ LOCALFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t
   // The cookies and the file are checked on every call; the first map call
   // locks and leases the file, later ones use the descriptor already locked.
   OpenFile file;
-  int status = LockFile(volumeCookie, fileCookie, (flags & LOCALFS_MAP_READ_ONLY) == 0, &file, &why);
+  const bool forWriting = (flags & LOCALFS_MAP_READ_ONLY) == 0;
+  int status = LockFile(volumeCookie, fileCookie, forWriting, &file, &why);
   if (status == 0) status = WriteMap(file->fd.get(), start, length, out, roomBytes, &why);
   if (status != 0 && status != LOCALFS_PARTIAL) {
     return MapError(out, roomBytes, start, status, "FS_GetLockedMap", why);
