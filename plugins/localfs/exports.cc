@@ -182,7 +182,7 @@ std::optional<ExportMatch> FindExport(const Config& config, std::string_view pat
   return best;
 }
 
-UniqueFd OpenExport(const Export& e, std::string* why) {
+UniqueFd OpenExport(const Export& e, std::string* why, bool* replaced) {
   if (e.canonical.empty()) {
     *why = ErrnoText(e.startError);
     return UniqueFd();
@@ -197,6 +197,7 @@ UniqueFd OpenExport(const Export& e, std::string* why) {
     *why = ErrnoText(errno);
   } else if (!fd.ok() || fstat(fd.get(), &st) != 0 || st.st_dev != e.dev || st.st_ino != e.ino) {
     *why = e.canonical + " is no longer the directory it was at start-up";
+    if (replaced != nullptr) *replaced = true;
     fd.Reset();
   }
   return fd;

@@ -63,8 +63,9 @@ std::optional<ExportMatch> FindExport(const Config& config, std::string_view pat
 
 // Opens the export directory (readable: open_by_handle_at refuses O_PATH)
 // by its real path of start-up without following any symbolic link, and only
-// while it is still the directory it was then; else says why not.
-UniqueFd OpenExport(const Export& e, std::string* why);
+// while it is still the directory it was then; else says why not, and sets
+// *replaced when something else stands at its path now.
+UniqueFd OpenExport(const Export& e, std::string* why, bool* replaced = nullptr);
 
 // Opens `below` relative to the export directory so that no step leaves it:
 // ".." above it, absolute symbolic links, links climbing out and other

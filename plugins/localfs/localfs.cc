@@ -117,13 +117,14 @@ int OpenVolume(const uint8_t* volCookie, VolCookie* vc, UniqueFd* dir, std::stri
   }
   const Export& e = config->exports[vc->exportIndex];
   std::string reason;
-  *dir = OpenExport(e, &reason);
+  bool replaced = false;
+  *dir = OpenExport(e, &reason, &replaced);
   struct stat st;
-  if (!dir->ok()) {
+  if (replaced) {
     *why = "the volume is gone: export " + e.path + ": " + reason;
     return LOCALFS_STALE;
   }
-  if (fstat(dir->get(), &st) != 0 || st.st_dev != vc->dev) {
+  if (!dir->ok() || fstat(dir->get(), &st) != 0 || st.st_dev != vc->dev) {
     *why = "the volume is gone: " + e.path + " is no longer on the cookie's filesystem";
     return LOCALFS_STALE;
   }
