@@ -6,6 +6,7 @@
 #include <linux/openat2.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +22,7 @@ namespace {
 
 constexpr int kMaxLeaseSeconds = 2147483;  // its milliseconds still fit 32 bits
 constexpr int kOpenAttempts = 8;           // openat2 asks for a retry on a rename race
+constexpr int64_t kMaxGrowthMiB = int64_t{1} << 20;  // a TiB
 
 // Path components without empty ones and ".".
 std::vector<std::string_view> Components(std::string_view path) {
@@ -71,6 +73,15 @@ bool ParseSeconds(std::string_view text, int* out) {
   return true;
 }
 
+bool ParseMebibytes(std::string_view text, int64_t* out) {
+  int64_t v = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec != std::errc() || end != text.data() + text.size() || v < 1 || v > kMaxGrowthMiB)
+    return false;
+  *out = v << 20;
+  return true;
+}
+
 // One line of the file; false when it is not understood.
 bool ParseLine(std::string_view line, Config* c, const std::string& file, int lineNo) {
   if (line.front() == '/') {
@@ -84,9 +95,21 @@ bool ParseLine(std::string_view line, Config* c, const std::string& file, int li
       return true;
     }
     Export e{Join(parts, 0, "/"), ""};
+    // The export is resolved once: later calls open this real path and
+    // check that it is still the same directory.
+    struct stat st;
     if (char* real = realpath(e.path.c_str(), nullptr)) {
       e.canonical = real;
       free(real);
+      if (stat(e.canonical.c_str(), &st) == 0) {
+        e.dev = st.st_dev;
+        e.ino = st.st_ino;
+      } else {
+        e.startError = errno;
+        e.canonical.clear();
+      }
+    } else {
+      e.startError = errno;
     }
     c->exports.push_back(std::move(e));
     return true;
@@ -96,16 +119,15 @@ bool ParseLine(std::string_view line, Config* c, const std::string& file, int li
   std::string_view key = line.substr(0, blank), value = Trim(line.substr(blank));
   if (key == "max-read-lease") return ParseSeconds(value, &c->maxReadLease);
   if (key == "max-write-lease") return ParseSeconds(value, &c->maxWriteLease);
+  if (key == "max-growth") return ParseMebibytes(value, &c->maxGrowth);
   return false;
 }
 
 // One line per export at start-up: what it is served from, or why not.
 void Report(const Export& e) {
-  int error = 0;
-  UniqueFd dir = OpenExport(e, &error);
   Volume v;
   std::string why;
-  if (!dir.ok()) why = ErrnoText(error);
+  UniqueFd dir = OpenExport(e, &why);
   if (dir.ok() && ProbeVolume(dir.get(), &v, &why) == 0) {
     OSL_Log(KSX_INFO, "localfs: exporting %s (%s on %s)\n", Escaped(e.path).c_str(),
             v.fsName.c_str(), Escaped(v.device).c_str());
@@ -160,9 +182,24 @@ std::optional<ExportMatch> FindExport(const Config& config, std::string_view pat
   return best;
 }
 
-UniqueFd OpenExport(const Export& e, int* error) {
-  UniqueFd fd(open(e.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  *error = fd.ok() ? 0 : errno;
+UniqueFd OpenExport(const Export& e, std::string* why, bool* replaced) {
+  if (e.canonical.empty()) {
+    *why = ErrnoText(e.startError);
+    return UniqueFd();
+  }
+  struct open_how how = {};
+  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  UniqueFd fd(
+      static_cast<int>(syscall(SYS_openat2, AT_FDCWD, e.canonical.c_str(), &how, sizeof how)));
+  struct stat st;
+  if (!fd.ok() && errno != ELOOP && errno != ENOTDIR) {
+    *why = ErrnoText(errno);
+  } else if (!fd.ok() || fstat(fd.get(), &st) != 0 || st.st_dev != e.dev || st.st_ino != e.ino) {
+    *why = e.canonical + " is no longer the directory it was at start-up";
+    if (replaced != nullptr) *replaced = true;
+    fd.Reset();
+  }
   return fd;
 }
 

@@ -7,11 +7,17 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "fsmdc.h"
@@ -24,7 +30,10 @@ namespace localfs {
 namespace {
 
 constexpr uint32_t kBatch = 256;                // extents asked of the kernel per call
-constexpr size_t kZeroChunk = size_t{1} << 20;  // bytes of zeros written per call
+constexpr size_t kZeroChunk = size_t{1} << 20;  // bytes of zeros written per cached call
+constexpr size_t kDirectChunk = size_t{4} << 20;  // bytes of zeros per direct write
+constexpr int kDirectStreams = 8;                 // direct writes in flight
+constexpr size_t kDirectAlign = 4096;
 
 // Extents whose blocks a client must not use: their location is unknown or
 // not yet fixed, their bytes are not stored as they read, or they belong to
@@ -56,6 +65,110 @@ class FiemapBuffer {
 
  private:
   std::vector<uint64_t> words_;
+};
+
+// Zeros through the page cache, a megabyte at a time.
+int WriteZerosCached(int fd, int64_t at, int64_t bytes) {
+  static const std::vector<char> zeros(kZeroChunk);
+  for (int64_t done = 0; done < bytes;) {
+    const size_t chunk = static_cast<size_t>(std::min<int64_t>(bytes - done, kZeroChunk));
+    ssize_t wrote = pwrite(fd, zeros.data(), chunk, at + done);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote <= 0) return wrote < 0 ? -errno : -EIO;
+    done += wrote;
+  }
+  return 0;
+}
+
+// Lays zeros over allocated ranges of a file: by the device's write-zeroes
+// while the filesystem accepts it, else by direct writes of a large aligned
+// buffer of zeros (the file's descriptor is switched to direct I/O for the
+// while: the library's lease forbids opening it again), and the unaligned
+// tail of a range through the page cache. Several direct writes are kept in
+// flight: one at a time leaves most devices idle between requests.
+class ZeroFiller {
+ public:
+  ZeroFiller(int fd, int64_t block) : fd_(fd), block_(block) {}
+  ~ZeroFiller() { Finish(); }
+
+  int Fill(int64_t at, int64_t bytes) {
+    if (bytes <= 0) return 0;
+    if (writeZeroes_) {
+      if (fallocate(fd_, kWriteZeroes, at, bytes) == 0) return 0;
+      if (errno != EOPNOTSUPP && errno != EINVAL) return -errno;
+      writeZeroes_ = false;
+    }
+    const int64_t aligned = bytes / block_ * block_;
+    if (aligned > 0 && UseDirect()) return WriteDirect(at, aligned);
+    return 0;  // what is left unwritten is found and filled by the caller
+  }
+
+  // Direct writes of zeros over [at, at + bytes), several in flight: each
+  // stream takes the next chunk. A range the device cannot take directly
+  // (EINVAL) is left for the caller to find.
+  int WriteDirect(int64_t at, int64_t bytes) {
+    std::atomic<int64_t> next{0};
+    std::atomic<int> error{0};
+    auto stream = [&] {
+      for (int64_t from = next.fetch_add(kDirectChunk); from < bytes && error.load() == 0;
+           from = next.fetch_add(kDirectChunk)) {
+        const int64_t to = std::min<int64_t>(bytes, from + kDirectChunk);
+        for (int64_t done = from; done < to;) {
+          ssize_t wrote = pwrite(fd_, Zeros(), static_cast<size_t>(to - done), at + done);
+          if (wrote < 0 && errno == EINTR) continue;
+          if (wrote < 0 && errno == EINVAL) return;
+          if (wrote <= 0) {
+            error = wrote < 0 ? errno : EIO;
+            return;
+          }
+          done += wrote;
+        }
+      }
+    };
+    std::vector<std::thread> streams;
+    try {
+      for (int i = 1; i < kDirectStreams; ++i) streams.emplace_back(stream);
+    } catch (const std::system_error&) {
+      // Fewer streams, same result.
+    }
+    stream();
+    for (std::thread& t : streams) t.join();
+    return -error.load();
+  }
+
+  // Puts the descriptor back as it was; 0 or -errno.
+  int Finish() {
+    if (flags_ < 0) return 0;
+    int error = fcntl(fd_, F_SETFL, flags_) == 0 ? 0 : -errno;
+    flags_ = -1;
+    return error;
+  }
+
+ private:
+  static constexpr int kWriteZeroes = 0x80;  // FALLOC_FL_WRITE_ZEROES, newer than the headers
+
+  bool UseDirect() {
+    if (flags_ >= 0) return true;
+    int flags = fcntl(fd_, F_GETFL);
+    if (flags < 0 || fcntl(fd_, F_SETFL, flags | O_DIRECT) != 0) return false;
+    flags_ = flags & ~O_DIRECT;
+    return true;
+  }
+  // One buffer of zeros for every call, aligned for any device.
+  static const void* Zeros() {
+    static const void* zeros = [] {
+      void* p = nullptr;
+      if (posix_memalign(&p, kDirectAlign, kDirectChunk) != 0) std::abort();
+      memset(p, 0, kDirectChunk);
+      return p;
+    }();
+    return zeros;
+  }
+
+  int fd_;
+  int64_t block_;
+  bool writeZeroes_ = true;
+  int flags_ = -1;  // the descriptor's flags before direct I/O; -1 while off
 };
 
 }  // namespace
@@ -146,30 +259,69 @@ int WriteMap(int fd, int64_t start, int64_t length, uint8_t* out, uint32_t room,
   return m.vendorStatus;
 }
 
-int AllocateWritten(int fd, int64_t end) {
+int CheckRoom(int fd, int64_t end) {
+  int64_t missing = 0;
+  int error = WalkExtents(fd, 0, end, false, [&](const Extent& e) {
+    if (e.validity == FS_VALIDITY_HOLE) missing += e.bytes;
+    return true;
+  });
+  struct statfs sf;
+  if (error != 0) return error;
+  if (fstatfs(fd, &sf) != 0) return -errno;
+  const auto room = static_cast<unsigned __int128>(sf.f_bavail) * sf.f_bsize;
+  return static_cast<unsigned __int128>(missing) > room ? -ENOSPC : 0;
+}
+
+int AllocateWritten(int fd, int64_t end, int64_t budget, int64_t* grantedEnd) {
+  *grantedEnd = std::max<int64_t>(end, 0);
   if (end <= 0) return 0;
-  if (fallocate(fd, 0, 0, end) != 0 && errno != EOPNOTSUPP) return -errno;
-  if (fallocate(fd, FALLOC_FL_UNSHARE_RANGE, 0, end) != 0 && errno != EOPNOTSUPP &&
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
+  const int64_t block = std::max<int64_t>(st.st_blksize, 512);
+  // The ranges to fill, cut where the budget runs out (on a block boundary,
+  // and never before a first block).
+  std::vector<Extent> todo;
+  int64_t planned = 0;
+  int error = WalkExtents(fd, 0, end, true, [&](const Extent& e) {
+    if (e.validity != FS_VALIDITY_HOLE && e.validity != FS_VALIDITY_UNWRITTEN) return true;
+    Extent part = e;
+    if (planned + part.bytes > budget) {
+      part.bytes = std::max<int64_t>((budget - planned) / block * block, planned == 0 ? block : 0);
+      *grantedEnd = std::min(end, part.logical + part.bytes);
+    }
+    planned += part.bytes;
+    if (part.bytes > 0) todo.push_back(part);
+    return *grantedEnd == end;
+  });
+  if (error != 0) return error;
+  if (todo.empty()) return 0;
+  const int64_t grant = *grantedEnd;
+  // One allocation at a time: the disk is shared anyway, and the direct I/O
+  // switch of a descriptor must not be undone under another fill.
+  static std::mutex oneAtATime;
+  std::lock_guard<std::mutex> guard(oneAtATime);
+  if (fallocate(fd, 0, 0, grant) != 0 && errno != EOPNOTSUPP) return -errno;
+  if (fallocate(fd, FALLOC_FL_UNSHARE_RANGE, 0, grant) != 0 && errno != EOPNOTSUPP &&
       errno != EINVAL) {
     return -errno;
   }
-  std::vector<Extent> unwritten;
-  int error = WalkExtents(fd, 0, end, true, [&](const Extent& e) {
-    if (e.validity == FS_VALIDITY_HOLE || e.validity == FS_VALIDITY_UNWRITTEN)
-      unwritten.push_back(e);
+  ZeroFiller filler(fd, block);
+  for (const Extent& e : todo) {
+    if (int failed = filler.Fill(e.logical, std::min(e.logical + e.bytes, grant) - e.logical);
+        failed != 0)
+      return failed;
+  }
+  if (int failed = filler.Finish(); failed != 0) return failed;
+  // Whatever way the zeros went, no range may stay unwritten: check, and
+  // write what is left through the page cache.
+  std::vector<Extent> left;
+  error = WalkExtents(fd, 0, grant, true, [&](const Extent& e) {
+    if (e.validity == FS_VALIDITY_HOLE || e.validity == FS_VALIDITY_UNWRITTEN) left.push_back(e);
     return true;
   });
   if (error != 0) return error;
-  std::vector<char> zeros;
-  for (const Extent& e : unwritten) {
-    for (int64_t done = 0; done < e.bytes;) {
-      const size_t chunk = static_cast<size_t>(std::min<int64_t>(e.bytes - done, kZeroChunk));
-      if (zeros.size() < chunk) zeros.resize(chunk);
-      ssize_t wrote = pwrite(fd, zeros.data(), chunk, e.logical + done);
-      if (wrote < 0 && errno == EINTR) continue;
-      if (wrote <= 0) return wrote < 0 ? -errno : -EIO;
-      done += wrote;
-    }
+  for (const Extent& e : left) {
+    if (int failed = WriteZerosCached(fd, e.logical, e.bytes); failed != 0) return failed;
   }
   return fdatasync(fd) == 0 ? 0 : -errno;
 }

@@ -30,11 +30,19 @@ int WalkExtents(int fd, int64_t start, int64_t end, bool sync,
 // map then covers exactly the extents written), or a status with *why.
 int WriteMap(int fd, int64_t start, int64_t length, uint8_t* out, uint32_t room, std::string* why);
 
+// -ENOSPC when the blocks that [0, end) lacks exceed the filesystem's free
+// space; else 0 (or -errno when the file cannot be examined).
+int CheckRoom(int fd, int64_t end);
+
 // Makes [0, end) allocated and written: holes are allocated, extents shared
 // with other files unshared, and every hole and unwritten range filled with
-// zeros; bytes already written are never touched. The file grows to end
-// when it is shorter. Returns 0 or -errno.
-int AllocateWritten(int fd, int64_t end);
+// zeros, so that no range reads as zeros over what a client writes on the
+// disk; bytes already written are never touched. At most `budget` bytes are
+// filled in one call: *grantedEnd says how far the range got (end when all
+// of it). The file grows to *grantedEnd when it is shorter. Zeros are laid
+// by the device's write-zeroes where the filesystem offers it, else written
+// directly in large requests. Returns 0 or -errno.
+int AllocateWritten(int fd, int64_t end, int64_t budget, int64_t* grantedEnd);
 
 }  // namespace localfs
 

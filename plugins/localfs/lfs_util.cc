@@ -2,6 +2,7 @@
 #include "plugins/localfs/lfs_util.h"
 
 #include <string.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <vector>
@@ -52,6 +53,13 @@ size_t WriteFsuni(uint8_t* at, size_t roomBytes, const std::string& text) {
 std::string ErrnoText(int error) {
   char buffer[128];
   return strerror_r(error, buffer, sizeof buffer);
+}
+
+std::string PathOf(int fd) {
+  char path[4096];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  ssize_t n = readlink(link.c_str(), path, sizeof path);
+  return n > 0 ? std::string(path, static_cast<size_t>(n)) : "descriptor " + std::to_string(fd);
 }
 
 }  // namespace localfs

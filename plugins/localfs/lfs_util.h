@@ -58,6 +58,9 @@ bool Utf8FromFsuni(const FSUNI* text, std::string* out);
 // the bytes written, terminator included (0 when not even that fits).
 size_t WriteFsuni(uint8_t* at, size_t roomBytes, const std::string& text);
 
+// The path of an open file, for log lines.
+std::string PathOf(int fd);
+
 // "strerror" of an errno value, thread-safe.
 std::string ErrnoText(int error);
 

@@ -17,6 +17,17 @@ enum {
   LOCALFS_INVALID = -385,         // an argument out of range (negative start or size)
   LOCALFS_NO_SPACE = -386,        // the filesystem has no room for the size asked
   LOCALFS_NOT_CONFIGURED = -387,  // FS_GetMaxLeases: no maxima in the configuration
+  LOCALFS_REFUSED = -388,         // the blocks would not hold the file's bytes as they read
+                                  // (encrypted, verity, journalled data) or the file has
+                                  // more than one name
+  LOCALFS_BUSY = -389,            // the file is open elsewhere, so local changes could not
+                                  // be held off while the map is out
+  LOCALFS_WITHDRAWN = -390,       // a local change of the file waits for its maps to end
+
+  // Map flag: the client only reads the blocks. Such a file is held with a
+  // read lease, so local readers do not disturb the map; without the flag
+  // the map is taken to be written, and the file is held with a write lease.
+  LOCALFS_MAP_READ_ONLY = 0x100,
 
   // VolInfo FStype values.
   LOCALFS_FSTYPE_EXT4 = 1,

@@ -11,8 +11,13 @@ LockTable::Key LockTable::MakeKey(const uint8_t* cookie) {
   return key;
 }
 
-OpenFile LockTable::Insert(const uint8_t* fileCookie, UniqueFd fd) {
-  auto file = std::make_shared<const UniqueFd>(std::move(fd));
+OpenFile LockTable::Find(const uint8_t* fileCookie) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  auto it = files_.find(MakeKey(fileCookie));
+  return it == files_.end() ? nullptr : it->second;
+}
+
+OpenFile LockTable::Insert(const uint8_t* fileCookie, OpenFile file) {
   std::lock_guard<std::mutex> guard(mutex_);
   return files_.try_emplace(MakeKey(fileCookie), std::move(file)).first->second;
 }
@@ -24,6 +29,14 @@ OpenFile LockTable::Remove(const uint8_t* fileCookie) {
   OpenFile file = std::move(it->second);
   files_.erase(it);
   return file;
+}
+
+std::vector<OpenFile> LockTable::All() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<OpenFile> all;
+  all.reserve(files_.size());
+  for (const auto& [key, file] : files_) all.push_back(file);
+  return all;
 }
 
 }  // namespace localfs

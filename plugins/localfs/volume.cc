@@ -59,7 +59,7 @@ std::string Unescape(const std::string& field) {
 }
 
 struct Mount {
-  std::string fsName, source;
+  std::string fsName, source, options;  // options: the filesystem's own
 };
 
 // The mountinfo entry of a mount ID.
@@ -75,6 +75,7 @@ bool FindMount(uint64_t mountId, Mount* m) {
       if (f[i] != "-") continue;
       m->fsName = f[i + 1];
       m->source = Unescape(f[i + 2]);
+      if (i + 3 < f.size()) m->options = f[i + 3];
       return true;
     }
   }
@@ -182,6 +183,15 @@ int ProbeVolume(int dirFd, Volume* v, std::string* why) {
   }
   v->deviceBytes = bytes;
   return 0;
+}
+
+bool MountJournalsData(int fd) {
+  struct statx sx;
+  Mount m;
+  if (statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &sx) != 0 || !(sx.stx_mask & STATX_MNT_ID) ||
+      !FindMount(sx.stx_mnt_id, &m))
+    return false;
+  return ("," + m.options + ",").find(",data=journal,") != std::string::npos;
 }
 
 }  // namespace localfs

@@ -27,6 +27,11 @@ struct Volume {
 // filesystem type, no block device, an unreadable superblock).
 int ProbeVolume(int dirFd, Volume* v, std::string* why);
 
+// True when the mount that holds fd writes every file's data through the
+// journal (ext4's data=journal), so that its blocks may be older than the
+// file's bytes.
+bool MountJournalsData(int fd);
+
 }  // namespace localfs
 
 #endif  // KESTRIX_PLUGINS_LOCALFS_VOLUME_H_

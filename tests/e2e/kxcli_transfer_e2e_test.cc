@@ -1,15 +1,19 @@
 // kestrix-cli read and write against kestrixd with localfs on real ext4 and
 // XFS images: file bytes moved straight on the disk match what the
-// filesystem holds, with maps too large for one reply.
+// filesystem holds, with maps too large for one reply; a local change of a
+// file being written waits for the writer.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "e2e/e2e_util.h"
+#include "plugins/localfs/localfs.h"
 #include "support/loop_mount.h"
 
 namespace kestrix::test {
@@ -113,6 +117,32 @@ TEST_P(KxCliTransferE2E, FilesReadAndWrittenOnTheDiskMatchTheFilesystem) {
   // A disk that is not the volume's is named in the error.
   auto [status, json, err] = Cli({"read", "data", "fragmented", "--disk", "/dev/null"});
   EXPECT_EQ(std::tuple(status, err.find("/dev/null") != std::string::npos), std::tuple(4, true)) << err;
+}
+
+// A local truncation of a file that a client is writing waits until the
+// client closes it; meanwhile the client's renewals are refused.
+TEST_P(KxCliTransferE2E, ALocalTruncationWaitsForTheWritersClose) {
+  const std::string doc = exp_ + "/doc";
+  WriteFile(doc, std::string(3 * bs_, 'd'));
+  ASSERT_TRUE(daemon_.Start({"-l", "4"})) << daemon_.Log();
+  client::Endpoint endpoint("127.0.0.1", daemon_.port());
+  uint64_t id = 0;
+  auto result = [&](client::Bytes request) {
+    client::Write(request, 8, ++id);
+    return client::Read<int32_t>(endpoint.Transact(request).value_or(client::Bytes(64, 0)), 48);
+  };
+  client::Bytes open = client::MakeGetInitialMapRequest("data", "doc", {.intention = 2});
+  client::Write(open, 8, ++id);
+  auto writer = client::ParseMapReply(endpoint.Transact(open).value_or(client::Bytes()));
+  ASSERT_TRUE(writer && writer->result == 0);
+  std::atomic<int> truncated{1};
+  std::thread local([&] { truncated = truncate(doc.c_str(), 0); });
+  EXPECT_TRUE(PollUntil([&] { return result(client::MakeGetExtendedMapRequest(writer->key, 0, 0)) == LOCALFS_WITHDRAWN; }, 5000));
+  EXPECT_EQ(result(client::MakeSetSizeRequest(writer->key, bs_)), LOCALFS_WITHDRAWN);
+  EXPECT_EQ(truncated, 1);
+  EXPECT_EQ(result(client::MakeCloseRequest(writer->key)), 0);
+  local.join();
+  EXPECT_EQ(std::tuple(truncated.load(), ReadFile(doc)), std::tuple(0, std::string()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Filesystems, KxCliTransferE2E, ::testing::Values(FsKind::kExt4, FsKind::kXfs),

@@ -7,10 +7,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <linux/fscrypt.h>
+#include <linux/fsverity.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -20,6 +25,7 @@
 
 #include "fsmdc.h"
 #include "fsvalidity.h"
+#include "support/daemon_process.h"
 #include "support/loop_mount.h"
 #include "unixmdc/loadlib.h"
 
@@ -62,6 +68,8 @@ struct ScopedMount {
   bool ok;
 };
 
+constexpr uint32_t kRoom = 65536 - 256;
+
 struct Map {
   int status = 0;
   FSMapInfo info = {};
@@ -86,10 +94,10 @@ class LocalFsTest : public ::testing::TestWithParam<FsKind> {
   }
   // The map, checking that nothing is written past the room.
   Map GetMap(const Cookie& vol, const Cookie& file, int64_t start = 0, int64_t length = -1,
-             uint32_t room = 65536 - 256) {
+             uint32_t room = kRoom, uint32_t flag = 0) {
     std::vector<uint8_t> buffer(room + 1, 0xEE);
     Map m;
-    m.status = lib_->FS_GetLockedMap(vol.data(), file.data(), start, length, 0,
+    m.status = lib_->FS_GetLockedMap(vol.data(), file.data(), start, length, flag,
                                      reinterpret_cast<FSMapInfo*>(buffer.data()), &room);
     memcpy(&m.info, buffer.data(), sizeof m.info);
     for (int i = 0; i < m.info.nExtents; ++i)
@@ -100,6 +108,16 @@ class LocalFsTest : public ::testing::TestWithParam<FsKind> {
   int Unlock(const Cookie& vol, const Cookie& file) { return lib_->FS_UnlockMap(vol.data(), file.data()); }
   int SetSizes(const Cookie& vol, const Cookie& file, int64_t size, int64_t alloc) {
     return lib_->FS_SetFileSizes(vol.data(), file.data(), 0, size, alloc, -1);
+  }
+  // Maps and size changes of the file are refused, each with an Error line
+  // that names the file (or its other link) and the reason.
+  void ExpectRefused(LogCapture& log, const std::string& name, const std::string& reason) {
+    Cookie vol, file;
+    ASSERT_EQ(Cookies(name, &vol, &file), 0);
+    log.Clear();
+    EXPECT_EQ(std::tuple(GetMap(vol, file).status, SetSizes(vol, file, 0, -1)), std::tuple(LOCALFS_REFUSED, LOCALFS_REFUSED));
+    EXPECT_EQ(std::tuple(CountOf(log.Text(), reason), CountOf(log.Text(), "Error localfs: FS_GetLockedMap: " + fs_->Path(""))),
+              std::tuple(2, 1));
   }
   // The device address of a byte of a mapped file.
   static int64_t Physical(const Map& m, int64_t logical) {
@@ -174,14 +192,14 @@ TEST_P(LocalFsTest, WritesOnTheDiskReplaceCachedPages) {
   WriteFile(f, old);
   Cookie vol, file;
   ASSERT_EQ(Cookies("f", &vol, &file), 0);
+  ASSERT_EQ(ReadFile(f), old);  // the server's pages are cached now (no local open while mapped)
   Map m = GetMap(vol, file);
-  ASSERT_EQ(ReadFile(f), old);  // the server's pages are cached now
   WriteAt(fs_->image(), Physical(m, 0), std::string(bs_, 'c'));
   EXPECT_EQ(Unlock(vol, file), 0);
   EXPECT_EQ(ReadFile(f), std::string(bs_, 'c') + old.substr(bs_));
 
-  m = GetMap(vol, file);
   ASSERT_EQ(ReadFile(f).size(), old.size());  // cached again
+  m = GetMap(vol, file);
   WriteAt(fs_->image(), Physical(m, 2 * bs_), std::string(bs_, 'd'));
   EXPECT_EQ(SetSizes(vol, file, 3 * bs_ - 100, 3 * bs_ - 100), 0);
   EXPECT_EQ(Unlock(vol, file), 0);
@@ -236,6 +254,203 @@ TEST_P(LocalFsTest, EntryPointsAreSafeOnSeveralThreads) {
     });
   for (auto& t : threads) t.join();
   EXPECT_EQ(failures, 0);
+}
+
+// A local change of a file with a map out waits until the map ends, and
+// meanwhile the file's maps and size changes are refused. A map for reading
+// lets local readers through; no map is given while the file is open
+// elsewhere in a way that would keep its changes from waiting.
+TEST_P(LocalFsTest, LocalChangesWaitUntilTheMapEnds) {
+  const std::string f = exp_ + "/f";
+  auto opening = [](int flags) {
+    return [flags](const std::string& path) { int fd = open(path.c_str(), flags); return fd < 0 ? -1 : close(fd); };
+  };
+  struct Row {
+    const char* change;
+    uint32_t flag;
+    std::function<int(const std::string&)> run;  // 0 once the change is made
+    bool waits;
+  };
+  const Row rows[] = {
+      {"open for writing", 0, opening(O_WRONLY), true},
+      {"open for reading", 0, opening(O_RDONLY), true},
+      {"truncation", 0, [](const std::string& path) { return truncate(path.c_str(), 0); }, true},
+      {"hole punch", 0, [this](const std::string& path) {
+         int fd = open(path.c_str(), O_RDWR);
+         int r = fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, bs_);
+         return close(fd) | r;
+       }, true},
+      {"clone", 0, [](const std::string& path) {  // ext4 has none; its open waits all the same
+         int from = open(path.c_str(), O_RDONLY), to = open((path + ".copy").c_str(), O_CREAT | O_WRONLY, 0644);
+         int r = ioctl(to, FICLONE, from) == 0 || errno == EOPNOTSUPP ? 0 : -1;
+         return close(from) | close(to) | r;
+       }, true},
+      {"open for writing, map for reading", LOCALFS_MAP_READ_ONLY, opening(O_WRONLY), true},
+      {"open for reading, map for reading", LOCALFS_MAP_READ_ONLY, opening(O_RDONLY), false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.change);
+    WriteFile(f, std::string(2 * bs_, 'x'));
+    Cookie vol, file;
+    ASSERT_EQ(Cookies("f", &vol, &file), 0);
+    ASSERT_EQ(GetMap(vol, file, 0, -1, kRoom, row.flag).status, 0);
+    std::atomic<int> result{1};
+    std::thread change([&] { result = row.run(f); });
+    if (row.waits) {
+      EXPECT_TRUE(PollUntil([&] { return GetMap(vol, file, 0, -1, kRoom, row.flag).status == LOCALFS_WITHDRAWN; }, 5000));
+      EXPECT_EQ(std::tuple(result.load(), SetSizes(vol, file, -1, 4 * bs_)), std::tuple(1, LOCALFS_WITHDRAWN));
+      EXPECT_EQ(Unlock(vol, file), 0);
+    }
+    change.join();
+    EXPECT_EQ(std::tuple(result.load(), GetMap(vol, file, 0, -1, kRoom, row.flag).status), std::tuple(0, 0));
+    EXPECT_EQ(Unlock(vol, file), 0);
+  }
+  Cookie vol, file;
+  ASSERT_EQ(Cookies("f", &vol, &file), 0);
+  int reader = open(f.c_str(), O_RDONLY);
+  EXPECT_EQ(GetMap(vol, file).status, LOCALFS_BUSY);
+  EXPECT_EQ(GetMap(vol, file, 0, -1, kRoom, LOCALFS_MAP_READ_ONLY).status, 0);
+  EXPECT_EQ(SetSizes(vol, file, 0, -1), LOCALFS_BUSY);
+  EXPECT_EQ(Unlock(vol, file) | close(reader), 0);
+}
+
+// Files whose blocks do not hold their bytes as they read, and files with a
+// second name, are refused, each with its name and the reason in the log.
+// XFS has neither encryption nor journalled data.
+TEST_P(LocalFsTest, FilesThatCannotBeMappedTruthfullyAreRefused) {
+  auto feature = [this](const char* name) {  // "" once the filesystem has it
+    return RunToExit(FindProgram("tune2fs"), {"-O", name, fs_->device()}, {}).exitStatus == 0 ? "" : "tune2fs failed";
+  };
+  struct Row {
+    const char* name;
+    bool ext4Only;
+    std::function<std::string(const std::string&)> make;  // "" when made, else why it cannot be here
+    const char* reason;
+  };
+  const Row rows[] = {
+      {"linked", false, [this](const std::string& f) { return link(f.c_str(), fs_->Path("outside/link").c_str()) == 0 ? "" : "no link"; },
+       "the file has 2 names"},
+      {"secret/encrypted", true, [&](const std::string& f) -> std::string {
+         if (std::string no = feature("encrypt"); !no.empty()) return no;
+         std::filesystem::remove(f);  // the policy is set on an empty directory
+         std::vector<uint8_t> arg(sizeof(fscrypt_add_key_arg) + 64, 7);
+         auto* key = reinterpret_cast<fscrypt_add_key_arg*>(arg.data());
+         *key = {};
+         key->key_spec.type = FSCRYPT_KEY_SPEC_TYPE_IDENTIFIER;
+         key->raw_size = 64;
+         fscrypt_policy_v2 policy = {.version = FSCRYPT_POLICY_V2, .contents_encryption_mode = FSCRYPT_MODE_AES_256_XTS,
+                                     .filenames_encryption_mode = FSCRYPT_MODE_AES_256_CTS,
+                                     .flags = FSCRYPT_POLICY_FLAGS_PAD_32, .__reserved = {}, .master_key_identifier = {}};
+         int root = open(exp_.c_str(), O_RDONLY | O_DIRECTORY), dir = open(fs_->Path("export/secret").c_str(), O_RDONLY);
+         bool made = ioctl(root, FS_IOC_ADD_ENCRYPTION_KEY, key) == 0 &&
+                     (memcpy(policy.master_key_identifier, key->key_spec.u.identifier, 16),
+                      ioctl(dir, FS_IOC_SET_ENCRYPTION_POLICY, &policy) == 0);
+         close(root), close(dir);
+         if (made) WriteFile(f, "plain");
+         return made ? "" : std::string("no encryption here: ") + strerror(errno);
+       }, "the file is encrypted"},
+      // The flag needs CAP_SYS_RESOURCE; without it the whole mount journals
+      // its data. Last, as it remounts.
+      {"journalled", true, [&](const std::string& f) -> std::string {
+         int fd = open(f.c_str(), O_RDONLY), flags = 0;
+         bool made = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 &&
+                     (flags |= FS_JOURNAL_DATA_FL, ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0);
+         close(fd);
+         if (made) return "";
+         made = RunToExit(FindProgram("umount"), {fs_->Path("")}, {}).exitStatus == 0 &&
+                RunToExit(FindProgram("mount"), {"-o", "loop,data=journal", "-t", "ext4", fs_->image(), fs_->Path("")}, {})
+                        .exitStatus == 0 &&
+                lib_->FS_Init() == 0;
+         return made ? "" : "no data=journal mount";
+       }, "the file's data is journalled"},
+  };
+  std::filesystem::create_directory(exp_ + "/secret");
+  LogCapture log;
+  std::string skipped;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string f = exp_ + "/" + row.name;
+    WriteFile(f, "data");
+    if (row.ext4Only && GetParam() != FsKind::kExt4) continue;
+    if (std::string no = row.make(f); !no.empty()) {
+      fprintf(stderr, "SKIPPED: %s file not tried: %s\n", row.name, no.c_str());
+      skipped += std::string(" ") + row.name + ": " + no + ";";
+      continue;
+    }
+    ExpectRefused(log, row.name, row.reason);
+  }
+  if (!skipped.empty()) GTEST_SKIP() << "not tried here:" << skipped;
+}
+
+TEST_P(LocalFsTest, VerityFilesAreRefused) {
+  if (GetParam() != FsKind::kExt4) GTEST_SKIP() << "verity is tried on ext4 only";
+  const std::string f = exp_ + "/verity";
+  WriteFile(f, "data");
+  if (RunToExit(FindProgram("tune2fs"), {"-O", "verity", fs_->device()}, {}).exitStatus != 0)
+    GTEST_SKIP() << "tune2fs cannot give the filesystem verity";
+  fsverity_enable_arg arg = {};
+  arg.version = 1, arg.hash_algorithm = FS_VERITY_HASH_ALG_SHA256, arg.block_size = 4096;
+  int fd = open(f.c_str(), O_RDONLY);
+  bool made = ioctl(fd, FS_IOC_ENABLE_VERITY, &arg) == 0;
+  int error = errno;
+  close(fd);
+  if (!made) GTEST_SKIP() << "no verity in this kernel: " << strerror(error);
+  LogCapture log;
+  ExpectRefused(log, "verity", "the file is protected by verity");
+}
+
+// The export is the directory it was at start-up: one put in its place, even
+// a symbolic link to the same directory, is not followed.
+TEST_P(LocalFsTest, AnExportReplacedAfterStartUpIsRefused) {
+  WriteFile(exp_ + "/f", "f");
+  Cookie vol, file;
+  ASSERT_EQ(Cookies("f", &vol, &file), 0);
+  std::filesystem::rename(exp_, fs_->Path("moved"));
+  std::filesystem::create_symlink(fs_->Path("moved"), exp_);
+  LogCapture log;
+  EXPECT_EQ(std::tuple(Cookies("f", &vol, &file), GetMap(vol, file).status), std::tuple(LOCALFS_NOT_SERVED, LOCALFS_STALE));
+  EXPECT_EQ(CountOf(log.Text(), exp_ + " is no longer the directory it was at start-up"), 2);
+}
+
+// An allocation comes in parts of at most max-growth, written on the disk:
+// no range left unwritten to read as zeros over what a client writes, no
+// bytes of deleted files for a client to read. One beyond the free space is
+// refused with nothing changed.
+TEST_P(LocalFsTest, AllocationsComeWrittenInPartsAndWithinTheFreeSpace) {
+  const int64_t mib = 1 << 20;
+  WriteFile(dir_.File("localfs.conf"), exp_ + "\nmax-growth 1\n");
+  ASSERT_EQ(lib_->FS_Init(), 0);
+  WriteFile(exp_ + "/old", std::string(8 * mib, 'o'));  // blocks that will be free and not zero
+  sync();
+  std::filesystem::remove(exp_ + "/old");
+  const std::string f = exp_ + "/f";
+  WriteFile(f, "");
+  Cookie vol, file;
+  ASSERT_EQ(Cookies("f", &vol, &file), 0);
+  std::vector<int64_t> sizes;
+  for (int call = 0; call < 3; ++call) {
+    ASSERT_EQ(SetSizes(vol, file, -1, 3 * mib), 0);
+    sizes.push_back(GetMap(vol, file).info.fileSize);
+  }
+  EXPECT_EQ(sizes, (std::vector<int64_t>{mib, 2 * mib, 3 * mib}));
+  Map m = GetMap(vol, file);
+  std::ifstream image(fs_->image(), std::ios::binary);
+  for (const auto& e : m.extents) {
+    std::string onDisk(e.nBytes, '?');
+    image.seekg(e.PhysicalByteAddr).read(onDisk.data(), e.nBytes);
+    EXPECT_EQ(std::tuple(e.validity, std::count(onDisk.begin(), onDisk.end(), '\0')),
+              std::tuple(uint32_t{FS_VALIDITY_DATA}, e.nBytes));
+  }
+  WriteAt(fs_->image(), Physical(m, 2 * mib + 5), "client");
+  EXPECT_EQ(Unlock(vol, file), 0);
+  EXPECT_EQ(ReadFile(f).substr(2 * mib, 12), std::string(5, '\0') + "client" + '\0');
+
+  struct statvfs sv;
+  struct stat before, after;
+  ASSERT_EQ(statvfs(exp_.c_str(), &sv) | stat(f.c_str(), &before), 0);
+  EXPECT_EQ(SetSizes(vol, file, 10, static_cast<int64_t>(sv.f_blocks * sv.f_frsize)), LOCALFS_NO_SPACE);
+  ASSERT_EQ(stat(f.c_str(), &after), 0);
+  EXPECT_EQ(std::tuple(after.st_size, after.st_blocks), std::tuple(before.st_size, before.st_blocks));
 }
 
 INSTANTIATE_TEST_SUITE_P(Filesystems, LocalFsTest, ::testing::Values(FsKind::kExt4, FsKind::kXfs),
