@@ -1,11 +1,14 @@
 // LAN_ProcessMessage on a header-only request that no handler serves:
-// without tracking, and with a tracker full of answered requests, from 1 to
-// 2,000 of them (the cost per request should not depend on how many).
+// without tracking (with the request counters off and on), and with a
+// tracker full of answered requests, from 1 to 2,000 of them (the cost per
+// request should not depend on how many). Also what timing one library call
+// adds.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
 
 #include "utils/ksxmem.h"
+#include "utils/kxstats.h"
 #include "utils/lanserver.h"
 #include "utils/log.h"
 
@@ -29,9 +32,11 @@ LanHeader Request(uint64_t id, uint32_t flags) {
   return h;
 }
 
-// Without tracking, every request goes to dispatch and gets result 8.
+// Without tracking, every request goes to dispatch and gets result 8;
+// with the argument 1 it is also counted and timed.
 void BM_ProcessNoHandler(benchmark::State& state) {
   QuietLog();
+  kestrix::stats::Enable(state.range(0) != 0);
   g_MaxDuplicateMessages = 0;
   LanServerInfo* server = nullptr;
   LAN_InitServer(&server);
@@ -41,8 +46,19 @@ void BM_ProcessNoHandler(benchmark::State& state) {
     benchmark::DoNotOptimize(reply);
     ksxmem_free(reply);
   }
+  kestrix::stats::Enable(false);
 }
-BENCHMARK(BM_ProcessNoHandler);
+BENCHMARK(BM_ProcessNoHandler)->Arg(0)->Arg(1);
+
+// What a library entry point's wrapper adds to the call: two clock reads
+// and the counters.
+void BM_LibraryCallTiming(benchmark::State& state) {
+  for (auto _ : state) {
+    const uint64_t started = kestrix::stats::NowNs();
+    kestrix::stats::CountLibraryCall(4, kestrix::stats::NowNs() - started);
+  }
+}
+BENCHMARK(BM_LibraryCallTiming);
 
 // A server tracking `bound` answered requests from one sender.
 LanServerInfo* FullTracker(int bound) {

@@ -240,6 +240,7 @@ int main(int argc, char** argv) {
     setenv("KESTRIX_SMBPATH", (dir / "smb.conf").c_str(), 1);
     setenv("KESTRIX_LOG_DIR", dir.c_str(), 1);
     setenv("KESTRIX_PORT", std::to_string(port).c_str(), 1);
+    setenv("KESTRIX_ADMIN_SOCKET", (dir / "admin.sock").c_str(), 1);  // counting on, as in service
     freopen((dir / "stderr.txt").c_str(), "w", stderr);
     freopen((dir / "stdout.txt").c_str(), "w", stdout);
     execl(argv[1], argv[1], "-d", "-s", "0", "-t", "10", "-m", std::to_string(kBound).c_str(),

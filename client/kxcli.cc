@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "client/kxadmin.h"
 #include "client/kxoutput.h"
 #include "client/kxsession.h"
 #include "client/kxtransfer.h"
@@ -53,6 +54,8 @@ const char kUsage[] =
     "  log LEVEL [DESTINATION]   LOG string command: log level and destination\n"
     "                            (SCREEN, SYSTEM or a file; none: system log)\n"
     "  cmd TEXT                  any string command, sent as TEXT\n"
+    "  admin leases|revoke|stats leases, revocation and counters over the admin socket\n"
+    "                            (kestrix-cli admin for its usage)\n"
     "options:\n"
     "  -h, --host HOST           daemon host (default 127.0.0.1)\n"
     "  -p, --port PORT           UDP port (default $KESTRIX_PORT or 5501)\n"
@@ -409,6 +412,7 @@ class Cli {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (int status; RunAdminCommand(argc, argv, &status)) return status;
   std::string why;
   std::optional<Args> args = Split(argc, argv, &why);
   if (!args) return UsageError(why);

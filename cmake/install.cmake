@@ -31,3 +31,4 @@ install(FILES man/kestrix-cli.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES contrib/bash-completion/kestrix-cli
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES contrib/wireshark/kestrix.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/wireshark)
+install(FILES contrib/grafana/kestrixd.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/grafana)

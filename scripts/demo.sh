@@ -91,6 +91,9 @@ printf '# Directories localfs serves\n%s\n' "$share" >"$demo/localfs.conf"
 ln -s "$build/plugins/localfs.so" "$demo/lib/localfs.so"
 export KESTRIX_LIBDIR="$demo/lib" KESTRIX_SMBPATH="$demo/smb.conf"
 export KESTRIX_LOCALFS_CONF="$demo/localfs.conf"
+# The admin socket beside the demo's files; metrics only when asked for
+# (KESTRIX_METRICS=127.0.0.1:9464 make run).
+export KESTRIX_ADMIN_SOCKET="$demo/admin.sock"
 
 cli="$build/client/kestrix-cli"
 [ "$port" != 5501 ] && cli="$cli -p $port"
@@ -107,6 +110,8 @@ In a second terminal try:
   echo "new text, written on the disk" | $cli write demo hello.txt --disk $disk
   cat $share/hello.txt
   $cli --json getvolume demo              # any command: --json for scripts
+  $build/client/kestrix-cli admin leases --socket $demo/admin.sock   # who holds what
+  $build/client/kestrix-cli admin revoke 0x0 --socket $demo/admin.sock
 Ctrl-C stops the daemon and unmounts the image.
 MSG
 "$build/kestrixd" -d -f SCREEN -l 4 "$@" &

@@ -28,7 +28,7 @@
 extern "C" {
 
 LeaseEntry leaseListHeadGlb = {&leaseListHeadGlb, &leaseListHeadGlb, nullptr, {}, {}, {}, {},
-                               0, 0, 0, 0, nullptr, nullptr, nullptr};
+                               0, 0, 0, 0, nullptr, nullptr, nullptr, 0, {}};
 void* leaseListLock = nullptr;
 FSULONG globalKey = 0;
 
@@ -200,6 +200,8 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
   memcpy(fresh->messageCookie, messageCookie, LAN_MSGID_SIZE);
   memcpy(fresh->commCookie, commCookie, LAN_COMMCOOKIE_SIZE);
   fresh->library = library;
+  fresh->openedTime = OSL_MSeconds();
+  if (fileName != nullptr) fsuni2mb(fresh->path, fileName, LEASE_PATH_BYTES);
 
   kestrix::SemGuard guard(leaseListLock);
   // A file whose last lease has just gone is locked again only after its unlock.

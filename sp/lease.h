@@ -17,6 +17,8 @@
 extern "C" {
 #endif
 
+enum { LEASE_PATH_BYTES = 1024 };
+
 typedef struct LeaseEntry {
   struct LeaseEntry* next;
   struct LeaseEntry* prev;
@@ -33,6 +35,10 @@ typedef struct LeaseEntry {
   struct LeaseEntry* keyNext;
   struct LeaseEntry* fileNext;
   struct LeaseEntry* requestNext;
+  // For the admin socket's listing: when the lease was first made
+  // (OSL_MSeconds; renewals leave it) and the full path it was opened on.
+  FSULONG openedTime;
+  char path[LEASE_PATH_BYTES];
 } LeaseEntry;
 
 // Status codes of the list operations.

@@ -8,6 +8,7 @@
 #include "sp/lease.h"
 #include "utils/dlist.h"
 #include "utils/ksxmem.h"
+#include "utils/kxstats.h"
 #include "utils/log.h"
 #include "utils/osl.h"
 
@@ -88,6 +89,7 @@ int PurgeLeaseList(void) {
         }
       }
       ksxmem_free(lease);
+      kestrix::stats::CountLeasesExpired(1);
     }
     lease = next;
   }

@@ -15,6 +15,13 @@ std::string LibraryDirectory() { return Variable("KESTRIX_LIBDIR", kDefaultLibra
 
 std::string LogDirectory() { return Variable("KESTRIX_LOG_DIR", ""); }
 
+std::string AdminSocketPath() {
+  const char* value = std::getenv("KESTRIX_ADMIN_SOCKET");
+  return value != nullptr ? value : kDefaultAdminSocket;
+}
+
+std::string MetricsAddress() { return Variable("KESTRIX_METRICS", ""); }
+
 uint16_t ServicePort() {
   const char* text = std::getenv("KESTRIX_PORT");
   if (text == nullptr || *text == '\0') return kDefaultServicePort;

@@ -11,13 +11,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
+#include "unixmdc/admin_socket.h"
 #include "unixmdc/config.h"
+#include "unixmdc/library_timing.h"
+#include "unixmdc/metrics.h"
 #include "utils/ksxmem.h"
+#include "utils/kxstats.h"
 #include "utils/log.h"
 #include "utils/osl.h"
 
@@ -121,6 +126,7 @@ void SetUpServer() {
   FSMDCSP_Init();
   RequireForStartup(kestrix::ServiceProviderReady(),
                     "the service provider's locks or its lease purge thread");
+  if (kestrix::stats::Enabled()) kestrix::TimeLibraryCalls();
   LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
   LAN_RegisterMessageHandler(info, 2, SP_LanGetInitialMap);
   LAN_RegisterMessageHandler(info, 3, SP_LanGetExtendedMap);
@@ -135,26 +141,59 @@ extern "C" {
 
 void startup(void) {
   OSL_Log(KSX_SP, "kestrixd startup() activated\n");
-  // SIGUSR1 asks for a state dump. It is blocked before any thread starts,
-  // so every thread inherits the mask and only this one takes it, by sigwait.
-  sigset_t dumpSignal;
-  sigemptyset(&dumpSignal);
-  sigaddset(&dumpSignal, SIGUSR1);
-  pthread_sigmask(SIG_BLOCK, &dumpSignal, nullptr);
+  // SIGUSR1 asks for a state dump; SIGHUP is taken and ignored, since there
+  // is nothing to reload. Both are blocked before any thread starts, so
+  // every thread inherits the mask and only this one takes them, by sigwait.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGUSR1);
+  sigaddset(&signals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   g_kestrixdsem = OSL_SemCreate(1);
   RequireForStartup(g_kestrixdsem != nullptr, "the message semaphore");
+  const std::string adminSocket = kestrix::AdminSocketPath();
+  const std::string metrics = kestrix::MetricsAddress();
+  // Requests are timed only when the admin socket or the metrics can show it.
+  kestrix::stats::Enable(!adminSocket.empty() || !metrics.empty());
   DgramServer(kestrix::ServicePort());
+  kestrix::StartOperatorInterfaces(adminSocket, metrics);
   OSL_Log(KSX_PRINT, "kestrixd started. Threads:%d Sem:%s Tracker:%d\n", g_ListenerThreads,
           g_use_dgramServer_MessageHandler_sem != 0 ? "TRUE" : "FALSE", g_MaxDuplicateMessages);
+  // The socket is bound and the libraries are loaded: tell systemd, when it
+  // started us with Type=notify (without NOTIFY_SOCKET this does nothing).
+  sd_notify(0, "READY=1");
   for (;;) {
     int signal = 0;
-    if (sigwait(&dumpSignal, &signal) == 0 && signal == SIGUSR1) kestrix::DumpDaemonState();
+    if (sigwait(&signals, &signal) != 0) continue;
+    if (signal == SIGUSR1) kestrix::DumpDaemonState();
+    if (signal == SIGHUP) OSL_Log(KSX_PRINT, "kestrixd: SIGHUP ignored, nothing to reload.\n");
   }
 }
 
 }  // extern "C"
 
 namespace kestrix {
+
+void StartOperatorInterfaces(const std::string& adminSocket, const std::string& metrics) {
+  std::string why;
+  if (adminSocket.empty()) {
+    // Turned off: nothing to make and nothing to say.
+  } else if (StartAdminSocket(adminSocket, &why)) {
+    OSL_Log(KSX_PRINT, "kestrixd: admin socket %s\n", LogSafe(adminSocket.c_str()).c_str());
+  } else {
+    // The daemon serves its clients all the same; only the operator's view is missing.
+    OSL_Log(KSX_ERROR, "kestrixd: no admin socket %s: %s\n", LogSafe(adminSocket.c_str()).c_str(),
+            why.c_str());
+  }
+  if (metrics.empty()) return;
+  if (!StartMetricsEndpoint(metrics, &why)) {
+    // Asked for and not there: as for a taken UDP port, the daemon does not run half-seen.
+    OSL_Log(KSX_ERROR, "kestrixd: cannot serve metrics on %s: %s\n", LogSafe(metrics.c_str()).c_str(),
+            LogSafe(why.c_str()).c_str());
+    exit(1);
+  }
+  OSL_Log(KSX_PRINT, "kestrixd: metrics on http://%s/metrics\n", LogSafe(metrics.c_str()).c_str());
+}
 
 void DumpDaemonState() {
   // The lease list and the duplicate counters, as the debugging handler

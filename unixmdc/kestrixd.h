@@ -5,6 +5,10 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+#include <string>
+#endif
+
 #include "utils/dgram.h"
 #include "utils/lanserver.h"
 
@@ -45,6 +49,12 @@ Options ParseOptions(int argc, char** argv);
 // code, everything the daemon serves with except the socket. Ends the
 // process when a lock or the lease purge thread cannot be created.
 void SetUpServer();
+
+// The admin socket at adminSocket (none when empty) and the metrics endpoint
+// at metrics (none when empty), once the UDP socket is bound. A socket that
+// cannot be made is logged and left out; metrics that cannot be served end
+// the process with status 1.
+void StartOperatorInterfaces(const std::string& adminSocket, const std::string& metrics);
 
 // What SIGUSR1 asks for: the lease list and duplicate counters through
 // SP_LanDumpInfo, then one Print line with the counts of leases and tracker

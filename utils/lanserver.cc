@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "utils/ksxmem.h"
+#include "utils/kxstats.h"
 #include "utils/lan_sup.h"
 #include "utils/log.h"
 #include "utils/osl.h"
@@ -66,6 +67,7 @@ LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* 
                               const uint8_t* commCookie) {
   auto* request = static_cast<LanHeader*>(message);
   OSL_Log(KSX_SP, "LANSERVER: received message\n");
+  const uint64_t started = kestrix::stats::Enabled() ? kestrix::stats::NowNs() : 0;
 
   // A rejected header is answered without dispatch; the tracker is not asked.
   LanHeader* reply = ValidateHeader(message, server);
@@ -97,6 +99,12 @@ LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* 
       }
       LAN_RegisterComplete(server, commCookie, request, reply);
     }
+    if (started != 0) {
+      kestrix::stats::CountRequest(request->functionCode, kestrix::stats::ReplyResult(reply),
+                                   kestrix::stats::NowNs() - started);
+    }
+  } else {
+    kestrix::stats::CountHeaderRefused();
   }
 
   PurgeTrackerList(server);

@@ -3,6 +3,7 @@
 // change while other threads log, the escaping of client text, the level
 // file and the Panic exit.
 #include "utils/log.h"
+#include "utils/kxstats.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -153,6 +154,7 @@ void OSL_Log(int level, const char* format, ...) {
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
     WriteLine(level, text);
+    kestrix::stats::CountLogLine(level);
   }
   if (level == KSX_PANIC) ForceCore();
 }

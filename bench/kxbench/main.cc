@@ -31,6 +31,10 @@ const char kUsage[] =
     "  --duration S      measured seconds (default 5), after --warmup S (default 1)\n"
     "  --hold N          keep N further leases open on the daemon while measuring\n"
     "  --echo            also run the same load against a minimal echo responder\n"
+    "  --metrics         also run it against the daemon with its admin socket and\n"
+    "                    metrics on, and print the cost of counting: the two\n"
+    "                    alternate for --rounds N (default 3) rounds, and each\n"
+    "                    keeps its round of least CPU per request\n"
     "  --json            one JSON object per kind instead of the table\n"
     "  --daemon PATH     the kestrixd to start (default: the one built beside kxbench)\n"
     "  --plugin PATH     its only filesystem plug-in (default: the built nullfs)\n"
@@ -42,8 +46,8 @@ struct Options {
   std::vector<Kind> kinds{Kind::kHeader};
   LoadShape shape;
   double duration = 5, warmup = 1;
-  int hold = 0;
-  bool echo = false, json = false;
+  int hold = 0, rounds = 3;
+  bool echo = false, json = false, metrics = false;
   std::string daemon = KXBENCH_DAEMON, plugin = KXBENCH_PLUGIN;
   std::vector<std::string> daemonArgs;
   uint16_t runningPort = 0;
@@ -90,6 +94,10 @@ bool ParseOptions(int argc, char** argv, Options* o) {
       ok = v != nullptr && (o->hold = std::atoi(v)) >= 0;
     } else if (a == "--echo") {
       o->echo = true;
+    } else if (a == "--metrics") {
+      o->metrics = true;
+    } else if (a == "--rounds") {
+      ok = count(&o->rounds);
     } else if (a == "--json") {
       o->json = true;
     } else if (a == "--daemon" || a == "--plugin") {
@@ -196,27 +204,37 @@ std::string JsonFigures(const Figures& f) {
 int RunKind(const Options& o, Kind kind) {
   Options run = o;
   run.shape.kind = kind;
-  Figures daemon, echo;
-  {
+  Figures daemon, echo, metered;
+  // The daemon under the load, started for the run unless one is running.
+  auto measureDaemon = [&](bool withMetrics, const char* label, Figures* f) {
     ServerProcess server;
     uint16_t port = o.runningPort;
     pid_t pid = o.runningPid;
     if (port == 0) {
       port = kestrix::client::FreeLoopbackPort();
-      if (!server.StartDaemon(o.daemon, o.plugin, o.daemonArgs, port)) {
+      if (!server.StartDaemon(o.daemon, o.plugin, o.daemonArgs, port, withMetrics)) {
         std::fprintf(stderr, "kxbench: %s\n", server.error().c_str());
-        return 1;
+        return false;
       }
       pid = server.pid();
     }
     std::vector<uint32_t> held;
     if (o.hold > 0) OpenLeases(port, o.hold, &held);
-    const bool measured = Measure(run, "daemon", port, pid, &daemon);
+    const bool measured = Measure(run, label, port, pid, f);
     CloseLeases(port, held);
-    if (!measured) {
-      std::fprintf(stderr, "kxbench: no replies from the daemon\n");
-      return 1;
-    }
+    if (!measured) std::fprintf(stderr, "kxbench: no replies from the daemon\n");
+    return measured;
+  };
+  // Other load on the machine only adds CPU time, so of several rounds the
+  // least costly is the closest to the daemon's own cost.
+  const int rounds = o.metrics ? o.rounds : 1;
+  for (int round = 0; round < rounds; ++round) {
+    Figures plain, counted;
+    if (!measureDaemon(false, "daemon", &plain)) return 1;
+    if (round == 0 || plain.cpuUsPerRequest < daemon.cpuUsPerRequest) daemon = plain;
+    if (!o.metrics) break;
+    if (!measureDaemon(true, "metrics", &counted)) return 1;
+    if (round == 0 || counted.cpuUsPerRequest < metered.cpuUsPerRequest) metered = counted;
   }
   if (o.echo) {
     ServerProcess server;
@@ -229,6 +247,9 @@ int RunKind(const Options& o, Kind kind) {
   }
   const bool haveRatio = o.echo && daemon.cpuUsPerRequest > 0 && echo.cpuUsPerRequest > 0;
   const double efficiency = haveRatio ? echo.cpuUsPerRequest / daemon.cpuUsPerRequest : 0;
+  // What counting costs: the metered daemon's CPU per request over the plain one's.
+  const bool haveCost = o.metrics && daemon.cpuUsPerRequest > 0 && metered.cpuUsPerRequest > 0;
+  const double cost = haveCost ? metered.cpuUsPerRequest / daemon.cpuUsPerRequest - 1 : 0;
 
   if (o.json) {
     std::printf("{\"kind\":\"%s\",\"dup\":%s,\"threads\":%d,\"sockets\":%d,\"window\":%d,"
@@ -236,6 +257,8 @@ int RunKind(const Options& o, Kind kind) {
                 KindName(kind), o.shape.duplicateFlag ? "true" : "false", o.shape.threads,
                 o.shape.sockets, o.shape.window, o.duration, o.hold, JsonFigures(daemon).c_str());
     if (o.echo) std::printf(",\"echo\":%s", JsonFigures(echo).c_str());
+    if (o.metrics) std::printf(",\"metrics\":%s", JsonFigures(metered).c_str());
+    if (haveCost) std::printf(",\"metrics_cpu_cost\":%.4f", cost);
     if (haveRatio) std::printf(",\"efficiency\":%.3f", efficiency);
     std::printf("}\n");
   } else {
@@ -246,6 +269,8 @@ int RunKind(const Options& o, Kind kind) {
                 "p99.9 us", "cpu us/req", "resent");
     PrintRow("daemon", daemon);
     if (o.echo) PrintRow("echo", echo);
+    if (o.metrics) PrintRow("metrics", metered);
+    if (haveCost) std::printf("counting costs %+.1f%% CPU per request\n", cost * 100);
     if (haveRatio) std::printf("efficiency %.2f\n", efficiency);
   }
   std::fflush(stdout);

@@ -36,7 +36,8 @@ int64_t ProcessCpuNs(pid_t pid) {
 }
 
 bool ServerProcess::StartDaemon(const std::string& daemon, const std::string& plugin,
-                                const std::vector<std::string>& options, uint16_t port) {
+                                const std::vector<std::string>& options, uint16_t port,
+                                bool metered) {
   char dirTemplate[] = "/tmp/kxbench.XXXXXX";
   if (mkdtemp(dirTemplate) == nullptr) return error_ = "cannot make a temporary directory", false;
   dir_ = dirTemplate;
@@ -54,6 +55,9 @@ bool ServerProcess::StartDaemon(const std::string& daemon, const std::string& pl
   if (pid_ == 0) {
     setenv("KESTRIX_LIBDIR", libDir.c_str(), 1);
     setenv("KESTRIX_PORT", portText.c_str(), 1);
+    setenv("KESTRIX_ADMIN_SOCKET", metered ? (dir_ + "/admin.sock").c_str() : "", 1);
+    if (metered) setenv("KESTRIX_METRICS", ("127.0.0.1:" + portText).c_str(), 1);
+    else unsetenv("KESTRIX_METRICS");
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

@@ -27,9 +27,12 @@ class ServerProcess {
 
   // kestrixd in the foreground on `port`, with the plug-in alone in a
   // temporary plug-in directory and the log in a file there; waits until it
-  // answers. False (with the reason in error()) when it does not.
+  // answers. With metered, its admin socket lies there too and its metrics
+  // are served on 127.0.0.1:`port` over TCP, so that it counts and times
+  // every request; without, it has neither and counts nothing. False (with
+  // the reason in error()) when it does not answer.
   bool StartDaemon(const std::string& daemon, const std::string& plugin,
-                   const std::vector<std::string>& options, uint16_t port);
+                   const std::vector<std::string>& options, uint16_t port, bool metered);
   // The echo responder on `port`: one thread that answers each datagram with
   // its header (function code negated) in a reply of replySize[code] bytes,
   // or of the datagram's own size for codes without one.

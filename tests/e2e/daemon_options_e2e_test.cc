@@ -59,7 +59,7 @@ TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
   const uint16_t port = FreeLoopbackPort();
   RunResult parent = RunToExit(KESTRIXD_BINARY, {"-f", log, "-l", "4"},
                                {{"KESTRIX_PORT", std::to_string(port)}, {"KESTRIX_LIBDIR", dir.path()},
-                                {"KESTRIX_SMBPATH", dir.File("none.conf")}});
+                                {"KESTRIX_SMBPATH", dir.File("none.conf")}, {"KESTRIX_ADMIN_SOCKET", ""}});
   EXPECT_EQ(parent.exitStatus, 0);
   // The child is found by its command line, which names the log.
   std::vector<pid_t> children;

@@ -32,7 +32,7 @@ for attempt in 1 2 3 4 5; do
   tcpdump -i lo -U -w "$work/cap.pcap" "udp port $port" 2> "$work/tcpdump.err" &
   tpid=$!
   for _ in $(seq 50); do grep -q listening "$work/tcpdump.err" && break; sleep 0.1; done
-  KESTRIX_PORT=$port KESTRIX_LIBDIR="$work/lib" KESTRIX_TESTFS_DIR="$work/steer" \
+  KESTRIX_PORT=$port KESTRIX_LIBDIR="$work/lib" KESTRIX_TESTFS_DIR="$work/steer" KESTRIX_ADMIN_SOCKET= \
     KESTRIX_SMBPATH="$work/smb.conf" "$daemon" -d -f "$work/log" &
   dpid=$!
   for _ in $(seq 100); do grep -q "kestrixd started" "$work/log" 2>/dev/null && break; sleep 0.1; done

@@ -30,11 +30,11 @@ files=(/usr/sbin/kestrixd /usr/bin/kestrix-cli /usr/bin/kxbench /opt/Kestrix/lib
        /etc/kestrix/localfs.conf /etc/default/kestrixd /usr/lib/systemd/system/kestrixd.service
        /usr/share/man/man8/kestrixd.8 /usr/share/man/man1/kestrix-cli.1
        /usr/share/bash-completion/completions/kestrix-cli
-       /usr/share/kestrixd/wireshark/kestrix.lua)
+       /usr/share/kestrixd/wireshark/kestrix.lua /usr/share/kestrixd/grafana/kestrixd.json)
 listing=$(dpkg-deb -c "$deb" | awk '{print substr($6, 2)}')
 for f in "${files[@]}"; do grep -qx "$f" <<< "$listing" || fail "$f is not in the package"; done
 depends=$(dpkg-deb -f "$deb" Depends)
-for lib in libc6 libstdc++6; do grep -q "$lib" <<< "$depends" || fail "Depends lacks $lib: $depends"; done
+for lib in libc6 libstdc++6 libprometheus-cpp-pull libsystemd0; do grep -q "$lib" <<< "$depends" || fail "Depends lacks $lib: $depends"; done
 dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/kestrix/localfs.conf ||
   fail "localfs.conf is not a conffile"
 
@@ -48,17 +48,21 @@ wants=/etc/systemd/system/multi-user.target.wants/kestrixd.service
 
 # The installed daemon loads the installed plug-in from its fixed directory.
 port=$((20000 + RANDOM % 40000))
-KESTRIX_PORT=$port KESTRIX_LOCALFS_CONF=/etc/kestrix/localfs.conf /usr/sbin/kestrixd -d -l 4 -f "$work/log" &
+KESTRIX_PORT=$port KESTRIX_LOCALFS_CONF=/etc/kestrix/localfs.conf KESTRIX_ADMIN_SOCKET="$work/admin.sock" \
+  /usr/sbin/kestrixd -d -l 4 -f "$work/log" &
 dpid=$!
 for _ in $(seq 100); do grep -q "kestrixd started" "$work/log" 2>/dev/null && break; sleep 0.1; done
 grep -q "Successfully loaded library /opt/Kestrix/lib/localfs.so" "$work/log" ||
   fail "the installed daemon did not load localfs.so: $(cat "$work/log")"
+/usr/bin/kestrix-cli admin leases --socket "$work/admin.sock" | grep -q '^KEY ' ||
+  fail "the installed kestrix-cli cannot list the installed daemon's leases"
 kill "$dpid"; wait "$dpid" 2>/dev/null; dpid=
 
 if command -v systemd-analyze >/dev/null; then
   systemd-analyze verify /usr/lib/systemd/system/kestrixd.service > "$work/verify" 2>&1 ||
     fail "systemd-analyze verify: $(cat "$work/verify")"
   [ -s "$work/verify" ] && fail "systemd-analyze verify warns: $(cat "$work/verify")"
+  grep -qx 'Type=notify' /usr/lib/systemd/system/kestrixd.service || fail "the unit is not Type=notify"
 else
   echo "NOTE: systemd-analyze is missing; the unit was not verified"
 fi

@@ -64,6 +64,7 @@ bool DaemonProcess::Start(const std::vector<std::string>& extraArgs, int timeout
   env["KESTRIX_PORT"] = std::to_string(port_);
   env["KESTRIX_LIBDIR"] = libDir_;
   env.try_emplace("KESTRIX_SMBPATH", dir_.File("smb.conf"));
+  env.try_emplace("KESTRIX_ADMIN_SOCKET", "");  // tests that want one name their own
   std::vector<std::string> args{"-d", "-f", logPath_};
   args.insert(args.end(), extraArgs.begin(), extraArgs.end());
   pid_ = Spawn(KESTRIXD_BINARY, args, env, dir_.File("stdout.txt"), dir_.File("stderr.txt"));
