@@ -122,8 +122,8 @@ class File final : public RemoteFile {
     volumeCookie_ = m->volumeCookie;
     if (m->lease == 0) return Failed(f, EPROTO, what + ": the daemon granted no lease", 0, false);
     renewLease_ = o_.leaseMs != 0 ? o_.leaseMs : m->lease;
+    state_ = Lease::kUnconfirmed;
     Confirm(sent, m->lease);
-    state_ = Lease::kHeld;
     if (!m->hasMap || (m->map.vendorStatus != 0 && m->map.vendorStatus != 1))
       return Failed(f, EIO, what + ": no map (library status " +
                                 std::to_string(m->map.vendorStatus) + " " + m->map.text + ")",
@@ -625,12 +625,14 @@ class File final : public RemoteFile {
   // the allocation grows.
   int Writable(int64_t from, int64_t to, std::vector<MapExtent>* out) {
     int64_t granted = -1;
+    bool refusedAhead = false;
     for (;;) {
       if (int e = Pieces(from, to, out); e != 0) return e;
       if (std::all_of(out->begin(), out->end(),
                       [](const MapExtent& p) { return p.validity == FS_VALIDITY_DATA; }))
         return 0;
-      const int64_t want = AllocationTarget(to);
+      // What runs ahead of the data is asked for only while the daemon grants it.
+      const int64_t want = refusedAhead ? to : AllocationTarget(to);
       std::optional<MapReply> r;
       Clock::time_point sent;
       {
@@ -644,6 +646,10 @@ class File final : public RemoteFile {
       }
       sizeDirty_ = true;  // the allocation may have moved the daemon's end of file
       const std::string what = "growing the allocation of " + path_ + " to " + std::to_string(want) + " bytes";
+      if (r && r->result != 0 && r->result != 1 && want > to) {
+        refusedAhead = true;
+        continue;
+      }
       if (int e = TakeMap(r, sent, from, to, what, true); e != 0) return e;
       if (r->map.allocation <= granted)
         return Fail(-ENOSPC, what + ": the daemon granted no more than " +
