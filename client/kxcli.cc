@@ -3,9 +3,11 @@
 // between this machine and the shared disk. Options may stand before or
 // after the command words.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -386,9 +388,10 @@ class Cli {
 
   // Moves data through kBuffers aligned buffers: `fill` (on a thread of its
   // own) puts up to a buffer's bytes into one and returns the count (0 at
-  // the end, negative on failure); `drain` takes them on this thread and
-  // returns false on failure. False when either failed.
-  static bool Pump(const std::function<ssize_t(uint8_t*, size_t)>& fill,
+  // the end, negative on failure), giving up early once `stop` is set;
+  // `drain` takes them on this thread and returns false on failure. False
+  // when either failed.
+  static bool Pump(const std::function<ssize_t(uint8_t*, size_t, const std::atomic<bool>& stop)>& fill,
                    const std::function<bool(const uint8_t*, size_t)>& drain) {
     std::vector<std::unique_ptr<AlignedBuffer>> buffers;
     for (size_t i = 0; i < kBuffers; ++i) buffers.push_back(std::make_unique<AlignedBuffer>(kBufferBytes));
@@ -397,7 +400,7 @@ class Cli {
     std::deque<std::pair<size_t, ssize_t>> full;  // buffer index, bytes (0: end, <0: failure)
     std::deque<size_t> empty;
     for (size_t i = 0; i < kBuffers; ++i) empty.push_back(i);
-    bool stop = false;
+    std::atomic<bool> stop{false};
     std::thread filler([&] {
       for (;;) {
         size_t index;
@@ -408,7 +411,7 @@ class Cli {
           index = empty.front();
           empty.pop_front();
         }
-        ssize_t n = fill(buffers[index]->data(), kBufferBytes);
+        ssize_t n = fill(buffers[index]->data(), kBufferBytes, stop);
         std::lock_guard<std::mutex> l(mu);
         full.emplace_back(index, n);
         cv.notify_all();
@@ -471,7 +474,7 @@ class Cli {
     int64_t offset = 0, out = 0;
     std::string why;
     const bool ok = Pump(
-        [&](uint8_t* buf, size_t cap) -> ssize_t {
+        [&](uint8_t* buf, size_t cap, const std::atomic<bool>&) -> ssize_t {
           ssize_t n = file->Read(offset, buf, cap);
           if (n < 0) why = file->error();
           if (n > 0) offset += n;
@@ -549,9 +552,15 @@ class Cli {
     int64_t offset = 0;
     std::string why;
     const bool ok = Pump(
-        [&](uint8_t* buf, size_t cap) -> ssize_t {
+        [&](uint8_t* buf, size_t cap, const std::atomic<bool>& stop) -> ssize_t {
           size_t got = 0;  // whole buffers, so that writes stay large and aligned
           while (got < cap) {
+            // A failed transfer does not wait for an input that never ends.
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, 200) == 0) {
+              if (stop) return -1;
+              continue;
+            }
             ssize_t n = read(fd, buf + got, cap - got);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) {
