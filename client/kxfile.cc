@@ -407,7 +407,9 @@ class File final : public RemoteFile {
       stats_.zeroBytes += zeros;
       total = stats_.dataBytes + stats_.zeroBytes;
     }
-    if (o_.progress) o_.progress(total);
+    if (!o_.progress) return;
+    std::lock_guard<std::mutex> l(progressMu_);  // one call at a time, whatever the threads
+    o_.progress(total);
   }
 
   // ---- the lease ----
@@ -785,6 +787,7 @@ class File final : public RemoteFile {
   std::mutex rmwMu_;
   DirectIo io_;
 
+  std::mutex progressMu_;
   mutable std::mutex statsMu_;
   FileStats stats_;
   std::string error_;
