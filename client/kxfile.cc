@@ -15,6 +15,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <utility>
 
 #include "client/kxdirect.h"
 #include "client/kxdisk.h"
@@ -33,7 +34,11 @@ constexpr int64_t kRenewGapMs = 2000;    // renewals at least this often, to not
 constexpr int kRetryPauseMs = 200;       // between attempts to confirm or reopen a lease
 constexpr int64_t kMinGrowth = 64 << 20;  // the allocation runs this far ahead at least
 constexpr int64_t kMaxGrowth = int64_t{1} << 30;
+constexpr int64_t kMapAhead = 256 << 20;  // a map is asked for this far at least, for the next rounds
 constexpr uint32_t kBeyondEnd = 0;  // a piece past the daemon's end of file
+// Map flag of a file opened only to read: the server then holds it against
+// local writers only, so local readers do not keep the map from being given.
+constexpr uint32_t kReadOnlyMap = 0x100;
 
 int ErrnoOfResult(int32_t result) {
   switch (result) {
@@ -101,7 +106,8 @@ class File final : public RemoteFile {
     bool held;
     {
       std::lock_guard<std::mutex> l(leaseMu_);
-      held = opened_ && (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed);
+      held = opened_ && (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed ||
+                         (state_ == Lease::kLost && closeStale_));
       state_ = Lease::kClosed;
     }
     if (held) Ask([&](Client& c) { return c.Close(key_, -1); });
@@ -340,8 +346,10 @@ class File final : public RemoteFile {
     OpenOptions oo;
     oo.intention = o_.write ? 0 : 1;
     oo.lease = o_.leaseMs;
+    oo.flag = MapFlag();
     return oo;
   }
+  uint32_t MapFlag() const { return o_.write ? 0 : kReadOnlyMap; }
 
   size_t RoundBytes() const { return o_.ioBytes * std::max(1u, o_.depth); }
 
@@ -445,7 +453,7 @@ class File final : public RemoteFile {
       key = key_;
       generation = generation_;
     }
-    Asked<MapReply> a = Ask([&](Client& c) { return c.ExtendedMap(key, 0, 1, renewLease_); });
+    Asked<MapReply> a = Ask([&](Client& c) { return c.ExtendedMap(key, 0, 1, renewLease_, -1, -1, MapFlag()); });
     const std::optional<MapReply>& r = a.reply;
     const Clock::time_point sent = a.sent;
     const std::string& error = a.error;
@@ -460,6 +468,9 @@ class File final : public RemoteFile {
     if (r && r->result != 1) {
       state_ = Lease::kLost;
       lostWhy_ = "the daemon refused to renew the lease on " + path_ + ": " + ResultText(r->result);
+      // A lease the daemon still knows (its library refused, for a local
+      // change waiting) is given back at once rather than left to run out.
+      closeStale_ = !LeaseGone(r->result);
     } else if (state_ == Lease::kHeld) {
       state_ = Lease::kUnconfirmed;
       lostWhy_ = "the lease on " + path_ + " could not be renewed: " +
@@ -517,10 +528,15 @@ class File final : public RemoteFile {
         if (Alive()) return 0;
       } else {
         std::string why;
+        bool closeStale;
+        uint32_t stale;
         {
           std::lock_guard<std::mutex> l(leaseMu_);
           why = lostWhy_;
+          closeStale = std::exchange(closeStale_, false);
+          stale = key_;
         }
+        if (closeStale) Ask([&](Client& c) { return c.Close(stale, -1); });
         if (!o_.reopen) return Fail(-ESTALE, why + "; no byte moves without it");
         if (int e = Reopen(why); e != -EAGAIN) return e;
       }
@@ -625,10 +641,13 @@ class File final : public RemoteFile {
         }
       }
       const uint32_t key = Key();
-      Asked<MapReply> a = Ask([&](Client& c) { return c.ExtendedMap(key, missing, to - missing, renewLease_); });
+      const int64_t length = std::min(std::max(to - missing, kMapAhead), INT64_MAX - missing);
+      Asked<MapReply> a = Ask([&](Client& c) {
+        return c.ExtendedMap(key, missing, length, renewLease_, -1, -1, MapFlag());
+      });
       const std::optional<MapReply>& r = a.reply;
       const std::string what = "the map of " + path_ + " from byte " + std::to_string(missing);
-      if (int e = TakeMap(a, missing, to, what, false); e != 0) return e;
+      if (int e = TakeMap(a, missing, missing + length, what, false); e != 0) return e;
       if (r->map.fileBytes == 0) {
         if (missing < r->map.fileSize)
           return Fail(-EPROTO, what + " came back empty; the file cannot be covered");
@@ -769,7 +788,7 @@ class File final : public RemoteFile {
   uint32_t granted_ = 0, renewLease_ = 0;
   Clock::time_point renewBase_{}, deadline_{};
   std::string lostWhy_;
-  bool opened_ = false, stop_ = false;
+  bool opened_ = false, stop_ = false, closeStale_ = false;
   std::thread keeper_;
 
   std::array<uint8_t, FS_COOKIE_SIZE> fileCookie_{}, volumeCookie_{};
