@@ -512,8 +512,17 @@ class File final : public RemoteFile {
   // Brings back a lease that is not known to be alive: renewed when the
   // daemon still holds it, else the file opened again by name. No transfer
   // of this file runs meanwhile. Gives up after giveUpMs without an answer.
+  // A failure to bring it back is final: every later call fails the same
+  // way at once, instead of each waiting out giveUpMs again.
   int Recover() {
     std::unique_lock<std::shared_mutex> io(ioLock_);
+    if (recoverFailed_ != 0) return recoverFailed_;  // error() still says why
+    const int e = RecoverLocked();
+    if (e != 0 && e != -EBADF) recoverFailed_ = e;
+    return e;
+  }
+
+  int RecoverLocked() {
     const Clock::time_point giveUp = Clock::now() + Ms(o_.giveUpMs);
     for (;;) {
       Lease state;
@@ -803,6 +812,7 @@ class File final : public RemoteFile {
   std::atomic<bool> sizeDirty_{false};
 
   std::shared_mutex ioLock_;  // shared by transfers, exclusive while the lease is brought back
+  int recoverFailed_ = 0;     // under ioLock_: how bringing the lease back failed
   std::mutex rmwMu_;
   DirectIo io_;
 
