@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
@@ -332,8 +331,6 @@ class File final : public RemoteFile {
   }
 
  private:
-  enum class Lease { kHeld, kUnconfirmed, kLost, kClosed };
-
   OpenOptions OpenOptionsFor() const {
     OpenOptions oo;
     oo.intention = o_.write ? 0 : 1;
