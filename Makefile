@@ -59,6 +59,7 @@ bench:
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 	@scripts/bench-zerofill $(BUILD)-bench/bench/bench_localfs
+	@bench/transfer.sh $(BUILD)-bench
 
 # The LAN message fuzz target (clang, ASan + UBSan) for FUZZ_SECONDS, then
 # the line coverage of the code a datagram can reach. Fails on any finding.

@@ -3,11 +3,16 @@
 // between this machine and the shared disk. Options may stand before or
 // after the command words.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,7 +25,9 @@
 #include "client/kxadmin.h"
 #include "client/kxoutput.h"
 #include "client/kxsession.h"
-#include "client/kxtransfer.h"
+#include "client/kxdirect.h"
+#include "client/kxfile.h"
+#include "client/kxpump.h"
 #include "spmsgs.h"
 
 namespace {
@@ -33,13 +40,17 @@ constexpr int kExitNoReply = 2;
 constexpr int kExitErrorResult = 3;
 constexpr int kExitLocal = 4;
 constexpr int64_t kProgressFrom = 4 << 20;  // show progress for transfers above this
+// read and write move data through this many buffers of this size, some
+// being filled while others are drained: the memory of a transfer.
+constexpr size_t kBuffers = 4;
+constexpr size_t kBufferBytes = 8 << 20;
 
 const char kUsage[] =
     "usage: kestrix-cli [options] COMMAND ARGS... [options]\n"
     "commands:\n"
     "  read SHARE PATH [--disk DEV]... [-o FILE]\n"
     "                            the file's bytes, read straight from the disk\n"
-    "  write SHARE PATH [--disk DEV]... [-i FILE]\n"
+    "  write SHARE PATH [--disk DEV]... [-i FILE] [--names DIR]\n"
     "                            replace the file's contents, written straight to the disk\n"
     "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
     "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
@@ -67,6 +78,8 @@ const char kUsage[] =
     "                            (repeatable; default: the machine's block devices)\n"
     "  -o, --output FILE         read: write the data there instead of standard output\n"
     "  -i, --input FILE          write: take the data from there instead of standard input\n"
+    "  --names DIR               write: the share as mounted here; a missing file is\n"
+    "                            created there first\n"
     "exit status: 0 done, 1 usage, 2 no reply, 3 error result, 4 local failure (disk, file)\n";
 
 // Options that take a value, by every name they go by.
@@ -74,7 +87,7 @@ const std::map<std::string, std::string> kValued = {
     {"-h", "host"},    {"--host", "host"},       {"-p", "port"},     {"--port", "port"},
     {"-t", "timeout"}, {"--timeout", "timeout"}, {"-r", "retries"},  {"--retries", "retries"},
     {"--disk", "disk"}, {"-o", "output"},        {"--output", "output"}, {"-i", "input"},
-    {"--input", "input"}, {"--size", "size"},    {"--alloc", "alloc"}, {"--lease", "lease"}};
+    {"--input", "input"}, {"--names", "names"}, {"--size", "size"},    {"--alloc", "alloc"}, {"--lease", "lease"}};
 const std::map<std::string, std::string> kSwitches = {
     {"--json", "json"}, {"--swapped", "swapped"}, {"--write", "write"},
     {"--unlocked", "unlocked"}, {"--help", "help"}};
@@ -82,7 +95,7 @@ const std::map<std::string, std::string> kSwitches = {
 // Which command-specific options each command takes.
 const std::map<std::string, std::set<std::string>> kCommandOptions = {
     {"read", {"disk", "output"}},
-    {"write", {"disk", "input"}},
+    {"write", {"disk", "input", "names"}},
     {"open", {"write", "size", "alloc", "lease", "unlocked"}},
     {"map", {"lease"}},
     {"setsize", {"lease"}},
@@ -153,6 +166,24 @@ std::optional<long long> Number(const std::string& text, long long low, long lon
   if (errno != 0 || *end != '\0' || value < low || value > high) return std::nullopt;
   return value;
 }
+
+// The first failure of a transfer's threads, for its message.
+class Why {
+ public:
+  bool Set(const std::string& why) {
+    std::lock_guard<std::mutex> l(mu_);
+    if (why_.empty()) why_ = why;
+    return false;
+  }
+  std::string Get() {
+    std::lock_guard<std::mutex> l(mu_);
+    return why_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::string why_;
+};
 
 class Cli {
  public:
@@ -338,34 +369,41 @@ class Cli {
     return ExitFor(*result);
   }
 
-  TransferOptions Transfer(const char* verb) {
-    TransferOptions t;
+  FileOptions Transfer(const char* verb, bool write, int64_t total) {
+    FileOptions t;
+    t.daemon = client_options_;
+    t.write = write;
     for (auto [it, end] = args_.options.equal_range("disk"); it != end; ++it)
       t.disks.push_back(it->second);
     if (isatty(STDERR_FILENO)) {
-      t.progress = [verb, last = std::chrono::steady_clock::time_point{}](int64_t done,
-                                                                         int64_t total) mutable {
+      t.progress = [verb, total, last = std::chrono::steady_clock::time_point{}](int64_t done) mutable {
         auto now = std::chrono::steady_clock::now();
-        if (total < kProgressFrom || (done < total && now - last < std::chrono::milliseconds(200)))
+        if ((total >= 0 && total < kProgressFrom) || now - last < std::chrono::milliseconds(200))
           return;
         last = now;
-        std::fprintf(stderr, "\r%s %s of %s (%d%%)   ", verb, ShortSize(done).c_str(),
-                     ShortSize(total).c_str(), static_cast<int>(done * 100 / total));
-        if (done == total) std::fputc('\n', stderr);
+        if (total > 0)
+          std::fprintf(stderr, "\r%s %s of %s (%d%%)   ", verb, ShortSize(done).c_str(),
+                       ShortSize(total).c_str(), static_cast<int>(done * 100 / total));
+        else
+          std::fprintf(stderr, "\r%s %s   ", verb, ShortSize(done).c_str());
       };
     }
     return t;
   }
 
-  int Finish(const char* command, const TransferReport& r, FILE* summaryTo) {
-    switch (r.failure) {
-      case TransferReport::kNone: break;
-      case TransferReport::kNoReply: return Failure(kExitNoReply, r.error, {}, summaryTo);
-      case TransferReport::kResult: return Failure(kExitErrorResult, r.error, r.result, summaryTo);
-      case TransferReport::kLocal: return Failure(kExitLocal, r.error, {}, summaryTo);
-    }
-    Print(TransferDoc(command, r), summaryTo);
-    return kExitOk;
+  // Exit status of a failed open.
+  int OpenFailed(const OpenFailure& f, FILE* summaryTo) {
+    if (f.noReply) return Failure(kExitNoReply, f.error, {}, summaryTo);
+    if (f.result != 0) return Failure(kExitErrorResult, f.error, f.result, summaryTo);
+    return Failure(kExitLocal, f.error, {}, summaryTo);
+  }
+
+  // Exit status of a transfer that failed half-way (why: what the file says).
+  int TransferFailed(const RemoteFile& file, const std::string& why, FILE* summaryTo) {
+    const FileStats s = file.stats();
+    if (s.noReply) return Failure(kExitNoReply, why, {}, summaryTo);
+    if (s.result != 0) return Failure(kExitErrorResult, why, s.result, summaryTo);
+    return Failure(kExitLocal, why, {}, summaryTo);
   }
 
   int Read() {
@@ -373,34 +411,136 @@ class Cli {
     int fd = STDOUT_FILENO;
     if (!output.empty() && (fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) < 0)
       return Failure(kExitLocal, "cannot create " + output + ": " + std::strerror(errno));
-    TransferReport r = ReadFileData(client(), args_.words[1], args_.words[2], Transfer("read"), fd);
-    if (!output.empty()) {
-      if (close(fd) != 0 && r.ok()) {
-        r.failure = TransferReport::kLocal;
-        r.error = "writing " + output + ": " + std::strerror(errno);
-      }
-      if (!r.ok()) unlink(output.c_str());  // no half-read file is left behind
-    }
     // With the data on standard output the summary goes to standard error,
     // and a person sees none.
-    if (output.empty() && !json_ && r.ok()) return kExitOk;
-    return Finish("read", r, output.empty() ? stderr : stdout);
+    FILE* summaryTo = output.empty() ? stderr : stdout;
+    int status = ReadInto(fd, summaryTo);
+    if (!output.empty()) {
+      if (close(fd) != 0 && status == kExitOk)
+        status = Failure(kExitLocal, "writing " + output + ": " + std::strerror(errno));
+      if (status != kExitOk) unlink(output.c_str());  // no half-read file is left behind
+    }
+    return status;
+  }
+
+  int ReadInto(int fd, FILE* summaryTo) {
+    OpenFailure f;
+    std::unique_ptr<RemoteFile> file =
+        RemoteFile::Open(args_.words[1], args_.words[2], Transfer("read", false, -1), &f);
+    if (!file) return OpenFailed(f, summaryTo);
+    const int64_t size = file->Size();
+    int64_t out = 0;
+    Why why;
+    // Two readers keep the disk busy while the output takes the bytes in order.
+    const bool ok = Pump(
+        PumpOptions{kBuffers, kBufferBytes, 2, 1},
+        [&](uint64_t chunk, uint8_t* buf, size_t cap, const std::atomic<bool>&) -> ssize_t {
+          ssize_t n = file->Read(static_cast<int64_t>(chunk * cap), buf, cap);
+          if (n < 0) why.Set(file->error());
+          return n;
+        },
+        [&](uint64_t, const uint8_t* buf, size_t n) {
+          for (size_t done = 0; done < n;) {
+            ssize_t put = write(fd, buf + done, n - done);
+            if (put < 0 && errno == EINTR) continue;
+            if (put <= 0) return why.Set("writing the output: " + std::string(std::strerror(errno)));
+            done += static_cast<size_t>(put);
+          }
+          out += static_cast<int64_t>(n);
+          return true;
+        });
+    if (!ok) return TransferFailed(*file, why.Get(), summaryTo);
+    if (file->Close() != 0) return TransferFailed(*file, file->error(), summaryTo);
+    if (isatty(STDERR_FILENO) && size >= kProgressFrom) std::fputc('\n', stderr);
+    if (summaryTo == stderr && !json_) return kExitOk;
+    Print(TransferDoc("read", out, size, file->stats()), summaryTo);
+    return kExitOk;
+  }
+
+  // The remote file for writing; a missing one is created under --names
+  // DIR when given (the share as mounted on this machine).
+  std::unique_ptr<RemoteFile> OpenForWrite(const FileOptions& o, OpenFailure* f) {
+    const std::string& share = args_.words[1];
+    const std::string& path = args_.words[2];
+    std::unique_ptr<RemoteFile> file = RemoteFile::Open(share, path, o, f);
+    if (file || f->errnum != ENOENT || f->result != SP_RESULT_FILE_NOT_FOUND) return file;
+    const std::string names = args_.Get("names");
+    if (names.empty()) {
+      f->error = path + " does not exist on share " + share +
+                 "; a file is first created through the share (where it is mounted; "
+                 "--names DIR creates it there, DIR being the share's directory on this machine)";
+      return nullptr;
+    }
+    const std::string local = names + "/" + path;
+    int fd = open(local.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      f->error = "creating " + local + ": " + std::strerror(errno);
+      f->result = 0;
+      return nullptr;
+    }
+    close(fd);
+    // A share mounted over the network may show the new name a moment late.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+      if ((file = RemoteFile::Open(share, path, o, f)) || f->errnum != ENOENT) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    if (!file && f->errnum == ENOENT)
+      f->error = "created " + local + ", but the daemon does not find " + path + " on share " +
+                 share + ": " + f->error + " (is DIR the share's directory?)";
+    return file;
   }
 
   int Write() {
     const std::string input = args_.Get("input");
     int fd = input.empty() ? STDIN_FILENO : open(input.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return Failure(kExitLocal, "cannot open " + input + ": " + std::strerror(errno));
-    std::string data;
-    char buffer[1 << 16];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
-      if (n > 0) data.append(buffer, static_cast<size_t>(n));
-    const int err = errno;
+    struct stat st;
+    const int64_t expected = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
+    FileOptions o = Transfer("written", true, expected);
+    o.expectedSize = expected;
+    OpenFailure f;
+    // The file is opened (and its disks found) before any input is read.
+    std::unique_ptr<RemoteFile> file = OpenForWrite(o, &f);
+    if (!file) {
+      if (fd != STDIN_FILENO) close(fd);
+      return OpenFailed(f, stdout);
+    }
+    std::atomic<int64_t> offset{0};
+    Why why;
+    // One reader of the input in order, two writers of the remote file.
+    const bool ok = Pump(
+        PumpOptions{kBuffers, kBufferBytes, 1, 2},
+        [&](uint64_t, uint8_t* buf, size_t cap, const std::atomic<bool>& stop) -> ssize_t {
+          size_t got = 0;  // whole buffers, so that writes stay large and aligned
+          while (got < cap) {
+            // A failed transfer does not wait for an input that never ends.
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, 200) == 0) {
+              if (stop) return -1;
+              continue;
+            }
+            ssize_t n = read(fd, buf + got, cap - got);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return why.Set("reading the input: " + std::string(std::strerror(errno))), -1;
+            if (n == 0) break;
+            got += static_cast<size_t>(n);
+          }
+          return static_cast<ssize_t>(got);
+        },
+        [&](uint64_t chunk, const uint8_t* buf, size_t n) {
+          if (file->Write(static_cast<int64_t>(chunk * kBufferBytes), buf, n) < 0) return why.Set(file->error());
+          offset += static_cast<int64_t>(n);
+          return true;
+        });
     if (fd != STDIN_FILENO) close(fd);
-    if (n < 0) return Failure(kExitLocal, "reading the input: " + std::string(std::strerror(err)));
-    TransferReport r = WriteFileData(client(), args_.words[1], args_.words[2], Transfer("written"), data);
-    return Finish("write", r, stdout);
+    if (!ok) return TransferFailed(*file, why.Get(), stdout);
+    // A longer old file is cut to the new contents once they are written.
+    if (file->Size() > offset && file->Truncate(offset) != 0)
+      return TransferFailed(*file, file->error(), stdout);
+    if (file->Close() != 0) return TransferFailed(*file, file->error(), stdout);
+    if (isatty(STDERR_FILENO) && offset >= kProgressFrom) std::fputc('\n', stderr);
+    Print(TransferDoc("write", offset, offset, file->stats()), stdout);
+    return kExitOk;
   }
 
   Args args_;

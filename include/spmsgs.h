@@ -43,8 +43,9 @@ enum {
   SP_RESULT_FILE_NOT_FOUND = -380,  // passed through from the last library
 };
 
-// Map flag: hand out the map without keeping a lease.
-enum { FS_M_FLAG_UNLOCKED = 8 };
+// Map flags: hand out the map without keeping a lease; the client only reads
+// the blocks (a library may then hold the file against local writers only).
+enum { FS_M_FLAG_UNLOCKED = 8, FS_M_FLAG_READ_ONLY = 0x100 };
 
 // Reply buffer sizes: the fixed replies, and the fallback sizes of the
 // replies that carry variable data.

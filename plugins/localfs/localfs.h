@@ -4,6 +4,8 @@
 #ifndef KESTRIX_PLUGINS_LOCALFS_LOCALFS_H_
 #define KESTRIX_PLUGINS_LOCALFS_LOCALFS_H_
 
+#include "spmsgs.h"
+
 enum {
   LOCALFS_VERSION = 230,
 
@@ -27,7 +29,7 @@ enum {
   // Map flag: the client only reads the blocks. Such a file is held with a
   // read lease, so local readers do not disturb the map; without the flag
   // the map is taken to be written, and the file is held with a write lease.
-  LOCALFS_MAP_READ_ONLY = 0x100,
+  LOCALFS_MAP_READ_ONLY = FS_M_FLAG_READ_ONLY,
 
   // VolInfo FStype values.
   LOCALFS_FSTYPE_EXT4 = 1,
