@@ -1,40 +1,27 @@
 #!/usr/bin/env bash
-# The OCF resource agent driven as the cluster manager drives it, against the
-# real daemon with the testfs plug-in: ocf-tester's round, then each action of
-# the table below with the OCF exit code it must give.
+# The OCF resource agent against the real daemon (testfs plug-in): ocf-tester's
+# round, then each action of the table with the OCF exit code it must give.
 # Usage: ocf_agent_test.sh AGENT KESTRIXD KESTRIX_CLI LIBTESTFS
 set -uo pipefail
-agent=$1
+agent=$1 w=$(mktemp -d) first=
 export OCF_ROOT=/usr/lib/ocf OCF_RESOURCE_INSTANCE=kx
-[ -r $OCF_ROOT/lib/heartbeat/ocf-shellfuncs ] ||
-  { echo "SKIPPED: no OCF shell functions in $OCF_ROOT/lib/heartbeat (package resource-agents)"; exit 77; }
-w=$(mktemp -d)
+[ -r $OCF_ROOT/lib/heartbeat/ocf-shellfuncs ] || { echo "SKIPPED: no OCF shell functions (resource-agents)"; exit 77; }
 trap 'for f in "$w"/pid*; do [ -r "$f" ] && kill -KILL "$(cat "$f")"; done; rm -rf "$w"' EXIT
-mkdir "$w/lib" "$w/steer" && cp "$4" "$w/lib/libkxt.so"
+mkdir "$w/lib" "$w/steer" && cp "$4" "$w/lib/libkxt.so" && printf '[data]\n path = /export/data\n' >"$w/smb.conf"
 echo "volume /export/data vol-data" >"$w/steer/libkxt.so.conf"
-printf '[data]\n   path = /export/data\n' >"$w/smb.conf"
-params=(binary="$2" cli="$3" libdir="$w/lib" port=$((20000 + RANDOM % 40000)) smbconf="$w/smb.conf"
-  localfs_conf=/dev/null log_dir="$w/log" monitor_share=data monitor_timeout=300 pidfile="$w/pid"
-  environment="KESTRIX_TESTFS_DIR=$w/steer")
-tester=()
-for p in "${params[@]}"; do export "OCF_RESKEY_$p"; tester+=(-o "$p"); done
-if command -v ocf-tester >/dev/null; then
-  ocf-tester -n kx "${tester[@]}" "$agent" >"$w/tester.log" 2>&1 || { cat "$w/tester.log"; echo "FAIL: ocf-tester"; exit 1; }
-else echo "ocf-tester is not installed: only the table below runs"; fi
-
-# step | shell run before the action | action | OCF exit code | daemon afterwards (same: the pid of the start)
+for p in binary="$2" cli="$3" libdir="$w/lib" port=$((20000 + RANDOM % 40000)) smbconf="$w/smb.conf" \
+  localfs_conf=/dev/null log_dir="$w/log" monitor_share=data monitor_timeout=300 pidfile="$w/pid" \
+  environment="KESTRIX_TESTFS_DIR=$w/steer"; do export "OCF_RESKEY_$p"; tester+=(-o "$p"); done
+ocf-tester -n kx "${tester[@]}" "$agent" >"$w/log" 2>&1 || { cat "$w/log"; echo "FAIL: ocf-tester"; exit 1; }
 up() { [ -n "$1" ] && s=$(sed 's/.*) \(.\).*/\1/' "/proc/$1/stat" 2>/dev/null) && [ "$s" != Z ]; }  # a zombie is gone
-first=
+# step | run before | action | OCF exit code | the daemon after it (same: the pid of the first start)
 while IFS='|' read -r step before action want after; do
   eval "$before"
-  "$agent" $action >"$w/out" 2>&1
-  rc=$?
-  pid=$(cat "$w/pid" 2>/dev/null)
-  case $after in
-    same) [ -n "$first" ] || first=$pid; alive=$([ "$pid" = "$first" ] && up "$pid" && echo y) ;;
-    gone) alive=$([ ! -e "$w/pid" ] && ! up "$first" && echo y) ;;
-  esac
-  [ "$rc" = "$want" ] && [ -n "$alive" ] || { cat "$w/out"; echo "FAIL: $step: exit $rc (want $want), daemon $after: ${alive:-no}"; exit 1; }
+  "$agent" "$action" >"$w/out" 2>&1
+  rc=$? pid=$(cat "$w/pid" 2>/dev/null)
+  [ "$after" = same ] && first=${first:-$pid} && ok=$([ "$pid" = "$first" ] && up "$pid" && echo y)
+  [ "$after" = gone ] && ok=$([ ! -e "$w/pid" ] && ! up "$first" && echo y)
+  [ "$rc" = "$want" ] && [ -n "$ok" ] || { cat "$w/out"; echo "FAIL: $step: exit $rc (want $want), $after: ${ok:-no}"; exit 1; }
 done <<'TABLE'
 monitor of a stopped daemon||monitor|7|gone
 start||start|0|same
@@ -46,4 +33,3 @@ stop of the hung daemon||stop|0|gone
 stop again||stop|0|gone
 monitor after stop||monitor|7|gone
 TABLE
-echo "PASS: ocf-tester and the agent's actions"
