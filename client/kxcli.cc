@@ -8,6 +8,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +24,8 @@
 
 #include "client/kxoutput.h"
 #include "client/kxsession.h"
-#include "client/kxtransfer.h"
+#include "client/kxdirect.h"
+#include "client/kxfile.h"
 #include "spmsgs.h"
 
 namespace {
@@ -32,13 +38,17 @@ constexpr int kExitNoReply = 2;
 constexpr int kExitErrorResult = 3;
 constexpr int kExitLocal = 4;
 constexpr int64_t kProgressFrom = 4 << 20;  // show progress for transfers above this
+// read and write move data through this many buffers of this size, one
+// being filled while another is drained: the memory of a transfer.
+constexpr size_t kBuffers = 3;
+constexpr size_t kBufferBytes = 8 << 20;
 
 const char kUsage[] =
     "usage: kestrix-cli [options] COMMAND ARGS... [options]\n"
     "commands:\n"
     "  read SHARE PATH [--disk DEV]... [-o FILE]\n"
     "                            the file's bytes, read straight from the disk\n"
-    "  write SHARE PATH [--disk DEV]... [-i FILE]\n"
+    "  write SHARE PATH [--disk DEV]... [-i FILE] [--names DIR]\n"
     "                            replace the file's contents, written straight to the disk\n"
     "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
     "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
@@ -64,6 +74,8 @@ const char kUsage[] =
     "                            (repeatable; default: the machine's block devices)\n"
     "  -o, --output FILE         read: write the data there instead of standard output\n"
     "  -i, --input FILE          write: take the data from there instead of standard input\n"
+    "  --names DIR               write: the share as mounted here; a missing file is\n"
+    "                            created there first\n"
     "exit status: 0 done, 1 usage, 2 no reply, 3 error result, 4 local failure (disk, file)\n";
 
 // Options that take a value, by every name they go by.
@@ -71,7 +83,7 @@ const std::map<std::string, std::string> kValued = {
     {"-h", "host"},    {"--host", "host"},       {"-p", "port"},     {"--port", "port"},
     {"-t", "timeout"}, {"--timeout", "timeout"}, {"-r", "retries"},  {"--retries", "retries"},
     {"--disk", "disk"}, {"-o", "output"},        {"--output", "output"}, {"-i", "input"},
-    {"--input", "input"}, {"--size", "size"},    {"--alloc", "alloc"}, {"--lease", "lease"}};
+    {"--input", "input"}, {"--names", "names"}, {"--size", "size"},    {"--alloc", "alloc"}, {"--lease", "lease"}};
 const std::map<std::string, std::string> kSwitches = {
     {"--json", "json"}, {"--swapped", "swapped"}, {"--write", "write"},
     {"--unlocked", "unlocked"}, {"--help", "help"}};
@@ -79,7 +91,7 @@ const std::map<std::string, std::string> kSwitches = {
 // Which command-specific options each command takes.
 const std::map<std::string, std::set<std::string>> kCommandOptions = {
     {"read", {"disk", "output"}},
-    {"write", {"disk", "input"}},
+    {"write", {"disk", "input", "names"}},
     {"open", {"write", "size", "alloc", "lease", "unlocked"}},
     {"map", {"lease"}},
     {"setsize", {"lease"}},
@@ -335,34 +347,102 @@ class Cli {
     return ExitFor(*result);
   }
 
-  TransferOptions Transfer(const char* verb) {
-    TransferOptions t;
+  FileOptions Transfer(const char* verb, bool write, int64_t total) {
+    FileOptions t;
+    t.daemon = client_options_;
+    t.write = write;
     for (auto [it, end] = args_.options.equal_range("disk"); it != end; ++it)
       t.disks.push_back(it->second);
     if (isatty(STDERR_FILENO)) {
-      t.progress = [verb, last = std::chrono::steady_clock::time_point{}](int64_t done,
-                                                                         int64_t total) mutable {
+      t.progress = [verb, total, last = std::chrono::steady_clock::time_point{}](int64_t done) mutable {
         auto now = std::chrono::steady_clock::now();
-        if (total < kProgressFrom || (done < total && now - last < std::chrono::milliseconds(200)))
+        if ((total >= 0 && total < kProgressFrom) || now - last < std::chrono::milliseconds(200))
           return;
         last = now;
-        std::fprintf(stderr, "\r%s %s of %s (%d%%)   ", verb, ShortSize(done).c_str(),
-                     ShortSize(total).c_str(), static_cast<int>(done * 100 / total));
-        if (done == total) std::fputc('\n', stderr);
+        if (total > 0)
+          std::fprintf(stderr, "\r%s %s of %s (%d%%)   ", verb, ShortSize(done).c_str(),
+                       ShortSize(total).c_str(), static_cast<int>(done * 100 / total));
+        else
+          std::fprintf(stderr, "\r%s %s   ", verb, ShortSize(done).c_str());
       };
     }
     return t;
   }
 
-  int Finish(const char* command, const TransferReport& r, FILE* summaryTo) {
-    switch (r.failure) {
-      case TransferReport::kNone: break;
-      case TransferReport::kNoReply: return Failure(kExitNoReply, r.error, {}, summaryTo);
-      case TransferReport::kResult: return Failure(kExitErrorResult, r.error, r.result, summaryTo);
-      case TransferReport::kLocal: return Failure(kExitLocal, r.error, {}, summaryTo);
+  // Exit status of a failed open.
+  int OpenFailed(const OpenFailure& f, FILE* summaryTo) {
+    if (f.noReply) return Failure(kExitNoReply, f.error, {}, summaryTo);
+    if (f.result != 0) return Failure(kExitErrorResult, f.error, f.result, summaryTo);
+    return Failure(kExitLocal, f.error, {}, summaryTo);
+  }
+
+  // Exit status of a transfer that failed half-way (why: what the file says).
+  int TransferFailed(const RemoteFile& file, const std::string& why, FILE* summaryTo) {
+    const FileStats s = file.stats();
+    if (s.noReply) return Failure(kExitNoReply, why, {}, summaryTo);
+    if (s.result != 0) return Failure(kExitErrorResult, why, s.result, summaryTo);
+    return Failure(kExitLocal, why, {}, summaryTo);
+  }
+
+  // Moves data through kBuffers aligned buffers: `fill` (on a thread of its
+  // own) puts up to a buffer's bytes into one and returns the count (0 at
+  // the end, negative on failure); `drain` takes them on this thread and
+  // returns false on failure. False when either failed.
+  static bool Pump(const std::function<ssize_t(uint8_t*, size_t)>& fill,
+                   const std::function<bool(const uint8_t*, size_t)>& drain) {
+    std::vector<std::unique_ptr<AlignedBuffer>> buffers;
+    for (size_t i = 0; i < kBuffers; ++i) buffers.push_back(std::make_unique<AlignedBuffer>(kBufferBytes));
+    std::mutex mu;
+    std::condition_variable cv;
+    std::deque<std::pair<size_t, ssize_t>> full;  // buffer index, bytes (0: end, <0: failure)
+    std::deque<size_t> empty;
+    for (size_t i = 0; i < kBuffers; ++i) empty.push_back(i);
+    bool stop = false;
+    std::thread filler([&] {
+      for (;;) {
+        size_t index;
+        {
+          std::unique_lock<std::mutex> l(mu);
+          cv.wait(l, [&] { return stop || !empty.empty(); });
+          if (stop) return;
+          index = empty.front();
+          empty.pop_front();
+        }
+        ssize_t n = fill(buffers[index]->data(), kBufferBytes);
+        std::lock_guard<std::mutex> l(mu);
+        full.emplace_back(index, n);
+        cv.notify_all();
+        if (n <= 0) return;
+      }
+    });
+    bool ok = true;
+    for (;;) {
+      std::pair<size_t, ssize_t> slot;
+      {
+        std::unique_lock<std::mutex> l(mu);
+        cv.wait(l, [&] { return !full.empty(); });
+        slot = full.front();
+        full.pop_front();
+      }
+      if (slot.second <= 0) {
+        ok = slot.second == 0;
+        break;
+      }
+      if (!drain(buffers[slot.first]->data(), static_cast<size_t>(slot.second))) {
+        ok = false;
+        break;
+      }
+      std::lock_guard<std::mutex> l(mu);
+      empty.push_back(slot.first);
+      cv.notify_all();
     }
-    Print(TransferDoc(command, r), summaryTo);
-    return kExitOk;
+    {
+      std::lock_guard<std::mutex> l(mu);
+      stop = true;
+    }
+    cv.notify_all();
+    filler.join();
+    return ok;
   }
 
   int Read() {
@@ -370,34 +450,136 @@ class Cli {
     int fd = STDOUT_FILENO;
     if (!output.empty() && (fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) < 0)
       return Failure(kExitLocal, "cannot create " + output + ": " + std::strerror(errno));
-    TransferReport r = ReadFileData(client(), args_.words[1], args_.words[2], Transfer("read"), fd);
-    if (!output.empty()) {
-      if (close(fd) != 0 && r.ok()) {
-        r.failure = TransferReport::kLocal;
-        r.error = "writing " + output + ": " + std::strerror(errno);
-      }
-      if (!r.ok()) unlink(output.c_str());  // no half-read file is left behind
-    }
     // With the data on standard output the summary goes to standard error,
     // and a person sees none.
-    if (output.empty() && !json_ && r.ok()) return kExitOk;
-    return Finish("read", r, output.empty() ? stderr : stdout);
+    FILE* summaryTo = output.empty() ? stderr : stdout;
+    int status = ReadInto(fd, summaryTo);
+    if (!output.empty()) {
+      if (close(fd) != 0 && status == kExitOk)
+        status = Failure(kExitLocal, "writing " + output + ": " + std::strerror(errno));
+      if (status != kExitOk) unlink(output.c_str());  // no half-read file is left behind
+    }
+    return status;
+  }
+
+  int ReadInto(int fd, FILE* summaryTo) {
+    OpenFailure f;
+    std::unique_ptr<RemoteFile> file =
+        RemoteFile::Open(args_.words[1], args_.words[2], Transfer("read", false, -1), &f);
+    if (!file) return OpenFailed(f, summaryTo);
+    const int64_t size = file->Size();
+    int64_t offset = 0, out = 0;
+    std::string why;
+    const bool ok = Pump(
+        [&](uint8_t* buf, size_t cap) -> ssize_t {
+          ssize_t n = file->Read(offset, buf, cap);
+          if (n < 0) why = file->error();
+          if (n > 0) offset += n;
+          return n;
+        },
+        [&](const uint8_t* buf, size_t n) {
+          for (size_t done = 0; done < n;) {
+            ssize_t put = write(fd, buf + done, n - done);
+            if (put < 0 && errno == EINTR) continue;
+            if (put <= 0) {
+              why = "writing the output: " + std::string(std::strerror(errno));
+              return false;
+            }
+            done += static_cast<size_t>(put);
+          }
+          out += static_cast<int64_t>(n);
+          return true;
+        });
+    if (!ok) return TransferFailed(*file, why, summaryTo);
+    if (file->Close() != 0) return TransferFailed(*file, file->error(), summaryTo);
+    if (isatty(STDERR_FILENO) && size >= kProgressFrom) std::fputc('\n', stderr);
+    if (summaryTo == stderr && !json_) return kExitOk;
+    Print(TransferDoc("read", out, size, file->stats()), summaryTo);
+    return kExitOk;
+  }
+
+  // The remote file for writing; a missing one is created under --names
+  // DIR when given (the share as mounted on this machine).
+  std::unique_ptr<RemoteFile> OpenForWrite(const FileOptions& o, OpenFailure* f) {
+    const std::string& share = args_.words[1];
+    const std::string& path = args_.words[2];
+    std::unique_ptr<RemoteFile> file = RemoteFile::Open(share, path, o, f);
+    if (file || f->errnum != ENOENT || f->result != SP_RESULT_FILE_NOT_FOUND) return file;
+    const std::string names = args_.Get("names");
+    if (names.empty()) {
+      f->error = path + " does not exist on share " + share +
+                 "; a file is first created through the share (where it is mounted; "
+                 "--names DIR creates it there, DIR being the share's directory on this machine)";
+      return nullptr;
+    }
+    const std::string local = names + "/" + path;
+    int fd = open(local.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      f->error = "creating " + local + ": " + std::strerror(errno);
+      f->result = 0;
+      return nullptr;
+    }
+    close(fd);
+    // A share mounted over the network may show the new name a moment late.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+      if ((file = RemoteFile::Open(share, path, o, f)) || f->errnum != ENOENT) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    if (!file && f->errnum == ENOENT)
+      f->error = "created " + local + ", but the daemon does not find " + path + " on share " +
+                 share + ": " + f->error + " (is DIR the share's directory?)";
+    return file;
   }
 
   int Write() {
     const std::string input = args_.Get("input");
     int fd = input.empty() ? STDIN_FILENO : open(input.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return Failure(kExitLocal, "cannot open " + input + ": " + std::strerror(errno));
-    std::string data;
-    char buffer[1 << 16];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR))
-      if (n > 0) data.append(buffer, static_cast<size_t>(n));
-    const int err = errno;
+    struct stat st;
+    const int64_t expected = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
+    FileOptions o = Transfer("written", true, expected);
+    o.expectedSize = expected;
+    OpenFailure f;
+    // The file is opened (and its disks found) before any input is read.
+    std::unique_ptr<RemoteFile> file = OpenForWrite(o, &f);
+    if (!file) {
+      if (fd != STDIN_FILENO) close(fd);
+      return OpenFailed(f, stdout);
+    }
+    int64_t offset = 0;
+    std::string why;
+    const bool ok = Pump(
+        [&](uint8_t* buf, size_t cap) -> ssize_t {
+          size_t got = 0;  // whole buffers, so that writes stay large and aligned
+          while (got < cap) {
+            ssize_t n = read(fd, buf + got, cap - got);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) {
+              why = "reading the input: " + std::string(std::strerror(errno));
+              return -1;
+            }
+            if (n == 0) break;
+            got += static_cast<size_t>(n);
+          }
+          return static_cast<ssize_t>(got);
+        },
+        [&](const uint8_t* buf, size_t n) {
+          if (file->Write(offset, buf, n) < 0) {
+            why = file->error();
+            return false;
+          }
+          offset += static_cast<int64_t>(n);
+          return true;
+        });
     if (fd != STDIN_FILENO) close(fd);
-    if (n < 0) return Failure(kExitLocal, "reading the input: " + std::string(std::strerror(err)));
-    TransferReport r = WriteFileData(client(), args_.words[1], args_.words[2], Transfer("written"), data);
-    return Finish("write", r, stdout);
+    if (!ok) return TransferFailed(*file, why, stdout);
+    // A longer old file is cut to the new contents once they are written.
+    if (file->Size() > offset && file->Truncate(offset) != 0)
+      return TransferFailed(*file, file->error(), stdout);
+    if (file->Close() != 0) return TransferFailed(*file, file->error(), stdout);
+    if (isatty(STDERR_FILENO) && offset >= kProgressFrom) std::fputc('\n', stderr);
+    Print(TransferDoc("write", offset, offset, file->stats()), stdout);
+    return kExitOk;
   }
 
   Args args_;

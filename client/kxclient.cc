@@ -35,8 +35,6 @@ Endpoint::Endpoint(const std::string& host, uint16_t port) {
   peer.sin_family = AF_INET;
   peer.sin_port = htons(port);
   if (inet_pton(AF_INET, host.c_str(), &peer.sin_addr) != 1) return;
-  static_assert(sizeof peer == sizeof peer_);
-  std::memcpy(peer_, &peer, sizeof peer);
   fd_ = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd_ < 0) return;
   sockaddr_in local{};
@@ -44,10 +42,13 @@ Endpoint::Endpoint(const std::string& host, uint16_t port) {
   // A loopback peer answers a loopback sender; any other needs a routable one.
   bool loopback = (ntohl(peer.sin_addr.s_addr) >> 24) == 127;
   local.sin_addr.s_addr = htonl(loopback ? INADDR_LOOPBACK : INADDR_ANY);
-  // ICMP errors (port unreachable) reach an unconnected socket only this way.
+  // ICMP errors (port unreachable) are queued with their details this way.
   const int on = 1;
   setsockopt(fd_, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
-  if (bind(fd_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
+  // Connected: the kernel hands this socket datagrams from the daemon's
+  // address and port only, so no other sender can pose as its reply.
+  if (bind(fd_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0 ||
+      connect(fd_, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
     close(fd_);
     fd_ = -1;
   }
@@ -65,8 +66,9 @@ uint16_t Endpoint::localPort() const {
 }
 
 bool Endpoint::Send(const Bytes& datagram) {
-  ssize_t sent = sendto(fd_, datagram.data(), datagram.size(), 0,
-                        reinterpret_cast<const sockaddr*>(peer_), sizeof peer_);
+  ssize_t sent = send(fd_, datagram.data(), datagram.size(), 0);
+  // A refusal reported for an earlier datagram fails this send; it is sent again.
+  if (sent < 0 && errno == ECONNREFUSED) sent = send(fd_, datagram.data(), datagram.size(), 0);
   return sent == static_cast<ssize_t>(datagram.size());
 }
 
@@ -89,8 +91,11 @@ std::optional<Bytes> Endpoint::Receive(int timeoutMs) {
     return std::nullopt;
   }
   Bytes buffer(65536);
-  ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
-  if (n < 0) return std::nullopt;
+  ssize_t n = recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+  if (n < 0) {
+    refused_ = errno == ECONNREFUSED;
+    return std::nullopt;
+  }
   buffer.resize(static_cast<size_t>(n));
   return buffer;
 }

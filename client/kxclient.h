@@ -16,7 +16,8 @@ namespace kestrix::client {
 
 using Bytes = std::vector<uint8_t>;
 
-// A UDP socket bound to an ephemeral port, talking to one daemon address.
+// A UDP socket bound to an ephemeral port and connected to one daemon's
+// address and port: datagrams from anywhere else never reach it.
 class Endpoint {
  public:
   Endpoint(const std::string& host, uint16_t port);
@@ -36,7 +37,6 @@ class Endpoint {
 
  private:
   int fd_ = -1;
-  uint8_t peer_[16] = {};  // sockaddr_in of the daemon
   bool refused_ = false;
 };
 

@@ -30,6 +30,24 @@ struct FileOptions {
   bool reopen = true;
   // Called after each piece of a Read or Write with the bytes moved so far.
   std::function<void(int64_t done)> progress;
+  // The size the file will have when it is known (a write from a regular
+  // file): the allocation is asked for up to there at the first write.
+  // -1: unknown; the allocation then grows in large steps.
+  int64_t expectedSize = -1;
+  // How long I/O waits for a daemon that does not confirm the lease (no
+  // reply to renewals and reopens) before it fails with EIO.
+  int giveUpMs = 30000;
+  // Direct transfers in flight at once, and the largest one.
+  unsigned depth = 8;
+  size_t ioBytes = size_t{1} << 20;
+};
+
+// Why an Open failed, for a caller that tells the kinds apart.
+struct OpenFailure {
+  std::string error;
+  int errnum = 0;       // a positive errno value
+  int32_t result = 0;   // the daemon's result when it refused, else 0
+  bool noReply = false;  // the daemon did not answer
 };
 
 // Counters of one open file, for reports and benchmarks.
@@ -40,7 +58,12 @@ struct FileStats {
   int extents = 0;
   int renewals = 0;
   int reopens = 0;
-  std::string disk;  // the device or image of the volume's first disk
+  int allocations = 0;  // requests that grew the allocation
+  std::string disk;     // the devices or images of the volume's disks
+  std::string backend;  // how direct I/O is done: io_uring or threads
+  uint32_t key = 0;     // the lease key now held
+  int32_t result = 0;   // the daemon's result behind the last failure, if any
+  bool noReply = false;  // the last failure was a daemon that did not answer
 };
 
 class RemoteFile {
@@ -52,6 +75,9 @@ class RemoteFile {
   static std::unique_ptr<RemoteFile> Open(const std::string& share, const std::string& path,
                                           const FileOptions& options, std::string* error,
                                           int* errnum = nullptr);
+  // The same, with the kind of failure told apart.
+  static std::unique_ptr<RemoteFile> Open(const std::string& share, const std::string& path,
+                                          const FileOptions& options, OpenFailure* failure);
   // Closes the lease without changing the size when Close was not called.
   virtual ~RemoteFile() = default;
 

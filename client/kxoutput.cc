@@ -281,16 +281,19 @@ Doc StatusDoc(const StatusReply& s) {
   return d;
 }
 
-Doc TransferDoc(const std::string& command, const TransferReport& r) {
+Doc TransferDoc(const std::string& command, int64_t bytes, int64_t fileSize, const FileStats& r) {
   Doc d = Doc::Object();
-  d.Add(command == "read" ? "read" : "written", Doc::Int(r.dataBytes + r.zeroBytes,
-                                                         HumanSize(r.dataBytes + r.zeroBytes)))
-      .Add("fileSize", Doc::Int(r.fileSize, HumanSize(r.fileSize)))
+  d.Add(command == "read" ? "read" : "written", Doc::Int(bytes, HumanSize(bytes)))
+      .Add("fileSize", Doc::Int(fileSize, HumanSize(fileSize)))
       .Add("diskBytes", Doc::Int(r.dataBytes, HumanSize(r.dataBytes)));
   if (command == "read") d.Add("zeros", Doc::Int(r.zeroBytes, HumanSize(r.zeroBytes)));
   d.Add("disk", Doc::Text(r.disk))
       .Add("extents", Doc::Int(r.extents))
-      .Add("mapReplies", Doc::Int(r.mapReplies));
+      .Add("mapReplies", Doc::Int(r.mapReplies))
+      .Add("renewals", Doc::Int(r.renewals))
+      .Add("reopens", Doc::Int(r.reopens));
+  if (command != "read") d.Add("allocations", Doc::Int(r.allocations));
+  d.Add("io", Doc::Text(r.backend));
   char key[16];
   std::snprintf(key, sizeof key, "0x%x", r.key);
   d.Add("key", Doc::Int(r.key, key));

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "client/kxclient.h"
-#include "client/kxtransfer.h"
+#include "client/kxfile.h"
 
 namespace kestrix::client {
 
@@ -55,7 +55,8 @@ Doc HeaderDoc(const ReplyHeader& header);
 Doc VolumeDoc(const GetVolumeInfo& volume);
 Doc MapDoc(const MapReply& map);
 Doc StatusDoc(const StatusReply& status);
-Doc TransferDoc(const std::string& command, const TransferReport& report);
+// The summary of a read or write: bytes moved, the file's size, the engine's counters.
+Doc TransferDoc(const std::string& command, int64_t bytes, int64_t fileSize, const FileStats& stats);
 
 }  // namespace kestrix::client
 

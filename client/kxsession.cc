@@ -115,7 +115,11 @@ std::optional<Bytes> Client::Call(Bytes request) {
                           static_cast<uint32_t>(getpid()), ++sequence_};
   std::memcpy(HeaderOf(request)->messageID, id, sizeof id);
   HeaderOf(request)->flags |= LAN_FLAG_TRACK;
+  // A reply carries the request's function code negated.
+  const int32_t replyCode =
+      static_cast<int32_t>(0u - static_cast<uint32_t>(HeaderOf(request)->functionCode));
   if (options_.swapped) SwapRequest(request);
+  sentAt_ = std::chrono::steady_clock::now();
 
   using Clock = std::chrono::steady_clock;
   const int tries = 1 + std::max(0, options_.retries);
@@ -125,7 +129,8 @@ std::optional<Bytes> Client::Call(Bytes request) {
       error_ = "cannot send to " + peer() + ": " + std::strerror(errno);
       return std::nullopt;
     }
-    // Datagrams of other calls (a late reply to an earlier ID) are skipped.
+    // Datagrams of other calls (a late reply to an earlier ID) and of
+    // another kind are skipped.
     const auto deadline = Clock::now() + std::chrono::milliseconds(options_.timeoutMs);
     for (;;) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -136,7 +141,8 @@ std::optional<Bytes> Client::Call(Bytes request) {
         break;
       }
       if (reply && reply->size() >= LAN_HEADER_SIZE &&
-          std::memcmp(reply->data() + offsetof(LanHeader, messageID), id, sizeof id) == 0) {
+          std::memcmp(reply->data() + offsetof(LanHeader, messageID), id, sizeof id) == 0 &&
+          ParseHeader(*reply)->functionCode == replyCode) {
         error_.clear();
         replied_ = true;
         return reply;
@@ -182,8 +188,10 @@ std::optional<MapReply> Client::Open(const std::string& share, const std::string
 }
 
 std::optional<MapReply> Client::ExtendedMap(uint32_t key, int64_t start, int64_t length,
-                                            uint32_t lease) {
-  return Decoded(Call(MakeGetExtendedMapRequest(key, start, length, lease)), ParseMapReply);
+                                            uint32_t lease, int64_t fileSize,
+                                            int64_t allocation) {
+  return Decoded(Call(MakeGetExtendedMapRequest(key, start, length, lease, fileSize, allocation)),
+                 ParseMapReply);
 }
 
 std::optional<StatusReply> Client::SetSize(uint32_t key, int64_t fileSize, uint32_t lease) {

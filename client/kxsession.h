@@ -6,6 +6,7 @@
 #ifndef KESTRIX_CLIENT_KXSESSION_H_
 #define KESTRIX_CLIENT_KXSESSION_H_
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -51,16 +52,22 @@ class Client {
   bool replied() const { return replied_; }
 
   // Sends a host-order request (stamped with a fresh message ID and the
-  // duplicate-detection flag) until a reply with that ID comes, at most
+  // duplicate-detection flag) until a reply with that ID and the request's
+  // function code comes from the daemon's address and port, at most
   // 1 + retries times. Nothing when none came, with error() set.
   std::optional<Bytes> Call(Bytes request);
+  // When the last call was first sent: a lease granted in its reply runs
+  // from no earlier than this.
+  std::chrono::steady_clock::time_point sentAt() const { return sentAt_; }
 
   std::optional<GetVolumeInfo> GetVolume(const std::string& shareOrPath);
   std::optional<GetVolumeInfo> GetVolumeByCookie(const uint8_t* cookie);
   std::optional<MapReply> Open(const std::string& share, const std::string& file,
                                const OpenOptions& options = {});
+  // Sizes other than -1 change the file size or grow its allocation first.
   std::optional<MapReply> ExtendedMap(uint32_t key, int64_t start, int64_t length = 0,
-                                      uint32_t lease = 0);
+                                      uint32_t lease = 0, int64_t fileSize = -1,
+                                      int64_t allocation = -1);
   std::optional<StatusReply> SetSize(uint32_t key, int64_t fileSize, uint32_t lease = 0);
   std::optional<StatusReply> Close(uint32_t key, int64_t fileSize = -1);
   // The result of a string command (always 0 from the daemon).
@@ -78,6 +85,7 @@ class Client {
   int attempts_ = 0;
   bool replied_ = false;
   uint32_t sequence_ = 0;
+  std::chrono::steady_clock::time_point sentAt_{};
 };
 
 // The body's result of a SendStringCmd reply (code -7).

@@ -1,9 +1,11 @@
 // kestrix-cli and the client library against the real daemon: every
 // command's JSON document in both byte orders, exit statuses, and a retry
 // after a lost reply that does not run the request twice.
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -69,14 +71,19 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
   // No daemon: a port nobody holds is refused at once, not after the 2 x 30 s
   // the time-outs allow (RunToExit gives up after 20 s); a socket that never
   // answers is waited out. And usage errors.
-  client::Endpoint silent("127.0.0.1", 9);
+  int silent = socket(AF_INET, SOCK_DGRAM, 0);  // bound, never answers
+  sockaddr_in at{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t length = sizeof at;
+  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&at), sizeof at) |
+                getsockname(silent, reinterpret_cast<sockaddr*>(&at), &length), 0);
   for (auto [port, wait, error] : {std::tuple{FreeLoopbackPort(), "30000", ": connection refused"},
-                                   {silent.localPort(), "100", "after 2 attempts"}}) {
+                                   {ntohs(at.sin_port), "100", "after 2 attempts"}}) {
     RunResult r = RunToExit(KESTRIX_CLI, {"getvolume", "data", "--json", "-p", std::to_string(port), "-t", wait,
                                           "-r", "1"}, {});
     EXPECT_EQ(r.exitStatus, 2);
     EXPECT_NE(FlatJson(r.standardOutput)["/error"].find(error), std::string::npos) << r.standardOutput;
   }
+  close(silent);
   EXPECT_EQ(Cli({"getvolume"}).first, 1);
   EXPECT_EQ(Cli({"open", "data", "f", "--disk", "/dev/null"}).first, 1);
 }

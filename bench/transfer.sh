@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# The transfer benchmark of `make bench`: kestrix-cli read and write of a
+# 1 GiB file against dd with O_DIRECT on the same loop device (attached with
+# --direct-io=on), in one run, with the resident memory of each and of a
+# 4 GiB transfer, and the part of a new file's write that is the server's
+# zero-fill of the allocation. Needs root, losetup and mkfs.ext4; says so
+# and stops (status 0) where they are missing.
+# Usage: bench/transfer.sh [BUILD_DIR] [MiB per transfer (1024)] [MiB of the large one (4096)]
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="$(cd "${1:-$root/build-bench}" && pwd)"
+mib="${2:-1024}"
+large="${3:-4096}"
+PATH="$PATH:/usr/sbin:/sbin"
+
+say() { echo "transfer bench: $*" >&2; }
+if [ "$(id -u)" != 0 ]; then say "SKIPPED: needs root (loop devices, mounts)"; exit 0; fi
+for tool in losetup mkfs.ext4 dd /usr/bin/time; do
+  command -v "$tool" >/dev/null || { say "SKIPPED: $tool is not installed"; exit 0; }
+done
+for f in kestrixd plugins/localfs.so client/kestrix-cli; do
+  [ -e "$build/$f" ] || { say "$build/$f is missing; build it first"; exit 1; }
+done
+
+work="$(mktemp -d "${TMPDIR:-/tmp}/kestrix-transfer-XXXXXX")"
+loopdev="" mounted="" daemon=""
+cleanup() {
+  if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; fi
+  if [ -n "$mounted" ]; then umount "$work/mnt" 2>/dev/null || umount -l "$work/mnt"; fi
+  if [ -n "$loopdev" ]; then losetup -d "$loopdev"; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# The filesystem takes the front of the device; dd writes behind it, on
+# bytes no file uses.
+fs_mib=$((large + 3 * mib + 512))
+truncate -s $(((fs_mib + mib + 64) * 1048576)) "$work/disk.img"
+loopdev="$(losetup --direct-io=on --find --show "$work/disk.img")"
+mkfs.ext4 -q -F -b 4096 "$loopdev" "$((fs_mib * 256))"
+mkdir -p "$work/mnt" "$work/lib"
+mount -t ext4 "$loopdev" "$work/mnt"
+mounted=1
+mkdir "$work/mnt/export"
+printf '[bench]\n   path = %s\n' "$work/mnt/export" >"$work/smb.conf"
+printf '%s\n' "$work/mnt/export" >"$work/localfs.conf"
+ln -s "$build/plugins/localfs.so" "$work/lib/localfs.so"
+port="$(python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
+KESTRIX_PORT="$port" KESTRIX_LIBDIR="$work/lib" KESTRIX_SMBPATH="$work/smb.conf" \
+  KESTRIX_LOCALFS_CONF="$work/localfs.conf" "$build/kestrixd" -d -l 2 -f "$work/kestrixd.log" &
+daemon=$!
+sleep 1
+cli=("$build/client/kestrix-cli" -p "$port")
+
+say "preparing a $mib MiB source file and the files on the share"
+head -c $((mib * 1048576)) /dev/urandom >"$work/src.bin"
+cp "$work/src.bin" "$work/mnt/export/big.bin"
+: >"$work/mnt/export/new.bin"
+: >"$work/mnt/export/zero.bin"
+: >"$work/mnt/export/large.bin"
+sync
+drop() { sync; echo 3 >/proc/sys/vm/drop_caches; }
+
+# Seconds and resident KiB of one command: "SECONDS KIB".
+measure() {
+  drop
+  /usr/bin/time -f "%e %M" -o "$work/time" "$@" >/dev/null
+  cat "$work/time"
+}
+
+behind=$((fs_mib))  # first MiB of the device that the filesystem does not use
+read -r dd_read dd_read_kib < <(measure dd if="$loopdev" of=/dev/null bs=1M count="$mib" iflag=direct status=none)
+read -r cli_read cli_read_kib < <(measure "${cli[@]}" read bench big.bin --disk "$loopdev" -o /dev/null)
+cmp -s <("${cli[@]}" read bench big.bin --disk "$loopdev") "$work/src.bin" || say "WARNING: the file read differs from its source"
+read -r dd_write dd_write_kib < <(measure dd if="$work/src.bin" of="$loopdev" bs=1M count="$mib" seek="$behind" oflag=direct status=none)
+read -r cli_over cli_over_kib < <(measure "${cli[@]}" write bench big.bin --disk "$loopdev" -i "$work/src.bin")
+read -r cli_new cli_new_kib < <(measure "${cli[@]}" write bench new.bin --disk "$loopdev" -i "$work/src.bin")
+cmp -s "$work/mnt/export/new.bin" "$work/src.bin" || say "WARNING: the new file differs from its source"
+# The server's part of a new file: the allocation of the same size alone.
+read -r zero_fill _ < <(measure "${cli[@]}" open bench zero.bin --write --alloc $((mib * 1048576)) --unlocked)
+read -r large_write large_write_kib < <(measure bash -c "head -c $((large * 1048576)) /dev/zero | ${cli[*]} write bench large.bin --disk $loopdev")
+read -r large_read large_read_kib < <(measure "${cli[@]}" read bench large.bin --disk "$loopdev" -o /dev/null)
+
+ratio() { python3 -c "print(f'{$1 / $2:.2f}')"; }
+echo
+echo "transfers of $mib MiB on $loopdev (direct I/O loop device), $(nproc) cores"
+printf '| %-44s | %8s | %9s | %9s |\n' "what" "seconds" "vs dd" "resident"
+printf '|%s|%s|%s|%s|\n' "----------------------------------------------" "----------" "-----------" "-----------"
+row() { printf '| %-44s | %8s | %9s | %6s MiB |\n' "$1" "$2" "$3" "$(($4 / 1024))"; }
+row "dd read, 1 MiB blocks, iflag=direct" "$dd_read" "1.00" "$dd_read_kib"
+row "kestrix-cli read" "$cli_read" "$(ratio "$dd_read" "$cli_read")" "$cli_read_kib"
+row "dd write, 1 MiB blocks, oflag=direct" "$dd_write" "1.00" "$dd_write_kib"
+row "kestrix-cli write, overwriting a file" "$cli_over" "$(ratio "$dd_write" "$cli_over")" "$cli_over_kib"
+row "kestrix-cli write, a new (empty) file" "$cli_new" "$(ratio "$dd_write" "$cli_new")" "$cli_new_kib"
+row "  of it: the server's zero-fill alone" "$zero_fill" "$(ratio "$zero_fill" "$cli_new")" 0
+row "kestrix-cli write, $large MiB from a pipe" "$large_write" "-" "$large_write_kib"
+row "kestrix-cli read, $large MiB" "$large_read" "-" "$large_read_kib"
+echo "(vs dd: dd's time over this one's, higher is faster; the zero-fill row: its share of the new file's write)"
+echo "goals: read >= 0.90, overwrite >= 0.90, new file >= 0.45, resident <= 64 MiB"
