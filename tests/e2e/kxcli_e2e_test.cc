@@ -42,7 +42,8 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
       {{"close", "0x0"}, 3},
       {{"raw", "9"}, 0},
       {{"log", "4", "SCREEN"}, 0},
-      {{"cmd", "HELLO"}, 0}};
+      {{"cmd", "HELLO"}, 0},
+      {{"-h", "127.0.0.2", "getvolume", "data"}, 0}};  // answered from the address asked
   std::vector<Json> docs[2];
   for (int swapped : {0, 1}) {
     if (swapped) Restart();  // lease keys count from 0 again
