@@ -55,6 +55,7 @@ bench:
 	@cmake -S . -B $(BUILD)-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKESTRIX_BUILD_BENCH=ON -DKESTRIX_BUILD_TESTS=OFF >/dev/null
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
+	@bench/transfer.sh $(BUILD)-bench
 
 # The LAN message fuzz target (clang, ASan + UBSan) for FUZZ_SECONDS, then
 # the line coverage of the code a datagram can reach. Fails on any finding.

@@ -28,6 +28,22 @@ struct RunResult {
 RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
                     int timeoutMs = 20000);
 
+// A program running beside the test, its standard input (and output, when
+// outFd >= 0) on the test's descriptors; killed by its PID if still running
+// when the object goes.
+class ChildProcess {
+ public:
+  ChildProcess(const std::string& program, const std::vector<std::string>& args, const Env& env,
+               int inFd, int outFd = -1);
+  ~ChildProcess();
+  // Waits for the exit (killing it after timeoutMs); stdout unless outFd was given.
+  RunResult Wait(int timeoutMs = 60000);
+
+ private:
+  TempDir dir_;
+  pid_t pid_;
+};
+
 class DaemonProcess {
  public:
   // libDir: KESTRIX_LIBDIR, by default an empty directory of the test's own.
