@@ -34,3 +34,4 @@ install(FILES contrib/bash-completion/kestrix-cli
 install(FILES contrib/wireshark/kestrix.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/wireshark)
 # The OCF resource agent, where the cluster manager finds ocf:kestrix:kestrixd.
 install(PROGRAMS contrib/ocf/kestrixd DESTINATION /usr/lib/ocf/resource.d/kestrix)
+install(FILES contrib/pacemaker/kestrixd.crm DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/pacemaker)
