@@ -77,7 +77,9 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
   int filler = open((exp_ + "/filler").c_str(), O_WRONLY | O_CREAT, 0644);
   for (int b = 0; b < 90; ++b) {
     const std::string block = Random(bs_, b);
-    if (b % 3 != 2) ASSERT_EQ(pwrite(sparse, block.data(), bs_, b * bs_), bs_);
+    if (b % 3 != 2) {
+      ASSERT_EQ(pwrite(sparse, block.data(), bs_, b * bs_), bs_);
+    }
     ASSERT_EQ(pwrite(filler, block.data(), bs_, b * bs_), bs_);
     fsync(sparse), fsync(filler);
   }
@@ -192,7 +194,9 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
     ASSERT_EQ(r.exitStatus, 0) << r.standardError;
     EXPECT_EQ(json["/written"], std::to_string(data.size()));
     EXPECT_EQ(ReadFile(exp_ + "/" + row.name) == data, true);
-    if (row.restart) EXPECT_GE(std::stoi(json["/reopens"]), 1);
+    if (row.restart) {
+      EXPECT_GE(std::stoi(json["/reopens"]), 1);
+    }
     if (row.bytes > (64 << 20)) {  // and read back whole through kestrix-cli
       TempDir out;
       RunResult back = RunToExit(KESTRIX_CLI, Cli({"read", "data", row.name, "-o", out.File("f")}), {});
