@@ -1,8 +1,9 @@
 # Install rules: the daemon, the client, the localfs plug-in in the directory
 # the daemon reads, its example configuration, the systemd unit, the man
-# pages, the bash completion and the Wireshark dissector. DESTDIR and the
-# prefix are honoured everywhere; the plug-in directory and /etc are fixed
-# paths because the daemon and the unit name them.
+# pages, the bash completion, the Wireshark dissector and the cluster resource
+# agent. DESTDIR and the prefix are honoured everywhere; the plug-in directory,
+# /etc and the agent's directory are fixed paths because the daemon, the unit
+# and the cluster manager look there.
 include(GNUInstallDirs)
 
 set(KESTRIX_PLUGIN_DIR /opt/Kestrix/lib)
@@ -32,3 +33,6 @@ install(FILES contrib/bash-completion/kestrix-cli
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES contrib/wireshark/kestrix.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/wireshark)
 install(FILES contrib/grafana/kestrixd.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/grafana)
+# The OCF resource agent, where the cluster manager finds ocf:kestrix:kestrixd.
+install(PROGRAMS contrib/ocf/kestrixd DESTINATION /usr/lib/ocf/resource.d/kestrix)
+install(FILES contrib/pacemaker/kestrixd.crm DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/pacemaker)

@@ -21,7 +21,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # libc, libstdc++ and libgcc from the binaries' dependencies.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba, tshark, bash-completion")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba, tshark, bash-completion, pacemaker, resource-agents")
 configure_file(${CMAKE_SOURCE_DIR}/contrib/debian/conffiles ${CMAKE_BINARY_DIR}/debian/conffiles COPYONLY)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${CMAKE_BINARY_DIR}/debian/conffiles

@@ -1,6 +1,9 @@
 // Datagram transport: binds the UDP socket on all local IPv4 addresses,
 // runs the listener threads that hand each datagram to the callback, and
-// sends replies from the bound socket to the sender's address and port.
+// sends replies from the bound socket to the sender's address and port, from
+// the local address the request was sent to (a host with several addresses,
+// such as a cluster node holding a service address, answers from the one the
+// client knows).
 #include "utils/dgram.h"
 
 #include <arpa/inet.h>
@@ -8,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "utils/ksxmem.h"
@@ -43,6 +47,12 @@ int makeListenerSocket(uint16_t port, int* socketOut) {
     CloseSocket(*socketOut);
     return DGRAM_BIND_FAILED;
   }
+  // Each datagram's local address comes with it (IP_PKTINFO); without it
+  // replies leave from whatever address the kernel picks.
+  const int on = 1;
+  if (setsockopt(*socketOut, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) != 0)
+    OSL_Log(KSX_ERROR, "DGRAM: no IP_PKTINFO (%s); replies leave from the kernel's choice of address\n",
+            std::strerror(errno));
   return DGRAM_OK;
 }
 
@@ -85,9 +95,16 @@ void* PrimaryListener(void* listenerInfo) {
   if (listener->receiveLock != nullptr) OSL_SemDown(listener->receiveLock);
   for (;;) {
     sockaddr_in from;
-    socklen_t fromLength = sizeof from;
-    ssize_t received = recvfrom(listener->socket, buffer, DGRAM_RECEIVE_BUFFER_SIZE, 0,
-                                reinterpret_cast<sockaddr*>(&from), &fromLength);
+    iovec data{buffer, DGRAM_RECEIVE_BUFFER_SIZE};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))];
+    msghdr message{};
+    message.msg_name = &from;
+    message.msg_namelen = sizeof from;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t received = recvmsg(listener->socket, &message, 0);
     if (received <= 0) {
       OSL_Log(KSX_SP, "DGRAM: failed recvfrom:%d\n", static_cast<int>(received));
       continue;
@@ -100,6 +117,13 @@ void* PrimaryListener(void* listenerInfo) {
     DgramAddress sender;
     sender.socket = listener->socket;
     sender.address = from;
+    sender.local.s_addr = htonl(INADDR_ANY);
+    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+      if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_PKTINFO) continue;
+      in_pktinfo info;
+      std::memcpy(&info, CMSG_DATA(c), sizeof info);
+      sender.local = info.ipi_spec_dst;  // the local address, also for a broadcast
+    }
     OSL_Log(KSX_SP, "DGRAM: Server received message. size %d\n", size);
     OSL_Log(KSX_SP, "LANSERVER: received data\n");
     dumpData(buffer, size);
@@ -110,9 +134,25 @@ void* PrimaryListener(void* listenerInfo) {
 int DGRAM_SendReply(DgramAddress* sender, const void* data, int length) {
   OSL_Log(KSX_SP, "DGRAM_sendReply sending %d bytes\n", length);
   dumpData(data, length);
-  ssize_t sent = sendto(sender->socket, data, static_cast<size_t>(length), 0,
-                        reinterpret_cast<const sockaddr*>(&sender->address),
-                        sizeof sender->address);
+  iovec body{const_cast<void*>(data), static_cast<size_t>(length)};
+  msghdr message{};
+  message.msg_name = &sender->address;
+  message.msg_namelen = sizeof sender->address;
+  message.msg_iov = &body;
+  message.msg_iovlen = 1;
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+  if (sender->local.s_addr != htonl(INADDR_ANY)) {
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* c = CMSG_FIRSTHDR(&message);
+    c->cmsg_level = IPPROTO_IP;
+    c->cmsg_type = IP_PKTINFO;
+    c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_spec_dst = sender->local;
+    std::memcpy(CMSG_DATA(c), &info, sizeof info);
+  }
+  ssize_t sent = sendmsg(sender->socket, &message, 0);
   return sent == length ? DGRAM_OK : DGRAM_SEND_SHORT;
 }
 

@@ -14,6 +14,10 @@ extern "C" {
 typedef struct DgramAddress {
   int socket;                  // the socket it came in on; replies leave from it
   struct sockaddr_in address;  // family, port and IPv4 address, network order
+  // The local address the datagram reached (network order); the reply leaves
+  // from it, so a client that sent to a service address hears that address
+  // answer. INADDR_ANY (0): the kernel picks the source.
+  struct in_addr local;
 } DgramAddress;
 
 typedef void (*DgramHandler)(void* data, int length, DgramAddress* sender, void* serverArg);

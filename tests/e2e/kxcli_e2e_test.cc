@@ -43,7 +43,8 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
       {{"close", "KEY"}, 3},
       {{"raw", "9"}, 0},
       {{"log", "4", "SCREEN"}, 0},
-      {{"cmd", "HELLO"}, 0}};
+      {{"cmd", "HELLO"}, 0},
+      {{"-h", "127.0.0.2", "getvolume", "data"}, 0}};  // answered from the address asked
   std::vector<Json> docs[2];
   for (int swapped : {0, 1}) {
     if (swapped) Restart();  // the same calls again; keys start elsewhere

@@ -30,7 +30,8 @@ files=(/usr/sbin/kestrixd /usr/bin/kestrix-cli /usr/bin/kxbench /opt/Kestrix/lib
        /etc/kestrix/localfs.conf /etc/default/kestrixd /usr/lib/systemd/system/kestrixd.service
        /usr/share/man/man8/kestrixd.8 /usr/share/man/man1/kestrix-cli.1
        /usr/share/bash-completion/completions/kestrix-cli
-       /usr/share/kestrixd/wireshark/kestrix.lua /usr/share/kestrixd/grafana/kestrixd.json)
+       /usr/share/kestrixd/wireshark/kestrix.lua /usr/share/kestrixd/grafana/kestrixd.json
+       /usr/lib/ocf/resource.d/kestrix/kestrixd /usr/share/kestrixd/pacemaker/kestrixd.crm)
 listing=$(dpkg-deb -c "$deb" | awk '{print substr($6, 2)}')
 for f in "${files[@]}"; do grep -qx "$f" <<< "$listing" || fail "$f is not in the package"; done
 depends=$(dpkg-deb -f "$deb" Depends)
