@@ -15,6 +15,16 @@ using Ms = std::chrono::milliseconds;
 
 constexpr int64_t kRenewGapMs = 2000;  // renewals at least this often, to notice a restart
 constexpr int kRetryPauseMs = 200;     // between renewals of an unconfirmed lease
+// A renewal must be confirmed within this time after it fell due, or data
+// stops moving until one is: a daemon that died (a failover) is taken for
+// gone within a renewal gap and this, long before a standby can take over.
+constexpr int64_t kConfirmSlackMs = 1000;
+
+// Until when a lease renewed by a request sent at `sent` may be used.
+KeptLease::Clock::time_point UsableUntil(KeptLease::Clock::time_point sent, uint32_t lease) {
+  const int64_t fresh = std::min<int64_t>(lease / 3, kRenewGapMs) + kConfirmSlackMs;
+  return sent + Ms(std::min<int64_t>(lease, fresh));
+}
 
 }  // namespace
 
@@ -30,7 +40,7 @@ void KeptLease::Take(uint32_t key, Clock::time_point sent, uint32_t lease) {
     state_ = State::kHeld;
     renewBase_ = sent;
     granted_ = lease;
-    deadline_ = sent + Ms(lease);
+    deadline_ = UsableUntil(sent, lease);
     giveBack_ = false;
   }
   cv_.notify_all();
@@ -47,7 +57,7 @@ bool KeptLease::Confirm(Clock::time_point sent, uint32_t lease) {
   if (sent < renewBase_ || state_ == State::kClosed || state_ == State::kLost) return false;
   renewBase_ = sent;
   granted_ = lease;
-  deadline_ = sent + Ms(lease);
+  deadline_ = UsableUntil(sent, lease);
   state_ = State::kHeld;
   return true;
 }

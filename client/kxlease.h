@@ -1,8 +1,11 @@
 // The lease on one open remote file as this client knows it, and the keeper
-// thread that renews it. The lease is alive until the time the request that
-// last renewed it was first sent plus the lease granted in the reply; the
-// keeper renews at a third of the lease, and at least every 2 s so that a
-// daemon that lost its leases (a restart) is noticed soon. A renewal the
+// thread that renews it. The keeper renews at a third of the lease, and at
+// least every 2 s so that a daemon that lost its leases (a restart, a
+// failover) is noticed soon. The lease is alive from the time the request
+// that last renewed it was first sent until the next renewal is due plus
+// 1 s (and never past the lease granted): a renewal that is late stops data
+// until it is confirmed, so no byte moves more than about 3 s after the
+// daemon last vouched for the lease. A renewal the
 // daemon refuses makes the lease lost, one it does not answer unconfirmed:
 // either way Alive() is false until it is confirmed or taken anew.
 #ifndef KESTRIX_CLIENT_KXLEASE_H_
