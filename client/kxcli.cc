@@ -80,13 +80,11 @@ class Cli {
                "exit status: 0 done, 1 usage, 2 no reply, 3 error result, 4 local failure (disk, file)");
 
     CLI::App* c = Command("read", "the file's bytes, read straight from the disk", [this] { return Read(); });
-    Arg(c, "SHARE", share_, "the share's name")->required();
-    Arg(c, "PATH", path_, "the file's path in the share")->required();
+    SharePath(c);
     Disks(c);
     c->add_option("-o,--output", output_, "write the data there instead of standard output")->type_name("FILE");
     c = Command("write", "replace the file's contents, written straight to the disk", [this] { return Write(); });
-    Arg(c, "SHARE", share_, "the share's name")->required();
-    Arg(c, "PATH", path_, "the file's path in the share")->required();
+    SharePath(c);
     Disks(c);
     c->add_option("-i,--input", input_, "take the data from there instead of standard input")->type_name("FILE");
     c->add_option("--names", names_, "the share as mounted here; a missing file is created there first")
@@ -96,22 +94,21 @@ class Cli {
     c = Command("getvolume-cookie", "volume named by its cookie (up to 32 bytes)", [this] { return GetVolumeByCookie(); });
     Arg(c, "HEX", text_, "the volume cookie in hex, zero-filled to 32 bytes")->required();
     c = Command("open", "open a file: its lease key, cookies and map", [this] { return Open(); });
-    Arg(c, "SHARE", share_, "the share's name")->required();
-    Arg(c, "PATH", path_, "the file's path in the share")->required();
+    SharePath(c);
     c->add_flag("--write", [this](int64_t) { open_.intention = 0; }, "for writing (default: reading)");
     Size(c, &open_.fileSize, "the new file size");
     c->add_option("--alloc", open_.allocSize, "the new allocation size")->type_name("N")->check(Within(-1, INT64_MAX));
-    Lease(c, &open_.lease);
+    Lease(c);
     c->add_flag("--unlocked", [this](int64_t) { open_.flag |= FS_M_FLAG_UNLOCKED; }, "the map without a lease");
     c = Command("map", "map of a range (LENGTH 0: to the end); renews the lease", [this] { return Map(); });
     Key(c);
     Arg(c, "START", start_, "the first byte (default 0)")->check(Within(-1, INT64_MAX));
     Arg(c, "LENGTH", length_, "bytes to map (default 0: to the end)")->check(Within(-1, INT64_MAX));
-    Lease(c, &open_.lease);
+    Lease(c);
     c = Command("setsize", "new file size; renews the lease", [this] { return SetSize(); });
     Key(c);
     Arg(c, "SIZE", size_, "the new file size")->required()->check(Within(-1, INT64_MAX));
-    Lease(c, &open_.lease);
+    Lease(c);
     c = Command("close", "give the lease up, optionally with a final size", [this] { return Close(); });
     Key(c);
     Size(c, &size_, "the final file size");
@@ -143,8 +140,12 @@ class Cli {
   void Size(CLI::App* c, int64_t* size, const char* what) {
     c->add_option("--size", *size, what)->type_name("N")->check(Within(-1, INT64_MAX));
   }
-  void Lease(CLI::App* c, uint32_t* lease) {
-    c->add_option("--lease", *lease, "the lease to ask for")->type_name("MS")->check(Within(0, UINT32_MAX));
+  void SharePath(CLI::App* c) {
+    Arg(c, "SHARE", share_, "the share's name")->required();
+    Arg(c, "PATH", path_, "the file's path in the share")->required();
+  }
+  void Lease(CLI::App* c) {
+    c->add_option("--lease", open_.lease, "the lease to ask for")->type_name("MS")->check(Within(0, UINT32_MAX));
   }
   void Disks(CLI::App* c) {
     c->add_option("--disk", disks_, "device or image file to look for the volume's disk on\n"
