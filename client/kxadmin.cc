@@ -129,7 +129,8 @@ AdminCommands::AdminCommands(CLI::App& app) {
   socket_ = env != nullptr && *env != '\0' ? env : "/run/kestrixd/admin.sock";
   admin_ = app.add_subcommand("admin", "leases, revocation and counters over the daemon's admin socket");
   admin_->group("Commands")->require_subcommand(1);
-  admin_->footer("exit status: 0 done, 1 usage, 2 no answer from the socket, 3 an error answer or nothing revoked");
+  admin_->footer("--json and --socket PATH go with every admin command, before or after its word.\n"
+                 "exit status: 0 done, 1 usage, 2 no answer from the socket, 3 an error answer or nothing revoked");
   admin_->add_flag("--json", json_, "the daemon's answer as one JSON document");
   admin_->add_option("--socket", socket_, "the admin socket (default $KESTRIX_ADMIN_SOCKET\nor /run/kestrixd/admin.sock)")
       ->type_name("PATH");
