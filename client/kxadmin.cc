@@ -132,7 +132,8 @@ AdminCommands::AdminCommands(CLI::App& app) {
   admin_->footer("--json and --socket PATH go with every admin command, before or after its word.\n"
                  "exit status: 0 done, 1 usage, 2 no answer from the socket, 3 an error answer or nothing revoked");
   admin_->add_flag("--json", json_, "the daemon's answer as one JSON document");
-  admin_->add_option("--socket", socket_, "the admin socket (default $KESTRIX_ADMIN_SOCKET\nor /run/kestrixd/admin.sock)")
+  admin_->add_option("--socket", socket_,
+                     "the admin socket (default $KESTRIX_ADMIN_SOCKET\nor /run/kestrixd/admin.sock)")
       ->type_name("PATH");
   admin_->add_subcommand("leases", "the leases the daemon holds")->fallthrough()->group("Commands");
   admin_->add_subcommand("stats", "the daemon's counters")->fallthrough()->group("Commands");

@@ -91,7 +91,8 @@ class Cli {
         ->type_name("DIR");
     c = Command("getvolume", "volume behind a share name or absolute path", [this] { return GetVolume(); });
     Arg(c, "SHARE_OR_PATH", share_, "a share's name, or an absolute path on the daemon")->required();
-    c = Command("getvolume-cookie", "volume named by its cookie (up to 32 bytes)", [this] { return GetVolumeByCookie(); });
+    c = Command("getvolume-cookie", "volume named by its cookie (up to 32 bytes)",
+                [this] { return GetVolumeByCookie(); });
     Arg(c, "HEX", text_, "the volume cookie in hex, zero-filled to 32 bytes")->required();
     c = Command("open", "open a file: its lease key, cookies and map", [this] { return Open(); });
     SharePath(c);
@@ -242,7 +243,8 @@ class Cli {
   int Log() {
     if ((text_ + destination_).find('|') != std::string::npos)
       return UsageError(app_, "LEVEL and DESTINATION cannot hold '|'");
-    return StringCommand("LOG|" + text_ + (app_.get_subcommand("log")->count("DESTINATION") ? "|" + destination_ : ""));
+    const bool destination = app_.get_subcommand("log")->count("DESTINATION") > 0;
+    return StringCommand("LOG|" + text_ + (destination ? "|" + destination_ : ""));
   }
 
   int StringCommand(const std::string& text) {

@@ -214,7 +214,8 @@ TEST_F(AdminE2E, CommandLineMistakesAreRefusedBeforeAsking) {
     EXPECT_NE(r.standardError.find(why), std::string::npos) << r.standardError;
   }
   // Options before the command words, and help per command.
-  const RunResult before = RunToExit(KESTRIX_CLI, {"--json", "--socket", socket_, "admin", "--path", "/x", "revoke"}, {});
+  const RunResult before =
+      RunToExit(KESTRIX_CLI, {"--json", "--socket", socket_, "admin", "--path", "/x", "revoke"}, {});
   EXPECT_EQ(before.exitStatus, 2) << before.standardError;  // asked, but no daemon
   const RunResult help = RunToExit(KESTRIX_CLI, {"admin", "revoke", "--help"}, {});
   EXPECT_EQ(help.exitStatus, 0);
