@@ -12,9 +12,10 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "client/kxcmdline.h"
 
 namespace kestrix::client {
 
@@ -22,30 +23,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int kExitOk = 0, kExitUsage = 1, kExitNoAnswer = 2, kExitError = 3;
+constexpr int kExitOk = 0, kExitNoAnswer = 2, kExitError = 3;
 constexpr int kTimeoutSeconds = 5;
-
-const char kAdminUsage[] =
-    "usage: kestrix-cli admin COMMAND [--json] [--socket PATH]\n"
-    "  leases                  the leases the daemon holds\n"
-    "  revoke KEY              end one lease at once\n"
-    "  revoke --client ADDR    end every lease of a client (IPv4 address)\n"
-    "  revoke --path FILE      end every lease on a file (its full path on the daemon)\n"
-    "  stats                   the daemon's counters\n"
-    "  --socket PATH           the admin socket (default $KESTRIX_ADMIN_SOCKET\n"
-    "                          or /run/kestrixd/admin.sock)\n";
-
-struct AdminArgs {
-  std::vector<std::string> words;  // "admin" first
-  bool json = false;
-  std::string socket, client, path;
-};
-
-int Usage(const std::string& why) {
-  if (!why.empty()) std::fprintf(stderr, "kestrix-cli: %s\n", why.c_str());
-  std::fputs(kAdminUsage, stderr);
-  return kExitUsage;
-}
 
 // The answer line to one request line, or nothing (with why).
 std::optional<std::string> Ask(const std::string& socketPath, const std::string& request,
@@ -122,65 +101,21 @@ void PrintStats(const json& families) {
   }
 }
 
-std::optional<AdminArgs> Parse(int argc, char** argv, std::string* why) {
-  AdminArgs a;
-  const char* env = std::getenv("KESTRIX_ADMIN_SOCKET");
-  a.socket = env != nullptr && *env != '\0' ? env : "/run/kestrixd/admin.sock";
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&](std::string* out) {
-      if (i + 1 >= argc) return *why = arg + " needs a value", false;
-      *out = argv[++i];
-      return true;
-    };
-    if (arg == "--json") a.json = true;
-    else if (arg == "--socket") { if (!value(&a.socket)) return std::nullopt; }
-    else if (arg == "--client") { if (!value(&a.client)) return std::nullopt; }
-    else if (arg == "--path") { if (!value(&a.path)) return std::nullopt; }
-    else if (arg.size() > 1 && arg[0] == '-') return *why = "unknown option " + arg, std::nullopt;
-    else a.words.push_back(arg);
-  }
-  return a;
-}
-
-// The request line for the command, or nothing (with why) on a usage error.
-std::optional<json> Request(const AdminArgs& a, std::string* why) {
-  const std::string command = a.words.size() > 1 ? a.words[1] : "";
-  const size_t words = a.words.size();
-  const bool selectors = !a.client.empty() || !a.path.empty();
-  if (command == "leases" || command == "stats") {
-    if (words == 2 && !selectors) return json{{"command", command}};
-    return *why = command + " takes no arguments", std::nullopt;
-  }
-  if (command != "revoke") return *why = command.empty() ? "" : "unknown admin command " + command, std::nullopt;
-  const int named = static_cast<int>(words == 3) + !a.client.empty() + !a.path.empty();
-  if (named != 1 || words > 3) return *why = "revoke takes one of KEY, --client, --path", std::nullopt;
-  if (!a.client.empty()) return json{{"command", "revoke"}, {"client", a.client}};
-  if (!a.path.empty()) return json{{"command", "revoke"}, {"path", a.path}};
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long key = std::strtoull(a.words[2].c_str(), &end, 0);
-  if (a.words[2].empty() || *end != '\0' || errno != 0 || key > 0xFFFFFFFFull ||
-      a.words[2][0] == '-')
-    return *why = "bad key '" + a.words[2] + "'", std::nullopt;
-  return json{{"command", "revoke"}, {"key", key}};
-}
-
 // Prints the answer to command; the exit status.
-int Show(const AdminArgs& args, const std::string& command, const json& answer) {
+int Show(bool asJson, const std::string& command, const json& answer) {
   if (!answer.value("ok", false)) {
     std::fprintf(stderr, "kestrix-cli: %s\n", answer.value("error", "error answer").c_str());
     return kExitError;
   }
   if (command == "revoke") {
     const json& revoked = answer.at("revoked");
-    if (!args.json) {
+    if (!asJson) {
       for (const json& key : revoked) std::printf("revoked 0x%x\n", key.get<uint32_t>());
       if (revoked.empty()) std::fprintf(stderr, "kestrix-cli: no lease matched\n");
     }
     return revoked.empty() ? kExitError : kExitOk;
   }
-  if (!args.json) {
+  if (!asJson) {
     if (command == "leases") PrintLeases(answer.at("leases"));
     else PrintStats(answer.at("metrics"));
   }
@@ -189,32 +124,54 @@ int Show(const AdminArgs& args, const std::string& command, const json& answer) 
 
 }  // namespace
 
-bool RunAdminCommand(int argc, char** argv, int* exitStatus) {
-  int first = 1;
-  while (first < argc && argv[first][0] == '-') first += std::strcmp(argv[first], "--socket") == 0 ? 2 : 1;
-  if (first >= argc || std::strcmp(argv[first], "admin") != 0) return false;
+AdminCommands::AdminCommands(CLI::App& app) {
+  const char* env = std::getenv("KESTRIX_ADMIN_SOCKET");
+  socket_ = env != nullptr && *env != '\0' ? env : "/run/kestrixd/admin.sock";
+  admin_ = app.add_subcommand("admin", "leases, revocation and counters over the daemon's admin socket");
+  admin_->group("Commands")->require_subcommand(1);
+  admin_->footer("--json and --socket PATH go with every admin command, before or after its word.\n"
+                 "exit status: 0 done, 1 usage, 2 no answer from the socket, 3 an error answer or nothing revoked");
+  admin_->add_flag("--json", json_, "the daemon's answer as one JSON document");
+  admin_->add_option("--socket", socket_,
+                     "the admin socket (default $KESTRIX_ADMIN_SOCKET\nor /run/kestrixd/admin.sock)")
+      ->type_name("PATH");
+  admin_->add_subcommand("leases", "the leases the daemon holds")->fallthrough()->group("Commands");
+  admin_->add_subcommand("stats", "the daemon's counters")->fallthrough()->group("Commands");
+  CLI::App* revoke = admin_->add_subcommand("revoke", "end leases at once: one KEY, or those of --client or --path");
+  revoke->fallthrough()->group("Commands");
+  revoke->add_option("KEY", key_, "a lease key")->type_name("")->check(Within(0, UINT32_MAX, "key"));
+  revoke->add_option("--client", client_, "every lease of a client (IPv4 address)")->type_name("ADDR");
+  revoke->add_option("--path", path_, "every lease on a file (its full path on the daemon)")->type_name("FILE");
+}
 
+bool AdminCommands::given() const { return admin_->parsed(); }
+
+int AdminCommands::Run() {
+  const std::string command = GivenCommand(*admin_).get_name();
+  json request{{"command", command}};
+  if (command == "revoke") {
+    if (!key_.empty() + !client_.empty() + !path_.empty() != 1)
+      return UsageError(*admin_, "revoke takes one of KEY, --client, --path");
+    if (!key_.empty()) request["key"] = std::strtoull(key_.c_str(), nullptr, 0);
+    if (!client_.empty()) request["client"] = client_;
+    if (!path_.empty()) request["path"] = path_;
+  }
   std::string why;
-  std::optional<AdminArgs> args = Parse(argc, argv, &why);
-  std::optional<json> request = args ? Request(*args, &why) : std::nullopt;
-  if (!request) return *exitStatus = Usage(why), true;
-
-  std::optional<std::string> line = Ask(args->socket, request->dump(), &why);
+  std::optional<std::string> line = Ask(socket_, request.dump(), &why);
   const json answer = line ? json::parse(*line, nullptr, false) : json();
   if (!line || !answer.is_object()) {
     std::fprintf(stderr, "kestrix-cli: no answer from the admin socket%s%s\n",
                  why.empty() ? "" : ": ", why.c_str());
-    return *exitStatus = kExitNoAnswer, true;
+    return kExitNoAnswer;
   }
-  if (args->json) std::printf("%s\n", answer.dump().c_str());
+  if (json_) std::printf("%s\n", answer.dump().c_str());
   // An answer of the wrong shape makes the JSON library throw; it is no answer.
   try {
-    *exitStatus = Show(*args, (*request)["command"], answer);
+    return Show(json_, command, answer);
   } catch (const json::exception& e) {
     std::fprintf(stderr, "kestrix-cli: malformed answer from the admin socket: %s\n", e.what());
-    *exitStatus = kExitNoAnswer;
+    return kExitNoAnswer;
   }
-  return true;
 }
 
 }  // namespace kestrix::client

@@ -10,13 +10,30 @@
 #ifndef KESTRIX_CLIENT_KXADMIN_H_
 #define KESTRIX_CLIENT_KXADMIN_H_
 
+#include <string>
+
+namespace CLI {
+class App;
+}
+
 namespace kestrix::client {
 
-// True when the command line is an admin command (its first word that is
-// not an option is "admin"); *exitStatus is then the command's status:
-// 0 done, 1 usage, 2 no answer from the socket, 3 an error answer or
-// nothing revoked.
-bool RunAdminCommand(int argc, char** argv, int* exitStatus);
+// The command "admin" with its commands leases, revoke and stats, added to
+// a command line.
+class AdminCommands {
+ public:
+  explicit AdminCommands(CLI::App& app);
+  // True when the command line named admin.
+  bool given() const;
+  // Runs the admin command given; its exit status: 0 done, 1 usage, 2 no
+  // answer from the socket, 3 an error answer or nothing revoked.
+  int Run();
+
+ private:
+  CLI::App* admin_;
+  bool json_ = false;
+  std::string socket_, key_, client_, path_;
+};
 
 }  // namespace kestrix::client
 

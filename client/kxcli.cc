@@ -18,11 +18,11 @@
 #include <cstring>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "client/kxadmin.h"
+#include "client/kxcmdline.h"
 #include "client/kxoutput.h"
 #include "client/kxsession.h"
 #include "client/kxdirect.h"
@@ -35,7 +35,6 @@ namespace {
 using namespace kestrix::client;
 
 constexpr int kExitOk = 0;
-constexpr int kExitUsage = 1;
 constexpr int kExitNoReply = 2;
 constexpr int kExitErrorResult = 3;
 constexpr int kExitLocal = 4;
@@ -44,128 +43,6 @@ constexpr int64_t kProgressFrom = 4 << 20;  // show progress for transfers above
 // being filled while others are drained: the memory of a transfer.
 constexpr size_t kBuffers = 4;
 constexpr size_t kBufferBytes = 8 << 20;
-
-const char kUsage[] =
-    "usage: kestrix-cli [options] COMMAND ARGS... [options]\n"
-    "commands:\n"
-    "  read SHARE PATH [--disk DEV]... [-o FILE]\n"
-    "                            the file's bytes, read straight from the disk\n"
-    "  write SHARE PATH [--disk DEV]... [-i FILE] [--names DIR]\n"
-    "                            replace the file's contents, written straight to the disk\n"
-    "  getvolume SHARE_OR_PATH   volume behind a share name or absolute path\n"
-    "  getvolume-cookie HEX      volume named by its cookie (up to 32 bytes)\n"
-    "  open SHARE PATH [--write] [--size N] [--alloc N] [--lease MS] [--unlocked]\n"
-    "                            open a file: its lease key, cookies and map\n"
-    "  map KEY [START [LENGTH]] [--lease MS]\n"
-    "                            map of a range (LENGTH 0: to the end); renews the lease\n"
-    "  setsize KEY SIZE [--lease MS]\n"
-    "                            new file size; renews the lease\n"
-    "  close KEY [--size N]      give the lease up, optionally with a final size\n"
-    "  raw CODE [LENGTH]         header-only request; prints the reply header\n"
-    "  log LEVEL [DESTINATION]   LOG string command: log level and destination\n"
-    "                            (SCREEN, SYSTEM or a file; none: system log)\n"
-    "  cmd TEXT                  any string command, sent as TEXT\n"
-    "  admin leases|revoke|stats leases, revocation and counters over the admin socket\n"
-    "                            (kestrix-cli admin for its usage)\n"
-    "options:\n"
-    "  -h, --host HOST           daemon host (default 127.0.0.1)\n"
-    "  -p, --port PORT           UDP port (default $KESTRIX_PORT or 5501)\n"
-    "  -t, --timeout MS          wait per attempt (default 2000)\n"
-    "  -r, --retries N           attempts after a time-out (default 2)\n"
-    "  --json                    one JSON document per reply\n"
-    "  --swapped                 send requests in the other byte order\n"
-    "  --disk PATH               device or image file to look for the volume's disk\n"
-    "                            (repeatable; default: the machine's block devices)\n"
-    "  -o, --output FILE         read: write the data there instead of standard output\n"
-    "  -i, --input FILE          write: take the data from there instead of standard input\n"
-    "  --names DIR               write: the share as mounted here; a missing file is\n"
-    "                            created there first\n"
-    "exit status: 0 done, 1 usage, 2 no reply, 3 error result, 4 local failure (disk, file)\n";
-
-// Options that take a value, by every name they go by.
-const std::map<std::string, std::string> kValued = {
-    {"-h", "host"},    {"--host", "host"},       {"-p", "port"},     {"--port", "port"},
-    {"-t", "timeout"}, {"--timeout", "timeout"}, {"-r", "retries"},  {"--retries", "retries"},
-    {"--disk", "disk"}, {"-o", "output"},        {"--output", "output"}, {"-i", "input"},
-    {"--input", "input"}, {"--names", "names"}, {"--size", "size"},    {"--alloc", "alloc"}, {"--lease", "lease"}};
-const std::map<std::string, std::string> kSwitches = {
-    {"--json", "json"}, {"--swapped", "swapped"}, {"--write", "write"},
-    {"--unlocked", "unlocked"}, {"--help", "help"}};
-
-// Which command-specific options each command takes.
-const std::map<std::string, std::set<std::string>> kCommandOptions = {
-    {"read", {"disk", "output"}},
-    {"write", {"disk", "input", "names"}},
-    {"open", {"write", "size", "alloc", "lease", "unlocked"}},
-    {"map", {"lease"}},
-    {"setsize", {"lease"}},
-    {"close", {"size"}}};
-const std::set<std::string> kGeneral = {"host", "port", "timeout", "retries", "json", "swapped", "help"};
-
-struct Args {
-  std::vector<std::string> words;
-  std::multimap<std::string, std::string> options;
-  bool Has(const std::string& name) const { return options.count(name) != 0; }
-  std::string Get(const std::string& name) const {
-    auto range = options.equal_range(name);
-    return range.first == range.second ? "" : std::prev(range.second)->second;  // last wins
-  }
-};
-
-int UsageError(const std::string& why) {
-  if (!why.empty()) std::fprintf(stderr, "kestrix-cli: %s\n", why.c_str());
-  std::fputs(kUsage, stderr);
-  return kExitUsage;
-}
-
-bool LooksNumeric(const std::string& s) {
-  return s.size() >= 2 && s[0] == '-' && (std::isdigit(static_cast<unsigned char>(s[1])) != 0);
-}
-
-// Splits the command line into words and options; nothing with *why on error.
-std::optional<Args> Split(int argc, char** argv, std::string* why) {
-  Args a;
-  bool optionsEnd = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (optionsEnd || arg.size() < 2 || arg[0] != '-' || LooksNumeric(arg)) {
-      a.words.push_back(arg);
-      continue;
-    }
-    if (arg == "--") {
-      optionsEnd = true;
-      continue;
-    }
-    std::optional<std::string> inlineValue;
-    if (size_t eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-      inlineValue = arg.substr(eq + 1);
-      arg = arg.substr(0, eq);
-    }
-    if (auto s = kSwitches.find(arg); s != kSwitches.end() && !inlineValue) {
-      a.options.emplace(s->second, "");
-    } else if (auto v = kValued.find(arg); v != kValued.end()) {
-      if (!inlineValue && i + 1 == argc) {
-        *why = arg + " needs a value";
-        return std::nullopt;
-      }
-      a.options.emplace(v->second, inlineValue ? *inlineValue : argv[++i]);
-    } else {
-      *why = "unknown option '" + arg + "'";
-      return std::nullopt;
-    }
-  }
-  return a;
-}
-
-// A whole decimal (or 0x hex) number within [low, high].
-std::optional<long long> Number(const std::string& text, long long low, long long high) {
-  if (text.empty()) return std::nullopt;
-  char* end = nullptr;
-  errno = 0;
-  long long value = std::strtoll(text.c_str(), &end, 0);
-  if (errno != 0 || *end != '\0' || value < low || value > high) return std::nullopt;
-  return value;
-}
 
 // The first failure of a transfer's threads, for its message.
 class Why {
@@ -187,55 +64,98 @@ class Why {
 
 class Cli {
  public:
-  explicit Cli(Args args) : args_(std::move(args)), json_(args_.Has("json")) {}
+  // Adds the commands, their arguments and options to app.
+  explicit Cli(CLI::App& app) : app_(app) {
+    daemon_.port = DefaultPort();
+    app.add_option("-h,--host", daemon_.host, "daemon host (default 127.0.0.1)")->type_name("HOST");
+    app.add_option("-p,--port", daemon_.port, "UDP port (default $KESTRIX_PORT or 5501)")
+        ->type_name("PORT")->check(Within(1, 65535));
+    app.add_option("-t,--timeout", daemon_.timeoutMs, "wait per attempt (default 2000)")
+        ->type_name("MS")->check(Within(0, 3600000));
+    app.add_option("-r,--retries", daemon_.retries, "attempts after a time-out (default 2)")
+        ->type_name("N")->check(Within(0, 100));
+    app.add_flag("--json", json_, "one JSON document per reply");
+    app.add_flag("--swapped", daemon_.swapped, "send requests in the other byte order");
+    app.footer("Options may stand before or after the command words.\n"
+               "exit status: 0 done, 1 usage, 2 no reply, 3 error result, 4 local failure (disk, file)");
 
-  int Run() {
-    if (args_.Has("help")) {
-      std::fputs(kUsage, stdout);
-      return kExitOk;
-    }
-    if (args_.words.empty()) return UsageError("");
-    const std::string& command = args_.words[0];
-    auto allowed = kCommandOptions.find(command);
-    for (const auto& [name, value] : args_.options) {
-      if (kGeneral.count(name) == 0 &&
-          (allowed == kCommandOptions.end() || allowed->second.count(name) == 0))
-        return UsageError("'" + command + "' takes no --" + name + " option");
-    }
-    ClientOptions o;
-    o.port = DefaultPort();
-    o.swapped = args_.Has("swapped");
-    if (args_.Has("host")) o.host = args_.Get("host");
-    std::optional<long long> n;
-    if (args_.Has("port") && !(n = Number(args_.Get("port"), 1, 65535)))
-      return UsageError("bad port '" + args_.Get("port") + "'");
-    if (n) o.port = static_cast<uint16_t>(*n);
-    if (args_.Has("timeout") && !(n = Number(args_.Get("timeout"), 0, 3600000)))
-      return UsageError("bad timeout '" + args_.Get("timeout") + "'");
-    if (args_.Has("timeout")) o.timeoutMs = static_cast<int>(*n);
-    if (args_.Has("retries") && !(n = Number(args_.Get("retries"), 0, 100)))
-      return UsageError("bad retries '" + args_.Get("retries") + "'");
-    if (args_.Has("retries")) o.retries = static_cast<int>(*n);
-    client_options_ = o;
-
-    const size_t words = args_.words.size();
-    if (command == "read" && words == 3) return Read();
-    if (command == "write" && words == 3) return Write();
-    if (command == "getvolume" && words == 2) return GetVolume();
-    if (command == "getvolume-cookie" && words == 2) return GetVolumeByCookie();
-    if (command == "open" && words == 3) return Open();
-    if ((command == "map" && words >= 2 && words <= 4) ||
-        ((command == "setsize") && words == 3) || (command == "close" && words == 2))
-      return Lease();
-    if (command == "raw" && (words == 2 || words == 3)) return Raw();
-    if (command == "log" && (words == 2 || words == 3)) return Log();
-    if (command == "cmd" && words == 2) return StringCommand(args_.words[1]);
-    return UsageError("");
+    CLI::App* c = Command("read", "the file's bytes, read straight from the disk", [this] { return Read(); });
+    SharePath(c);
+    Disks(c);
+    c->add_option("-o,--output", output_, "write the data there instead of standard output")->type_name("FILE");
+    c = Command("write", "replace the file's contents, written straight to the disk", [this] { return Write(); });
+    SharePath(c);
+    Disks(c);
+    c->add_option("-i,--input", input_, "take the data from there instead of standard input")->type_name("FILE");
+    c->add_option("--names", names_, "the share as mounted here; a missing file is created there first")
+        ->type_name("DIR");
+    c = Command("getvolume", "volume behind a share name or absolute path", [this] { return GetVolume(); });
+    Arg(c, "SHARE_OR_PATH", share_, "a share's name, or an absolute path on the daemon")->required();
+    c = Command("getvolume-cookie", "volume named by its cookie (up to 32 bytes)",
+                [this] { return GetVolumeByCookie(); });
+    Arg(c, "HEX", text_, "the volume cookie in hex, zero-filled to 32 bytes")->required();
+    c = Command("open", "open a file: its lease key, cookies and map", [this] { return Open(); });
+    SharePath(c);
+    c->add_flag("--write", [this](int64_t) { open_.intention = 0; }, "for writing (default: reading)");
+    Size(c, &open_.fileSize, "the new file size");
+    c->add_option("--alloc", open_.allocSize, "the new allocation size")->type_name("N")->check(Within(-1, INT64_MAX));
+    Lease(c);
+    c->add_flag("--unlocked", [this](int64_t) { open_.flag |= FS_M_FLAG_UNLOCKED; }, "the map without a lease");
+    c = Command("map", "map of a range (LENGTH 0: to the end); renews the lease", [this] { return Map(); });
+    Key(c);
+    Arg(c, "START", start_, "the first byte (default 0)")->check(Within(-1, INT64_MAX));
+    Arg(c, "LENGTH", length_, "bytes to map (default 0: to the end)")->check(Within(-1, INT64_MAX));
+    Lease(c);
+    c = Command("setsize", "new file size; renews the lease", [this] { return SetSize(); });
+    Key(c);
+    Arg(c, "SIZE", size_, "the new file size")->required()->check(Within(-1, INT64_MAX));
+    Lease(c);
+    c = Command("close", "give the lease up, optionally with a final size", [this] { return Close(); });
+    Key(c);
+    Size(c, &size_, "the final file size");
+    c = Command("raw", "header-only request; prints the reply header", [this] { return Raw(); });
+    Arg(c, "CODE", code_, "the function code")->required()->check(Within(INT32_MIN, INT32_MAX, "code"));
+    Arg(c, "LENGTH", rawLength_, "the header's length field (default 48)")->check(Within(0, UINT32_MAX, "length"));
+    c = Command("log", "LOG string command: log level and destination", [this] { return Log(); });
+    Arg(c, "LEVEL", text_, "the log level")->required();
+    Arg(c, "DESTINATION", destination_, "SCREEN, SYSTEM or a file (none: the system log)");
+    c = Command("cmd", "any string command, sent as TEXT", [this] { return StringCommand(text_); });
+    Arg(c, "TEXT", text_, "the command's text")->required();
   }
 
+  // The exit status of the command given.
+  int Run() { return commands_.at(&GivenCommand(app_))(); }
+
  private:
+  CLI::App* Command(const char* name, const char* what, std::function<int()> run) {
+    CLI::App* c = app_.add_subcommand(name, what)->fallthrough()->group("Commands");
+    c->footer("General options (-h, -p, -t, -r, --json, --swapped): kestrix-cli --help");
+    commands_[c] = std::move(run);
+    return c;
+  }
+  template <typename T>
+  static CLI::Option* Arg(CLI::App* c, const char* name, T& value, const char* what = "") {
+    return c->add_option(name, value, what)->type_name("");
+  }
+  void Key(CLI::App* c) { Arg(c, "KEY", key_, "the lease key")->required()->check(Within(0, UINT32_MAX, "key")); }
+  void Size(CLI::App* c, int64_t* size, const char* what) {
+    c->add_option("--size", *size, what)->type_name("N")->check(Within(-1, INT64_MAX));
+  }
+  void SharePath(CLI::App* c) {
+    Arg(c, "SHARE", share_, "the share's name")->required();
+    Arg(c, "PATH", path_, "the file's path in the share")->required();
+  }
+  void Lease(CLI::App* c) {
+    c->add_option("--lease", open_.lease, "the lease to ask for")->type_name("MS")->check(Within(0, UINT32_MAX));
+  }
+  void Disks(CLI::App* c) {
+    c->add_option("--disk", disks_, "device or image file to look for the volume's disk on\n"
+                                    "(repeatable; default: the machine's block devices)")
+        ->type_name("DEV")->allow_extra_args(false)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  }
+
   Client& client() {
-    if (!client_) client_ = std::make_unique<Client>(client_options_);
+    if (!client_) client_ = std::make_unique<Client>(daemon_);
     return *client_;
   }
 
@@ -267,15 +187,15 @@ class Cli {
   }
 
   int GetVolume() {
-    std::optional<GetVolumeInfo> v = client().GetVolume(args_.words[1]);
+    std::optional<GetVolumeInfo> v = client().GetVolume(share_);
     if (!v) return NoAnswer();
     Print(VolumeDoc(*v));
     return ExitFor(v->result);
   }
 
   int GetVolumeByCookie() {
-    std::optional<Bytes> cookie = ParseHex(args_.words[1], FS_COOKIE_SIZE);
-    if (!cookie) return UsageError("bad cookie '" + args_.words[1] + "' (hex, at most 32 bytes)");
+    std::optional<Bytes> cookie = ParseHex(text_, FS_COOKIE_SIZE);
+    if (!cookie) return UsageError(app_, "bad cookie '" + text_ + "' (hex, at most 32 bytes)");
     cookie->resize(FS_COOKIE_SIZE, 0);
     std::optional<GetVolumeInfo> v = client().GetVolumeByCookie(cookie->data());
     if (!v) return NoAnswer();
@@ -284,63 +204,31 @@ class Cli {
   }
 
   int Open() {
-    OpenOptions o;
-    std::optional<long long> n;
-    if (args_.Has("write")) o.intention = 0;
-    if (args_.Has("unlocked")) o.flag |= FS_M_FLAG_UNLOCKED;
-    if (args_.Has("size") && !(n = Number(args_.Get("size"), -1, INT64_MAX)))
-      return UsageError("bad --size '" + args_.Get("size") + "'");
-    if (args_.Has("size")) o.fileSize = *n;
-    if (args_.Has("alloc") && !(n = Number(args_.Get("alloc"), -1, INT64_MAX)))
-      return UsageError("bad --alloc '" + args_.Get("alloc") + "'");
-    if (args_.Has("alloc")) o.allocSize = *n;
-    if (args_.Has("lease") && !(n = Number(args_.Get("lease"), 0, UINT32_MAX)))
-      return UsageError("bad --lease '" + args_.Get("lease") + "'");
-    if (args_.Has("lease")) o.lease = static_cast<uint32_t>(*n);
-    std::optional<MapReply> m = client().Open(args_.words[1], args_.words[2], o);
+    std::optional<MapReply> m = client().Open(share_, path_, open_);
     if (!m) return NoAnswer();
     Print(MapDoc(*m));
     return ExitFor(m->result);
   }
 
-  // map, setsize and close: a lease key and numbers.
-  int Lease() {
-    const std::string& command = args_.words[0];
-    std::optional<long long> key = Number(args_.words[1], 0, UINT32_MAX);
-    if (!key) return UsageError("bad key '" + args_.words[1] + "'");
-    std::vector<long long> numbers;
-    for (size_t i = 2; i < args_.words.size(); ++i) {
-      std::optional<long long> n = Number(args_.words[i], -1, INT64_MAX);
-      if (!n) return UsageError("bad number '" + args_.words[i] + "'");
-      numbers.push_back(*n);
-    }
-    std::optional<long long> lease = args_.Has("lease") ? Number(args_.Get("lease"), 0, UINT32_MAX) : 0;
-    std::optional<long long> size = args_.Has("size") ? Number(args_.Get("size"), -1, INT64_MAX) : -1;
-    if (!lease || !size) return UsageError("bad --lease or --size");
-    const auto k = static_cast<uint32_t>(*key);
-    if (command == "map") {
-      std::optional<MapReply> m = client().ExtendedMap(k, numbers.size() > 0 ? numbers[0] : 0,
-                                                       numbers.size() > 1 ? numbers[1] : 0,
-                                                       static_cast<uint32_t>(*lease));
-      if (!m) return NoAnswer();
-      Print(MapDoc(*m));
-      return ExitFor(m->result);
-    }
-    std::optional<StatusReply> s = command == "setsize"
-                                       ? client().SetSize(k, numbers[0], static_cast<uint32_t>(*lease))
-                                       : client().Close(k, *size);
+  int Map() {
+    std::optional<MapReply> m = client().ExtendedMap(key_, start_, length_, open_.lease);
+    if (!m) return NoAnswer();
+    Print(MapDoc(*m));
+    return ExitFor(m->result);
+  }
+
+  int SetSize() { return Status(client().SetSize(key_, size_, open_.lease)); }
+  int Close() { return Status(client().Close(key_, size_)); }
+
+  int Status(const std::optional<StatusReply>& s) {
     if (!s) return NoAnswer();
     Print(StatusDoc(*s));
     return ExitFor(s->result);
   }
 
   int Raw() {
-    std::optional<long long> code = Number(args_.words[1], INT32_MIN, INT32_MAX);
-    std::optional<long long> length =
-        args_.words.size() == 3 ? Number(args_.words[2], 0, UINT32_MAX) : LAN_HEADER_SIZE;
-    if (!code || !length) return UsageError("raw needs a numeric CODE and LENGTH");
-    Bytes request = MakeRequest(static_cast<int32_t>(*code), LAN_HEADER_SIZE);
-    HeaderOf(request)->length = static_cast<uint32_t>(*length);
+    Bytes request = MakeRequest(code_, LAN_HEADER_SIZE);
+    HeaderOf(request)->length = rawLength_;
     std::optional<Bytes> reply = client().Call(request);
     if (!reply) return NoAnswer();
     std::optional<ReplyHeader> h = ParseHeader(*reply);
@@ -353,13 +241,10 @@ class Cli {
   // "log LEVEL [DESTINATION]": the pieces joined by '|', so that a
   // destination may hold blanks.
   int Log() {
-    std::string text = "LOG";
-    for (size_t i = 1; i < args_.words.size(); ++i) {
-      if (args_.words[i].find('|') != std::string::npos)
-        return UsageError("LEVEL and DESTINATION cannot hold '|'");
-      text += "|" + args_.words[i];
-    }
-    return StringCommand(text);
+    if ((text_ + destination_).find('|') != std::string::npos)
+      return UsageError(app_, "LEVEL and DESTINATION cannot hold '|'");
+    const bool destination = app_.get_subcommand("log")->count("DESTINATION") > 0;
+    return StringCommand("LOG|" + text_ + (destination ? "|" + destination_ : ""));
   }
 
   int StringCommand(const std::string& text) {
@@ -371,10 +256,9 @@ class Cli {
 
   FileOptions Transfer(const char* verb, bool write, int64_t total) {
     FileOptions t;
-    t.daemon = client_options_;
+    t.daemon = daemon_;
     t.write = write;
-    for (auto [it, end] = args_.options.equal_range("disk"); it != end; ++it)
-      t.disks.push_back(it->second);
+    t.disks = disks_;
     if (isatty(STDERR_FILENO)) {
       t.progress = [verb, total, last = std::chrono::steady_clock::time_point{}](int64_t done) mutable {
         auto now = std::chrono::steady_clock::now();
@@ -407,7 +291,7 @@ class Cli {
   }
 
   int Read() {
-    const std::string output = args_.Get("output");
+    const std::string& output = output_;
     int fd = STDOUT_FILENO;
     if (!output.empty() && (fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) < 0)
       return Failure(kExitLocal, "cannot create " + output + ": " + std::strerror(errno));
@@ -426,7 +310,7 @@ class Cli {
   int ReadInto(int fd, FILE* summaryTo) {
     OpenFailure f;
     std::unique_ptr<RemoteFile> file =
-        RemoteFile::Open(args_.words[1], args_.words[2], Transfer("read", false, -1), &f);
+        RemoteFile::Open(share_, path_, Transfer("read", false, -1), &f);
     if (!file) return OpenFailed(f, summaryTo);
     const int64_t size = file->Size();
     int64_t out = 0;
@@ -460,11 +344,11 @@ class Cli {
   // The remote file for writing; a missing one is created under --names
   // DIR when given (the share as mounted on this machine).
   std::unique_ptr<RemoteFile> OpenForWrite(const FileOptions& o, OpenFailure* f) {
-    const std::string& share = args_.words[1];
-    const std::string& path = args_.words[2];
+    const std::string& share = share_;
+    const std::string& path = path_;
     std::unique_ptr<RemoteFile> file = RemoteFile::Open(share, path, o, f);
     if (file || f->errnum != ENOENT || f->result != SP_RESULT_FILE_NOT_FOUND) return file;
-    const std::string names = args_.Get("names");
+    const std::string& names = names_;
     if (names.empty()) {
       f->error = path + " does not exist on share " + share +
                  "; a file is first created through the share (where it is mounted; "
@@ -491,7 +375,7 @@ class Cli {
   }
 
   int Write() {
-    const std::string input = args_.Get("input");
+    const std::string& input = input_;
     int fd = input.empty() ? STDIN_FILENO : open(input.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return Failure(kExitLocal, "cannot open " + input + ": " + std::strerror(errno));
     struct stat st;
@@ -543,18 +427,30 @@ class Cli {
     return kExitOk;
   }
 
-  Args args_;
-  bool json_;
-  ClientOptions client_options_;
+  CLI::App& app_;
+  std::map<const CLI::App*, std::function<int()>> commands_;  // what each command runs
+  // The command line's values; each command reads those it takes.
+  ClientOptions daemon_;
+  bool json_ = false;
+  std::string share_, path_, text_, destination_, output_, input_, names_;
+  std::vector<std::string> disks_;
+  OpenOptions open_;  // open, and the lease of map and setsize
+  uint32_t key_ = 0, rawLength_ = LAN_HEADER_SIZE;
+  int32_t code_ = 0;
+  int64_t start_ = 0, length_ = 0, size_ = -1;
   std::unique_ptr<Client> client_;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (int status; RunAdminCommand(argc, argv, &status)) return status;
-  std::string why;
-  std::optional<Args> args = Split(argc, argv, &why);
-  if (!args) return UsageError(why);
-  return Cli(std::move(*args)).Run();
+  CLI::App app("Talks to a running kestrixd: requests and their replies, and file data moved\n"
+               "straight between this machine and the shared disk.",
+               "kestrix-cli");
+  SetUpCommandLine(app);
+  app.require_subcommand(1);
+  Cli cli(app);
+  AdminCommands admin(app);
+  if (std::optional<int> status = ParseCommandLine(app, argc, argv)) return *status;
+  return admin.given() ? admin.Run() : cli.Run();
 }

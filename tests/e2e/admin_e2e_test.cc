@@ -213,6 +213,13 @@ TEST_F(AdminE2E, CommandLineMistakesAreRefusedBeforeAsking) {
     EXPECT_EQ(r.exitStatus, 1) << why;
     EXPECT_NE(r.standardError.find(why), std::string::npos) << r.standardError;
   }
+  // Options before the command words, and help per command.
+  const RunResult before =
+      RunToExit(KESTRIX_CLI, {"--json", "--socket", socket_, "admin", "--path", "/x", "revoke"}, {});
+  EXPECT_EQ(before.exitStatus, 2) << before.standardError;  // asked, but no daemon
+  const RunResult help = RunToExit(KESTRIX_CLI, {"admin", "revoke", "--help"}, {});
+  EXPECT_EQ(help.exitStatus, 0);
+  EXPECT_NE(help.standardOutput.find("--client ADDR"), std::string::npos) << help.standardOutput;
 }
 
 // A TCP port on 127.0.0.1 that was free a moment ago.

@@ -94,6 +94,29 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
   close(silent);
   EXPECT_EQ(Cli({"getvolume"}).first, 1);
   EXPECT_EQ(Cli({"open", "data", "f", "--disk", "/dev/null"}).first, 1);
+
+  // Help per command on standard output; a mistake named on standard error
+  // above the usage of the command it concerns; a command's name as an
+  // argument is an argument.
+  struct Row {
+    std::vector<std::string> args;
+    int status;
+    std::string out, err;
+  };
+  const std::string port = std::to_string(daemon_.port());
+  for (const Row& row : {Row{{"map", "--help"}, 0, "Usage: kestrix-cli map [OPTIONS] KEY [START] [LENGTH]", ""},
+                         Row{{"--help"}, 0, "  getvolume SHARE_OR_PATH ", ""},
+                         Row{{"--port", "0", "getvolume", "data"}, 1, "", "bad number '0'"},
+                         Row{{"--size", "x", "close", "1"}, 1, "", "Usage: kestrix-cli close"},
+                         Row{{"open", "data", "f", "--disk", "/dev/null"}, 1, "", "'open' takes no --disk option"},
+                         Row{{"getvolume", "a", "b"}, 1, "", "unexpected argument 'b'"},
+                         Row{{"frobnicate"}, 1, "", "unknown command frobnicate"},
+                         Row{{"-p", port, "getvolume", "open"}, 3, "", ""}}) {
+    RunResult r = RunToExit(KESTRIX_CLI, row.args, {});
+    EXPECT_EQ(r.exitStatus, row.status) << row.args[0] << r.standardError;
+    if (!row.out.empty()) EXPECT_NE(r.standardOutput.find(row.out), std::string::npos) << r.standardOutput;
+    if (!row.err.empty()) EXPECT_NE(r.standardError.find(row.err), std::string::npos) << r.standardError;
+  }
 }
 
 // Through a relay that forwards datagrams both ways but loses the first reply.
