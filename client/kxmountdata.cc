@@ -1,0 +1,303 @@
+// The data road of kestrix-mount: open, create, read, write, truncate,
+// flush, fsync and release, all through one RemoteFile per open file on
+// this host, shared by every handle on it. A file open for reading that is
+// opened again for writing gets a write lease first, then gives the read
+// lease back. Handles use direct I/O, so the kernel keeps no page cache of
+// file data and every read and write reaches the disk through the lease.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+#include "client/kxmount.h"
+
+namespace kestrix::client {
+
+int DataError(OpenFile& file, const char* what, int64_t offset, ssize_t result) {
+  const int err = result < 0 && result > -4096 ? static_cast<int>(-result) : EIO;
+  std::string text;
+  {
+    std::shared_lock s(file.swap);
+    text = file.remote->error();
+  }
+  MountLog(false, "%s %s at byte %lld: %s (%s)", what, file.path.c_str(), static_cast<long long>(offset),
+           text.c_str(), strerror(err));
+  return err;
+}
+
+std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
+  std::lock_guard o(inode.openLock);
+  std::shared_ptr<OpenFile> file = inode.Open();
+  if (file && (file->write || !write)) {
+    ++file->handles;
+    return file;
+  }
+  const std::string path = SharePath(inode);
+  if (path.empty()) {
+    *err = ENOENT;  // unlinked meanwhile: the daemon cannot name it
+    return nullptr;
+  }
+  FileOptions options = config_.file;
+  options.write = write;
+  std::string error;
+  int errnum = EIO;
+  std::unique_ptr<RemoteFile> remote = RemoteFile::Open(config_.share, path, options, &error, &errnum);
+  if (!remote) {
+    MountLog(false, "open %s%s: %s", path.c_str(), write ? " for writing" : "", error.c_str());
+    *err = errnum > 0 ? errnum : EIO;
+    return nullptr;
+  }
+  MountLog(true, "opened %s for %s, size %lld", path.c_str(), write ? "writing" : "reading",
+           static_cast<long long>(remote->Size()));
+  if (file) {
+    // The read lease stays until the write lease is held, so the file is
+    // never without one while its handles read.
+    std::unique_ptr<RemoteFile> old;
+    {
+      std::unique_lock s(file->swap);
+      old = std::exchange(file->remote, std::move(remote));
+      file->write = true;
+      file->path = path;
+    }
+    if (old->Close() != 0) MountLog(false, "closing the read lease of %s: %s", path.c_str(), old->error().c_str());
+  } else {
+    file = std::make_shared<OpenFile>();
+    file->remote = std::move(remote);
+    file->write = write;
+    file->path = path;
+    std::lock_guard l(inode.fileLock);
+    inode.file = file;
+  }
+  ++file->handles;
+  return file;
+}
+
+int Mount::Sync(Inode& inode, OpenFile& file) {
+  if (!file.write) return 0;
+  int result;
+  {
+    std::shared_lock s(file.swap);
+    result = file.remote->Sync();
+  }
+  if (result != 0) return DataError(file, "syncing", 0, result);
+  // The bytes changed on the disk only: the modification time is set
+  // through the names, as a local write would have set it.
+  if (file.dirty.exchange(false)) {
+    const struct timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};
+    utimensat(AT_FDCWD, ProcPath(inode).c_str(), times, 0);
+  }
+  return 0;
+}
+
+int Mount::Release(Inode& inode) {
+  std::lock_guard o(inode.openLock);
+  std::shared_ptr<OpenFile> file = inode.Open();
+  if (!file || --file->handles > 0) return 0;
+  int err = file->dirty ? Sync(inode, *file) : 0;
+  {
+    std::lock_guard l(inode.fileLock);
+    inode.file.reset();
+  }
+  std::unique_lock s(file->swap);
+  const int closed = file->remote->Close();
+  const FileStats st = file->remote->stats();
+  if (closed != 0) {
+    MountLog(false, "closing %s: %s", file->path.c_str(), file->remote->error().c_str());
+    if (!err) err = closed < 0 ? -closed : EIO;
+  }
+  MountLog(true, "closed %s: size %lld, %lld bytes on the disk, %d renewals, %d reopens", file->path.c_str(),
+           static_cast<long long>(file->remote->Size()), static_cast<long long>(st.dataBytes), st.renewals,
+           st.reopens);
+  return err;
+}
+
+int Mount::Truncate(Inode& inode, int64_t size) {
+  int err = 0;
+  std::shared_ptr<OpenFile> file = Acquire(inode, true, &err);
+  if (!file) return err;
+  int result;
+  {
+    std::shared_lock s(file->swap);
+    result = file->remote->Truncate(size);
+  }
+  if (result != 0) err = DataError(*file, "setting the size of", size, result);
+  else file->dirty = true;
+  const int released = Release(inode);
+  return err ? err : released;
+}
+
+int Mount::CloseAll() {
+  int closed = 0;
+  std::lock_guard l(tableLock_);
+  for (auto& [key, inode] : table_) {
+    {
+      std::lock_guard o(inode->openLock);
+      std::shared_ptr<OpenFile> file = inode->Open();
+      if (!file) continue;
+      file->handles = 1;  // whatever the kernel still holds: this is the last
+    }
+    Release(*inode);
+    ++closed;
+  }
+  return closed;
+}
+
+namespace {
+
+Handle& HandleOf(fuse_file_info* fi) { return *reinterpret_cast<Handle*>(static_cast<uintptr_t>(fi->fh)); }
+
+// A handle on inode for the open flags, the lease taken or shared.
+int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
+  const bool write = (fi->flags & O_ACCMODE) != O_RDONLY;
+  int err = 0;
+  std::shared_ptr<OpenFile> file = m.Acquire(inode, write, &err);
+  if (!file) return err;
+  if (fi->flags & O_TRUNC) {
+    int result;
+    {
+      std::shared_lock s(file->swap);
+      result = file->remote->Truncate(0);
+    }
+    if (result != 0) {
+      err = DataError(*file, "emptying", 0, result);
+      m.Release(inode);
+      return err;
+    }
+    file->dirty = true;
+  }
+  fi->fh = reinterpret_cast<uintptr_t>(new Handle{&inode, std::move(file), fi->flags});
+  fi->direct_io = 1;  // no page cache: data only through the lease
+  fi->keep_cache = 0;
+  return 0;
+}
+
+void Open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  Mount& m = MountOf(req);
+  int err = OpenHandle(m, m.Get(ino), fi);
+  if (err) return (void)fuse_reply_err(req, err);
+  if (fuse_reply_open(req, fi) == -ENOENT) {  // the program was interrupted: no release follows
+    m.Release(m.Get(ino));
+    delete &HandleOf(fi);
+  }
+}
+
+// The name is made through the names directory, empty; its data only ever
+// goes through the lease.
+void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* fi) {
+  Mount& m = MountOf(req);
+  const int dirfd = m.Get(parent).fd;
+  int fd = openat(dirfd, name, O_CREAT | O_RDONLY | O_CLOEXEC | (fi->flags & O_EXCL), mode);
+  if (fd < 0) return (void)fuse_reply_err(req, errno);
+  close(fd);
+  const fuse_ctx* c = fuse_req_ctx(req);
+  fuse_entry_param e;
+  int err = fchownat(dirfd, name, c->uid, c->gid, AT_SYMLINK_NOFOLLOW) != 0 ? errno : m.Lookup(parent, name, &e);
+  if (err) return (void)fuse_reply_err(req, err);
+  Inode& inode = m.Get(e.ino);
+  if ((err = OpenHandle(m, inode, fi)) != 0) {
+    m.Forget(e.ino, 1);
+    return (void)fuse_reply_err(req, err);
+  }
+  m.Stat(inode, &e.attr);
+  if (fuse_reply_create(req, &e, fi) == -ENOENT) {
+    m.Release(inode);
+    delete &HandleOf(fi);
+  }
+}
+
+// One buffer per worker thread, aligned for direct I/O and kept for the
+// next request.
+char* ReadBuffer(size_t size) {
+  thread_local std::unique_ptr<char, decltype(&free)> buffer(nullptr, free);
+  thread_local size_t capacity = 0;
+  if (size > capacity) {
+    capacity = (size + 4095) & ~size_t{4095};
+    buffer.reset(static_cast<char*>(aligned_alloc(4096, capacity)));
+    if (!buffer) capacity = 0;
+  }
+  return buffer.get();
+}
+
+void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
+  OpenFile& file = *HandleOf(fi).file;
+  char* buf = ReadBuffer(size);
+  if (!buf) return (void)fuse_reply_err(req, ENOMEM);
+  ssize_t n;
+  {
+    std::shared_lock s(file.swap);
+    n = file.remote->Read(offset, buf, size);
+  }
+  if (n < 0) return (void)fuse_reply_err(req, DataError(file, "reading", offset, n));
+  fuse_reply_buf(req, buf, static_cast<size_t>(n));
+}
+
+void Write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t offset, fuse_file_info* fi) {
+  Handle& h = HandleOf(fi);
+  OpenFile& file = *h.file;
+  ssize_t n;
+  {
+    std::shared_lock s(file.swap);
+    if (h.flags & O_APPEND) {
+      // The kernel's idea of the end may be old; the lease's is not.
+      std::lock_guard a(file.append);
+      offset = file.remote->Size();
+      n = file.remote->Write(offset, buf, size);
+    } else {
+      n = file.remote->Write(offset, buf, size);
+    }
+  }
+  if (n < 0) return (void)fuse_reply_err(req, DataError(file, "writing", offset, n));
+  file.dirty = true;
+  fuse_reply_write(req, static_cast<size_t>(n));
+}
+
+// Every close(2) of a written handle: the data on the disk and the size
+// with the daemon before the program goes on, so the file server shows
+// both as soon as close returns.
+void Flush(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
+  Handle& h = HandleOf(fi);
+  fuse_reply_err(req, h.file->dirty ? MountOf(req).Sync(*h.inode, *h.file) : 0);
+}
+
+void FSync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
+  Handle& h = HandleOf(fi);
+  fuse_reply_err(req, MountOf(req).Sync(*h.inode, *h.file));
+}
+
+void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
+  Handle* h = &HandleOf(fi);
+  int err = MountOf(req).Release(*h->inode);
+  delete h;
+  fuse_reply_err(req, err);
+}
+
+// Mode 0 only: the file grows to cover the range, which then reads as
+// zeros; the daemon allocates as the size asks.
+void Allocate(fuse_req_t req, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info* fi) {
+  if (mode != 0) return (void)fuse_reply_err(req, EOPNOTSUPP);
+  OpenFile& file = *HandleOf(fi).file;
+  int result = 0;
+  {
+    std::shared_lock s(file.swap);
+    if (offset + length > file.remote->Size()) result = file.remote->Truncate(offset + length);
+  }
+  fuse_reply_err(req, result == 0 ? 0 : DataError(file, "allocating", offset + length, result));
+}
+
+}  // namespace
+
+void AddDataOperations(fuse_lowlevel_ops& ops) {
+  ops.open = Open;
+  ops.create = Create;
+  ops.read = Read;
+  ops.write = Write;
+  ops.flush = Flush;
+  ops.fsync = FSync;
+  ops.release = Release;
+  ops.fallocate = Allocate;
+}
+
+}  // namespace kestrix::client
