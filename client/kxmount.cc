@@ -85,6 +85,8 @@ const char kUsage[] =
     "  --disk DEV            device or image to look for the volume's disks\n"
     "                        (repeatable; default: the machine's block devices)\n"
     "  --lease MS            lease to ask for (default: the daemon's)\n"
+    "  --give-up MS          I/O fails (EIO) after the daemon has not confirmed a lease\n"
+    "                        for this long (default 30000)\n"
     "  -o OPT[,OPT...]       FUSE mount options (allow_other, ro, ...)\n"
     "  -f                    stay in the foreground, log to standard error\n"
     "  -d                    FUSE debugging output (implies -f)\n"
@@ -146,6 +148,9 @@ int Parse(int argc, char** argv, Options* o) {
     } else if (a == "--lease") {
       if (!value(&v) || !Number(v, 1, INT_MAX, &n)) return Usage(a + " needs milliseconds");
       o->config.file.leaseMs = static_cast<uint32_t>(n);
+    } else if (a == "--give-up") {
+      if (!value(&v) || !Number(v, 1, INT_MAX, &n)) return Usage(a + " needs milliseconds");
+      o->config.file.giveUpMs = static_cast<int>(n);
     } else if (a == "--disk") {
       if (!value(&v)) return Usage(a + " needs a device or image");
       o->config.file.disks.push_back(v);

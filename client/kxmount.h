@@ -58,6 +58,10 @@ struct Inode {
   std::mutex openLock;   // opening, upgrading and closing of `file`
   std::mutex fileLock;   // short: reading or replacing the pointer
   std::shared_ptr<OpenFile> file;
+  // Unlinked while open here: the hidden name it keeps until its last
+  // release, in the directory of hiddenDir (guarded by openLock).
+  int hiddenDir = -1;
+  std::string hiddenName;
 
   std::shared_ptr<OpenFile> Open() {
     std::lock_guard l(fileLock);
@@ -91,6 +95,11 @@ class Mount {
   void Forget(fuse_ino_t ino, uint64_t n);
   // The file's attributes, with the size an open file has on this host.
   int Stat(Inode& inode, struct stat* st);
+  // Before name in parent goes away (unlink, or a rename over it): when it
+  // is the last name of a file open here, the file is renamed to a hidden
+  // name instead, because the daemon maps no unlinked file. 0 or an errno.
+  int HideIfOpen(fuse_ino_t parent, const char* name, bool* hidden);
+  static bool IsHiddenName(const char* name);
   // "/proc/self/fd/N" of the inode's handle, for calls without an fd form.
   static std::string ProcPath(const Inode& inode);
   // Where the file lies now, relative to the share; "" when it has no name.

@@ -111,6 +111,11 @@ int Mount::Release(Inode& inode) {
   MountLog(true, "closed %s: size %lld, %lld bytes on the disk, %d renewals, %d reopens", file->path.c_str(),
            static_cast<long long>(file->remote->Size()), static_cast<long long>(st.dataBytes), st.renewals,
            st.reopens);
+  if (inode.hiddenDir >= 0) {  // unlinked while open: the lease is gone, now the name
+    unlinkat(inode.hiddenDir, inode.hiddenName.c_str(), 0);
+    close(inode.hiddenDir);
+    inode.hiddenDir = -1;
+  }
   return err;
 }
 

@@ -91,6 +91,31 @@ void Mount::Forget(fuse_ino_t ino, uint64_t n) {
   table_.erase({inode.dev, inode.ino});
 }
 
+bool Mount::IsHiddenName(const char* name) { return strncmp(name, ".kestrix-hidden-", 16) == 0; }
+
+int Mount::HideIfOpen(fuse_ino_t parent, const char* name, bool* hidden) {
+  *hidden = false;
+  const int dirfd = Get(parent).fd;
+  struct stat st;
+  if (fstatat(dirfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : errno;
+  if (!S_ISREG(st.st_mode) || st.st_nlink != 1) return 0;
+  Inode* inode;
+  {
+    std::lock_guard l(tableLock_);
+    auto it = table_.find({st.st_dev, st.st_ino});
+    if (it == table_.end()) return 0;
+    inode = it->second.get();
+  }
+  std::lock_guard o(inode->openLock);
+  if (!inode->Open() || inode->hiddenDir >= 0) return 0;
+  const std::string hiddenName = ".kestrix-hidden-" + std::to_string(st.st_ino);
+  if (renameat(dirfd, name, dirfd, hiddenName.c_str()) != 0) return errno;
+  inode->hiddenDir = fcntl(dirfd, F_DUPFD_CLOEXEC, 0);
+  inode->hiddenName = hiddenName;
+  *hidden = true;
+  return 0;
+}
+
 namespace {
 
 void ReplyEntry(fuse_req_t req, fuse_ino_t parent, const char* name) {
@@ -187,7 +212,10 @@ void Link(fuse_req_t req, fuse_ino_t ino, fuse_ino_t parent, const char* name) {
 }
 
 void Unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
-  fuse_reply_err(req, Errno(unlinkat(MountOf(req).Get(parent).fd, name, 0)));
+  Mount& m = MountOf(req);
+  bool hidden;
+  int err = m.HideIfOpen(parent, name, &hidden);
+  fuse_reply_err(req, err || hidden ? err : Errno(unlinkat(m.Get(parent).fd, name, 0)));
 }
 
 void RemoveDir(fuse_req_t req, fuse_ino_t parent, const char* name) {
@@ -197,7 +225,10 @@ void RemoveDir(fuse_req_t req, fuse_ino_t parent, const char* name) {
 void Rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t newParent, const char* newName,
             unsigned int flags) {
   Mount& m = MountOf(req);
-  fuse_reply_err(req, Errno(renameat2(m.Get(parent).fd, name, m.Get(newParent).fd, newName, flags)));
+  bool hidden = false;
+  int err = flags & (RENAME_NOREPLACE | RENAME_EXCHANGE) ? 0 : m.HideIfOpen(newParent, newName, &hidden);
+  if (!err) err = Errno(renameat2(m.Get(parent).fd, name, m.Get(newParent).fd, newName, flags));
+  fuse_reply_err(req, err);
 }
 
 void StatFs(fuse_req_t req, fuse_ino_t ino) {
@@ -270,6 +301,10 @@ void ReadDir(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_in
     if (!e) {
       if (errno && used == 0) return (void)fuse_reply_err(req, errno);
       break;
+    }
+    if (Mount::IsHiddenName(e->d_name)) {
+      d->offset = telldir(d->dir);
+      continue;
     }
     struct stat st = {};
     st.st_ino = e->d_ino;
