@@ -29,7 +29,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
 
-constexpr int64_t kRenewGapMs = 5000;    // renewals at least this often, to notice a restart
+constexpr int64_t kRenewGapMs = 2000;    // renewals at least this often, to notice a restart
 constexpr int kRetryPauseMs = 200;       // between attempts to confirm or reopen a lease
 constexpr int64_t kMinGrowth = 64 << 20;  // the allocation runs this far ahead at least
 constexpr int64_t kMaxGrowth = int64_t{1} << 30;
@@ -189,7 +189,11 @@ class File final : public RemoteFile {
       const int64_t from = offset + static_cast<int64_t>(done);
       const int64_t to = from + static_cast<int64_t>(std::min(n - done, RoundBytes()));
       std::vector<MapExtent> pieces;
-      if (int e = Pieces(from, to, &pieces); e != 0) return e;
+      if (int e = Pieces(from, to, &pieces); e == -EAGAIN) {
+        continue;  // Alive() is false now: the lease is brought back first
+      } else if (e != 0) {
+        return e;
+      }
       std::vector<Part> parts;
       int64_t zeros = 0;
       for (const MapExtent& p : pieces) {
@@ -205,7 +209,11 @@ class File final : public RemoteFile {
           zeros += p.length;
         }
       }
-      if (int e = Transfer(parts, false); e != 0) return e;
+      if (int e = Transfer(parts, false); e == -EAGAIN) {
+        continue;
+      } else if (e != 0) {
+        return e;
+      }
       done += static_cast<size_t>(to - from);
       Moved(to - from - zeros, zeros);
     }
@@ -228,7 +236,11 @@ class File final : public RemoteFile {
       const int64_t from = offset + static_cast<int64_t>(done);
       const int64_t to = from + static_cast<int64_t>(std::min(n - done, RoundBytes()));
       std::vector<MapExtent> pieces;
-      if (int e = Writable(from, to, &pieces); e != 0) return e;
+      if (int e = Writable(from, to, &pieces); e == -EAGAIN) {
+        continue;
+      } else if (e != 0) {
+        return e;
+      }
       std::vector<Part> parts;
       for (const MapExtent& p : pieces) Split(p, in + (p.logical - offset), &parts);
       if (int e = Transfer(parts, true); e == -EAGAIN) {
@@ -264,8 +276,12 @@ class File final : public RemoteFile {
         sent = client_.sentAt();
       }
       const std::string what = "setting the size of " + path_ + " to " + std::to_string(size);
-      if (!r) return NoAnswer(what);
-      if (r->result != 0) return Refused(what, r->result);
+      int e = 0;
+      if (!r) e = client_.replied() ? NoAnswer(what) : Unanswered(what);
+      else if (LeaseGone(r->result)) e = Gone(what, r->result);
+      else if (r->result != 0) e = Refused(what, r->result);
+      if (e == -EAGAIN) continue;
+      if (e != 0) return e;
       if (r->lease > 0) Confirm(sent, r->lease);
       size_ = size;
       sizeDirty_ = false;
@@ -357,6 +373,28 @@ class File final : public RemoteFile {
   }
   int Refused(const std::string& what, int32_t result) {
     return Fail(-ErrnoOfResult(result), what + ": " + ResultText(result), result);
+  }
+  static bool LeaseGone(int32_t result) {
+    return result == SP_RESULT_KEY_NOT_FOUND || result == SP_RESULT_LEASE_NOT_RENEWED;
+  }
+  // A request of a transfer the daemon did not answer: no byte moves until
+  // the lease is confirmed again (-EAGAIN: the caller brings it back).
+  int Unanswered(const std::string& what) {
+    std::lock_guard<std::mutex> l(leaseMu_);
+    if (state_ == Lease::kHeld) {
+      state_ = Lease::kUnconfirmed;
+      lostWhy_ = what + ": " + client_.error();
+    }
+    return -EAGAIN;
+  }
+  // The daemon no longer knows the lease (restarted, or purged it).
+  int Gone(const std::string& what, int32_t result) {
+    std::lock_guard<std::mutex> l(leaseMu_);
+    if (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed) {
+      state_ = Lease::kLost;
+      lostWhy_ = what + ": " + ResultText(result) + ", the lease is gone";
+    }
+    return -EAGAIN;
   }
 
   void Moved(int64_t data, int64_t zeros) {
@@ -555,7 +593,8 @@ class File final : public RemoteFile {
   // covers what it names. A refused reply fails the transfer.
   int TakeMap(const std::optional<MapReply>& r, Clock::time_point sent, int64_t from, int64_t to,
               const std::string& what, bool clear) {
-    if (!r) return NoAnswer(what);
+    if (!r) return client_.replied() ? NoAnswer(what) : Unanswered(what);
+    if (LeaseGone(r->result)) return Gone(what, r->result);
     if (r->result != 0 && r->result != 1) return Refused(what, r->result);
     if (!r->hasMap) return Fail(-EPROTO, what + ": a reply without a map");
     if (r->map.vendorStatus != 0 && r->map.vendorStatus != 1)
@@ -615,6 +654,7 @@ class File final : public RemoteFile {
   // How far the allocation is asked to reach for a write up to `to`.
   int64_t AllocationTarget(int64_t to) const {
     if (o_.expectedSize >= to) return o_.expectedSize;
+    if (to <= size_.load()) return to;  // a hole inside the file: nothing runs ahead
     const int64_t ahead = std::clamp(size_.load() / 2, kMinGrowth, kMaxGrowth);
     return RoundUp(to + ahead, int64_t{1} << 20);
   }
@@ -646,7 +686,7 @@ class File final : public RemoteFile {
       }
       sizeDirty_ = true;  // the allocation may have moved the daemon's end of file
       const std::string what = "growing the allocation of " + path_ + " to " + std::to_string(want) + " bytes";
-      if (r && r->result != 0 && r->result != 1 && want > to) {
+      if (r && r->result != 0 && r->result != 1 && !LeaseGone(r->result) && want > to) {
         refusedAhead = true;
         continue;
       }

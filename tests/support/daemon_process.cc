@@ -8,12 +8,12 @@
 namespace kestrix::test {
 
 pid_t Spawn(const std::string& program, const std::vector<std::string>& args, const Env& env,
-            const std::string& outPath, const std::string& errPath) {
+            const std::string& outPath, const std::string& errPath, int inFd, int outFd) {
   pid_t pid = fork();
   if (pid != 0) return pid;
   for (const auto& [name, value] : env) setenv(name.c_str(), value.c_str(), 1);
-  dup2(open("/dev/null", O_RDONLY), 0);
-  dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+  dup2(inFd >= 0 ? inFd : open("/dev/null", O_RDONLY), 0);
+  dup2(outFd >= 0 ? outFd : open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
   dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
   std::vector<char*> argv{const_cast<char*>(program.c_str())};
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -47,6 +47,24 @@ RunResult RunToExit(const std::string& program, const std::vector<std::string>& 
   if (result.exitStatus == -2) result.exitStatus = (Kill(pid, SIGKILL), -1);
   result.standardError = ReadFile(dir.File("err"));
   result.standardOutput = ReadFile(dir.File("out"));
+  return result;
+}
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                           const Env& env, int inFd, int outFd)
+    : pid_(Spawn(program, args, env, dir_.File("out"), dir_.File("err"), inFd, outFd)) {}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) Kill(pid_, SIGKILL);
+}
+
+RunResult ChildProcess::Wait(int timeoutMs) {
+  RunResult result;
+  result.exitStatus = WaitFor(pid_, timeoutMs);
+  if (result.exitStatus == -2) result.exitStatus = (Kill(pid_, SIGKILL), -1);
+  pid_ = -1;
+  result.standardError = ReadFile(dir_.File("err"));
+  result.standardOutput = ReadFile(dir_.File("out"));
   return result;
 }
 

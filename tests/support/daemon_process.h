@@ -24,10 +24,10 @@ struct RunResult {
   std::string standardError, standardOutput;
 };
 
-// Forks and execs program with env added, reading /dev/null and writing its
-// standard output and error to the files named.
+// Forks and execs program with env added, reading /dev/null (or inFd) and
+// writing its standard output (unless to outFd) and error to the files named.
 pid_t Spawn(const std::string& program, const std::vector<std::string>& args, const Env& env,
-            const std::string& outPath, const std::string& errPath);
+            const std::string& outPath, const std::string& errPath, int inFd = -1, int outFd = -1);
 // Waits for pid; its exit status, -1 for a signal, -2 on time-out.
 int WaitFor(pid_t pid, int timeoutMs);
 // Stops pid with signal, and with SIGKILL if it is still there after 2 s.
@@ -36,6 +36,22 @@ void Kill(pid_t pid, int signal);
 // Runs a program to its end with the given environment additions.
 RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
                     int timeoutMs = 20000);
+
+// A program running beside the test, its standard input (and output, when
+// outFd >= 0) on the test's descriptors; killed by its PID if still running
+// when the object goes.
+class ChildProcess {
+ public:
+  ChildProcess(const std::string& program, const std::vector<std::string>& args, const Env& env,
+               int inFd, int outFd = -1);
+  ~ChildProcess();
+  // Waits for the exit (killing it after timeoutMs); stdout unless outFd was given.
+  RunResult Wait(int timeoutMs = 60000);
+
+ private:
+  TempDir dir_;
+  pid_t pid_;
+};
 
 class DaemonProcess {
  public:

@@ -28,8 +28,8 @@ std::string FindProgram(const std::string& name);
 
 class LoopMount {
  public:
-  // 64 MiB for ext4, 320 MiB for XFS (its smallest default).
-  explicit LoopMount(FsKind kind) { mounted_ = Mount(kind); }
+  // 64 MiB for ext4, 320 MiB for XFS (its smallest default), or mib.
+  explicit LoopMount(FsKind kind, int mib = 0) { mounted_ = Mount(kind, mib); }
   ~LoopMount();
 
   bool ok() const { return mounted_; }
@@ -39,7 +39,7 @@ class LoopMount {
   std::string Path(const std::string& name) const { return mountPoint_ + "/" + name; }
 
  private:
-  bool Mount(FsKind kind);
+  bool Mount(FsKind kind, int mib);
   bool Fail(const std::string& reason);  // false, with the reason kept and printed
 
   TempDir dir_;  // holds the image and the mount point; outlives the mount
