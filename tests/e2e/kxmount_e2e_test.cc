@@ -185,7 +185,7 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   // The daemon restarted half-way through a large write: the file is
   // opened again by name and comes out complete.
   const std::string large = Random(16 << 20, 4);
-  fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT, 0644);
+  fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);  // not held by the new daemon
   for (size_t at = 0; at < large.size(); at += 1 << 20) {
     if (at == 8 << 20) RestartDaemon();
     ASSERT_EQ(write(fd, large.data() + at, 1 << 20), 1 << 20) << ReadFile(log_);
