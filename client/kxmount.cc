@@ -56,7 +56,10 @@ const fuse_lowlevel_ops& Mount::Operations() {
       // as one piece. Written data is never held back by the kernel.
       conn->max_write = 1 << 20;
       conn->max_readahead = 0;
-      conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE);
+      // Written data is spliced into a pipe and copied once, into an
+      // aligned buffer.
+      conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_SPLICE_WRITE);
+      if (conn->capable & FUSE_CAP_SPLICE_READ) conn->want |= FUSE_CAP_SPLICE_READ;
       if (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC) conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
       if (conn->capable & FUSE_CAP_ASYNC_DIO) conn->want |= FUSE_CAP_ASYNC_DIO;
     };

@@ -213,22 +213,26 @@ void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, fu
   }
 }
 
-// One buffer per worker thread, aligned for direct I/O and kept for the
-// next request.
-char* ReadBuffer(size_t size) {
-  thread_local std::unique_ptr<char, decltype(&free)> buffer(nullptr, free);
-  thread_local size_t capacity = 0;
-  if (size > capacity) {
-    capacity = (size + 4095) & ~size_t{4095};
-    buffer.reset(static_cast<char*>(aligned_alloc(4096, capacity)));
-    if (!buffer) capacity = 0;
+// One buffer per worker thread and direction, aligned for direct I/O (so
+// RemoteFile moves it without a bounce copy) and kept for the next request.
+char* AlignedBuffer(size_t size, bool forWrite) {
+  struct Buffer {
+    std::unique_ptr<char, decltype(&free)> data{nullptr, free};
+    size_t capacity = 0;
+  };
+  thread_local Buffer buffers[2];
+  Buffer& b = buffers[forWrite ? 1 : 0];
+  if (size > b.capacity) {
+    b.capacity = (size + 4095) & ~size_t{4095};
+    b.data.reset(static_cast<char*>(aligned_alloc(4096, b.capacity)));
+    if (!b.data) b.capacity = 0;
   }
-  return buffer.get();
+  return b.data.get();
 }
 
 void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
   OpenFile& file = *HandleOf(fi).file;
-  char* buf = ReadBuffer(size);
+  char* buf = AlignedBuffer(size, false);
   if (!buf) return (void)fuse_reply_err(req, ENOMEM);
   ssize_t n;
   {
@@ -239,9 +243,18 @@ void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*
   fuse_reply_buf(req, buf, static_cast<size_t>(n));
 }
 
-void Write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t offset, fuse_file_info* fi) {
+// The request's data arrives in a pipe (spliced from the kernel) or in
+// libfuse's buffer; either way it is copied once, into an aligned buffer.
+void WriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t offset, fuse_file_info* fi) {
   Handle& h = HandleOf(fi);
   OpenFile& file = *h.file;
+  const size_t size = fuse_buf_size(in);
+  char* buf = AlignedBuffer(size, true);
+  if (!buf) return (void)fuse_reply_err(req, ENOMEM);
+  fuse_bufvec out = FUSE_BUFVEC_INIT(size);
+  out.buf[0].mem = buf;
+  const ssize_t got = fuse_buf_copy(&out, in, FUSE_BUF_NO_SPLICE);
+  if (got < 0) return (void)fuse_reply_err(req, static_cast<int>(-got));
   ssize_t n;
   {
     std::shared_lock s(file.swap);
@@ -249,9 +262,9 @@ void Write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t offse
       // The kernel's idea of the end may be old; the lease's is not.
       std::lock_guard a(file.append);
       offset = file.remote->Size();
-      n = file.remote->Write(offset, buf, size);
+      n = file.remote->Write(offset, buf, static_cast<size_t>(got));
     } else {
-      n = file.remote->Write(offset, buf, size);
+      n = file.remote->Write(offset, buf, static_cast<size_t>(got));
     }
   }
   if (n < 0) return (void)fuse_reply_err(req, DataError(file, "writing", offset, n));
@@ -298,7 +311,7 @@ void AddDataOperations(fuse_lowlevel_ops& ops) {
   ops.open = Open;
   ops.create = Create;
   ops.read = Read;
-  ops.write = Write;
+  ops.write_buf = WriteBuf;
   ops.flush = Flush;
   ops.fsync = FSync;
   ops.release = Release;
