@@ -90,8 +90,9 @@ cmp -s "$work/mnt/export/new.bin" "$work/src.bin" || say "WARNING: the new file 
 say "fio: 4 jobs of 256 MiB, mixed random reads and writes, crc32c verification"
 fio_status="not installed"
 if command -v fio >/dev/null; then
-  if fio --name=bench --directory="$c" --size=256M --numjobs=4 --rw=randrw --bsrange=4k-1M \
-       --ioengine=psync --verify=crc32c --verify_fatal=1 --verify_state_save=0 --fallocate=none \
+  # Each job its own file, whatever lies in the working directory.
+  if fio --name=mountbench --filename_format='$jobname.$jobnum' --directory="$c" --size=256M \
+       --numjobs=4 --rw=randrw --bsrange=4k-1M --ioengine=psync --verify=crc32c --verify_fatal=1 --verify_state_save=0 --fallocate=none \
        --group_reporting >"$work/fio.log" 2>&1; then
     fio_status="passed: $(grep -E '^ +(READ|WRITE):' "$work/fio.log" | sed 's/^ *//; s/ (.*//' | paste -sd ';')"
   else

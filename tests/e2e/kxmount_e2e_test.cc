@@ -210,9 +210,9 @@ TEST_P(MountE2E, FioVerifiesAMixedRandomJob) {
   const std::string fio = FindProgram("fio");
   if (fio.empty()) GTEST_SKIP() << "fio is not installed: the verified random job cannot run";
   Mount();
-  RunResult r = RunToExit(fio, {"--name=mixed", "--directory=" + mnt_, "--size=12M", "--numjobs=2",
+  RunResult r = RunToExit(fio, {"--name=mixed", "--filename_format=$jobname.$jobnum", "--directory=" + mnt_, "--size=12M", "--numjobs=2",
                                 "--rw=randrw", "--bsrange=4k-256k", "--ioengine=psync", "--verify=crc32c",
-                                "--verify_fatal=1", "--fallocate=none"}, {}, 120000);
+                                "--verify_fatal=1", "--verify_state_save=0", "--fallocate=none"}, {}, 120000);
   EXPECT_EQ(r.exitStatus, 0) << r.standardOutput << r.standardError << ReadFile(log_);
 }
 
