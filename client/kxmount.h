@@ -41,11 +41,11 @@ struct MountConfig {
 struct OpenFile {
   std::shared_mutex swap;
   std::unique_ptr<RemoteFile> remote;
-  bool write = false;
+  std::atomic<bool> write{false};
   int handles = 0;                 // guarded by the inode's openLock
   std::mutex append;               // one O_APPEND write at a time
   std::atomic<bool> dirty{false};  // written since the last sync
-  std::string path;                // share-relative, for the log
+  std::string path;                // share-relative, for the log; guarded by swap
 };
 
 // A file or directory of the names directory the kernel knows: an O_PATH

@@ -18,13 +18,9 @@ namespace kestrix::client {
 
 int DataError(OpenFile& file, const char* what, int64_t offset, ssize_t result) {
   const int err = result < 0 && result > -4096 ? static_cast<int>(-result) : EIO;
-  std::string text;
-  {
-    std::shared_lock s(file.swap);
-    text = file.remote->error();
-  }
+  std::shared_lock s(file.swap);
   MountLog(false, "%s %s at byte %lld: %s (%s)", what, file.path.c_str(), static_cast<long long>(offset),
-           text.c_str(), strerror(err));
+           file.remote->error().c_str(), strerror(err));
   return err;
 }
 

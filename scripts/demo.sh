@@ -26,6 +26,9 @@ cleanup() {
   trap '' INT TERM  # a second Ctrl-C must not cut the clean-up short
   if [ -n "$kmount" ]; then  # first the share, while the daemon can still close its leases
     fusermount3 -u "$client" 2>/dev/null || umount -l "$client" || say "could not unmount $client"
+    # A copy of the mount in another mount namespace keeps it serving: then SIGTERM.
+    for _ in $(seq 30); do kill -0 "$kmount" 2>/dev/null || break; sleep 0.1; done
+    kill "$kmount" 2>/dev/null
     wait "$kmount" 2>/dev/null
   fi
   if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null; fi
