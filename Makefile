@@ -29,11 +29,13 @@ tsan:
 
 # Only what the demo needs, without the tests (no GoogleTest needed).
 run:
+	@scripts/install-deps build
 	@cmake -S . -B $(RUN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIX_BUILD_TESTS=OFF >/dev/null
 	@cmake --build $(RUN_BUILD) --target kestrixd localfs kestrix-cli kestrix-mount
 	@scripts/demo.sh $(RUN_BUILD)
 
-# What the tests need, installed when missing (as root), else the line to run.
+# What the tests need, installed when missing (as root), else the line to run;
+# the npm tools into .tools/.
 deps:
 	@scripts/install-deps
 
@@ -52,9 +54,11 @@ e2e: build
 	ctest --test-dir $(BUILD) -j$(JOBS) --output-on-failure -L e2e
 
 bench:
+	@scripts/install-deps bench
 	@cmake -S . -B $(BUILD)-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DKESTRIX_BUILD_BENCH=ON -DKESTRIX_BUILD_TESTS=OFF >/dev/null
 	@cmake --build $(BUILD)-bench
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
+	@bench/transfer.sh $(BUILD)-bench
 	@bench/mount.sh $(BUILD)-bench
 
 # The LAN message fuzz target (clang, ASan + UBSan) for FUZZ_SECONDS, then

@@ -3,13 +3,13 @@
 // between this machine and the shared disk. Options may stand before or
 // after the command words.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -26,6 +26,7 @@
 #include "client/kxsession.h"
 #include "client/kxdirect.h"
 #include "client/kxfile.h"
+#include "client/kxpump.h"
 #include "spmsgs.h"
 
 namespace {
@@ -38,9 +39,9 @@ constexpr int kExitNoReply = 2;
 constexpr int kExitErrorResult = 3;
 constexpr int kExitLocal = 4;
 constexpr int64_t kProgressFrom = 4 << 20;  // show progress for transfers above this
-// read and write move data through this many buffers of this size, one
-// being filled while another is drained: the memory of a transfer.
-constexpr size_t kBuffers = 3;
+// read and write move data through this many buffers of this size, some
+// being filled while others are drained: the memory of a transfer.
+constexpr size_t kBuffers = 4;
 constexpr size_t kBufferBytes = 8 << 20;
 
 const char kUsage[] =
@@ -162,6 +163,24 @@ std::optional<long long> Number(const std::string& text, long long low, long lon
   if (errno != 0 || *end != '\0' || value < low || value > high) return std::nullopt;
   return value;
 }
+
+// The first failure of a transfer's threads, for its message.
+class Why {
+ public:
+  bool Set(const std::string& why) {
+    std::lock_guard<std::mutex> l(mu_);
+    if (why_.empty()) why_ = why;
+    return false;
+  }
+  std::string Get() {
+    std::lock_guard<std::mutex> l(mu_);
+    return why_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::string why_;
+};
 
 class Cli {
  public:
@@ -384,67 +403,6 @@ class Cli {
     return Failure(kExitLocal, why, {}, summaryTo);
   }
 
-  // Moves data through kBuffers aligned buffers: `fill` (on a thread of its
-  // own) puts up to a buffer's bytes into one and returns the count (0 at
-  // the end, negative on failure); `drain` takes them on this thread and
-  // returns false on failure. False when either failed.
-  static bool Pump(const std::function<ssize_t(uint8_t*, size_t)>& fill,
-                   const std::function<bool(const uint8_t*, size_t)>& drain) {
-    std::vector<std::unique_ptr<AlignedBuffer>> buffers;
-    for (size_t i = 0; i < kBuffers; ++i) buffers.push_back(std::make_unique<AlignedBuffer>(kBufferBytes));
-    std::mutex mu;
-    std::condition_variable cv;
-    std::deque<std::pair<size_t, ssize_t>> full;  // buffer index, bytes (0: end, <0: failure)
-    std::deque<size_t> empty;
-    for (size_t i = 0; i < kBuffers; ++i) empty.push_back(i);
-    bool stop = false;
-    std::thread filler([&] {
-      for (;;) {
-        size_t index;
-        {
-          std::unique_lock<std::mutex> l(mu);
-          cv.wait(l, [&] { return stop || !empty.empty(); });
-          if (stop) return;
-          index = empty.front();
-          empty.pop_front();
-        }
-        ssize_t n = fill(buffers[index]->data(), kBufferBytes);
-        std::lock_guard<std::mutex> l(mu);
-        full.emplace_back(index, n);
-        cv.notify_all();
-        if (n <= 0) return;
-      }
-    });
-    bool ok = true;
-    for (;;) {
-      std::pair<size_t, ssize_t> slot;
-      {
-        std::unique_lock<std::mutex> l(mu);
-        cv.wait(l, [&] { return !full.empty(); });
-        slot = full.front();
-        full.pop_front();
-      }
-      if (slot.second <= 0) {
-        ok = slot.second == 0;
-        break;
-      }
-      if (!drain(buffers[slot.first]->data(), static_cast<size_t>(slot.second))) {
-        ok = false;
-        break;
-      }
-      std::lock_guard<std::mutex> l(mu);
-      empty.push_back(slot.first);
-      cv.notify_all();
-    }
-    {
-      std::lock_guard<std::mutex> l(mu);
-      stop = true;
-    }
-    cv.notify_all();
-    filler.join();
-    return ok;
-  }
-
   int Read() {
     const std::string output = args_.Get("output");
     int fd = STDOUT_FILENO;
@@ -468,29 +426,27 @@ class Cli {
         RemoteFile::Open(args_.words[1], args_.words[2], Transfer("read", false, -1), &f);
     if (!file) return OpenFailed(f, summaryTo);
     const int64_t size = file->Size();
-    int64_t offset = 0, out = 0;
-    std::string why;
+    int64_t out = 0;
+    Why why;
+    // Two readers keep the disk busy while the output takes the bytes in order.
     const bool ok = Pump(
-        [&](uint8_t* buf, size_t cap) -> ssize_t {
-          ssize_t n = file->Read(offset, buf, cap);
-          if (n < 0) why = file->error();
-          if (n > 0) offset += n;
+        PumpOptions{kBuffers, kBufferBytes, 2, 1},
+        [&](uint64_t chunk, uint8_t* buf, size_t cap, const std::atomic<bool>&) -> ssize_t {
+          ssize_t n = file->Read(static_cast<int64_t>(chunk * cap), buf, cap);
+          if (n < 0) why.Set(file->error());
           return n;
         },
-        [&](const uint8_t* buf, size_t n) {
+        [&](uint64_t, const uint8_t* buf, size_t n) {
           for (size_t done = 0; done < n;) {
             ssize_t put = write(fd, buf + done, n - done);
             if (put < 0 && errno == EINTR) continue;
-            if (put <= 0) {
-              why = "writing the output: " + std::string(std::strerror(errno));
-              return false;
-            }
+            if (put <= 0) return why.Set("writing the output: " + std::string(std::strerror(errno)));
             done += static_cast<size_t>(put);
           }
           out += static_cast<int64_t>(n);
           return true;
         });
-    if (!ok) return TransferFailed(*file, why, summaryTo);
+    if (!ok) return TransferFailed(*file, why.Get(), summaryTo);
     if (file->Close() != 0) return TransferFailed(*file, file->error(), summaryTo);
     if (isatty(STDERR_FILENO) && size >= kProgressFrom) std::fputc('\n', stderr);
     if (summaryTo == stderr && !json_) return kExitOk;
@@ -546,33 +502,35 @@ class Cli {
       if (fd != STDIN_FILENO) close(fd);
       return OpenFailed(f, stdout);
     }
-    int64_t offset = 0;
-    std::string why;
+    std::atomic<int64_t> offset{0};
+    Why why;
+    // One reader of the input in order, two writers of the remote file.
     const bool ok = Pump(
-        [&](uint8_t* buf, size_t cap) -> ssize_t {
+        PumpOptions{kBuffers, kBufferBytes, 1, 2},
+        [&](uint64_t, uint8_t* buf, size_t cap, const std::atomic<bool>& stop) -> ssize_t {
           size_t got = 0;  // whole buffers, so that writes stay large and aligned
           while (got < cap) {
+            // A failed transfer does not wait for an input that never ends.
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, 200) == 0) {
+              if (stop) return -1;
+              continue;
+            }
             ssize_t n = read(fd, buf + got, cap - got);
             if (n < 0 && errno == EINTR) continue;
-            if (n < 0) {
-              why = "reading the input: " + std::string(std::strerror(errno));
-              return -1;
-            }
+            if (n < 0) return why.Set("reading the input: " + std::string(std::strerror(errno))), -1;
             if (n == 0) break;
             got += static_cast<size_t>(n);
           }
           return static_cast<ssize_t>(got);
         },
-        [&](const uint8_t* buf, size_t n) {
-          if (file->Write(offset, buf, n) < 0) {
-            why = file->error();
-            return false;
-          }
+        [&](uint64_t chunk, const uint8_t* buf, size_t n) {
+          if (file->Write(static_cast<int64_t>(chunk * kBufferBytes), buf, n) < 0) return why.Set(file->error());
           offset += static_cast<int64_t>(n);
           return true;
         });
     if (fd != STDIN_FILENO) close(fd);
-    if (!ok) return TransferFailed(*file, why, stdout);
+    if (!ok) return TransferFailed(*file, why.Get(), stdout);
     // A longer old file is cut to the new contents once they are written.
     if (file->Size() > offset && file->Truncate(offset) != 0)
       return TransferFailed(*file, file->error(), stdout);

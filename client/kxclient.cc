@@ -165,6 +165,8 @@ std::string ToUtf8(const std::u16string& text) {
     if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
         text[i + 1] <= 0xDFFF) {
       cp = 0x10000 + ((cp - 0xD800) << 10) + (text[++i] - 0xDC00);
+    } else if (cp >= 0xD800 && cp <= 0xDFFF) {
+      cp = 0xFFFD;  // a lone surrogate has no UTF-8 form
     }
     if (cp < 0x80) {
       out.push_back(static_cast<char>(cp));
@@ -474,6 +476,7 @@ const char* ResultName(int32_t result) {
     case SP_RESULT_KEY_NOT_FOUND: return "no lease with that key";
     case SP_RESULT_LEASE_GONE: return "lease vanished before removal";
     case SP_RESULT_LEASE_NOT_RENEWED: return "lease vanished before renewal";
+    case SP_RESULT_LEASE_LIMIT: return "too many leases held (the client's or the daemon's bound)";
     case SP_RESULT_FILE_NOT_FOUND: return "no library knows the file";
     default: return "library status";
   }

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <utility>
 
 #include "client/kxdirect.h"
 #include "client/kxdisk.h"
@@ -33,7 +34,11 @@ constexpr int64_t kRenewGapMs = 2000;    // renewals at least this often, to not
 constexpr int kRetryPauseMs = 200;       // between attempts to confirm or reopen a lease
 constexpr int64_t kMinGrowth = 64 << 20;  // the allocation runs this far ahead at least
 constexpr int64_t kMaxGrowth = int64_t{1} << 30;
+constexpr int64_t kMapAhead = 256 << 20;  // a map is asked for this far at least, for the next rounds
 constexpr uint32_t kBeyondEnd = 0;  // a piece past the daemon's end of file
+// Map flag of a file opened only to read: the server then holds it against
+// local writers only, so local readers do not keep the map from being given.
+constexpr uint32_t kReadOnlyMap = 0x100;
 
 int ErrnoOfResult(int32_t result) {
   switch (result) {
@@ -75,6 +80,16 @@ struct Part {
   int64_t bounceAt = 0;  // disk byte of the bounce buffer's first byte
 };
 
+// A request's reply with what the session knew of it, taken together
+// under the session's lock.
+template <typename T>
+struct Asked {
+  std::optional<T> reply;
+  Clock::time_point sent;  // first sent
+  bool replied = false;
+  std::string error;
+};
+
 class File final : public RemoteFile {
  public:
   File(std::string share, std::string path, FileOptions options)
@@ -91,27 +106,20 @@ class File final : public RemoteFile {
     bool held;
     {
       std::lock_guard<std::mutex> l(leaseMu_);
-      held = opened_ && (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed);
+      held = opened_ && (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed ||
+                         (state_ == Lease::kLost && closeStale_));
       state_ = Lease::kClosed;
     }
-    if (held) {
-      std::lock_guard<std::mutex> c(callMu_);
-      client_.Close(key_, -1);
-    }
+    if (held) Ask([&](Client& c) { return c.Close(key_, -1); });
     for (const OpenDisk& d : disks_) close(d.fd);
   }
 
   bool Start(OpenFailure* f) {
-    std::optional<MapReply> m;
-    Clock::time_point sent;
-    {
-      std::lock_guard<std::mutex> c(callMu_);
-      m = client_.Open(share_, path_, OpenOptionsFor());
-      sent = client_.sentAt();
-    }
+    Asked<MapReply> a = Ask([&](Client& c) { return c.Open(share_, path_, OpenOptionsFor()); });
+    const std::optional<MapReply>& m = a.reply;
+    const Clock::time_point sent = a.sent;
     const std::string what = "opening " + share_ + " " + path_;
-    if (!m) return Failed(f, client_.replied() ? EPROTO : EIO, what + ": " + client_.error(), 0,
-                          !client_.replied());
+    if (!m) return Failed(f, a.replied ? EPROTO : EIO, what + ": " + a.error, 0, !a.replied);
     if (m->result != 0 && m->result != 1)
       return Failed(f, ErrnoOfResult(m->result), what + ": " + ResultText(m->result) +
                         (m->result == SP_RESULT_FILE_NOT_FOUND ? "; the file does not exist" : ""),
@@ -130,13 +138,9 @@ class File final : public RemoteFile {
                     0, false);
     size_ = m->map.fileSize;
 
-    std::optional<GetVolumeInfo> v;
-    {
-      std::lock_guard<std::mutex> c(callMu_);
-      v = client_.GetVolumeByCookie(volumeCookie_.data());
-    }
-    if (!v) return Failed(f, client_.replied() ? EPROTO : EIO, "the file's volume: " + client_.error(), 0,
-                          !client_.replied());
+    Asked<GetVolumeInfo> av = Ask([&](Client& c) { return c.GetVolumeByCookie(volumeCookie_.data()); });
+    const std::optional<GetVolumeInfo>& v = av.reply;
+    if (!v) return Failed(f, av.replied ? EPROTO : EIO, "the file's volume: " + av.error, 0, !av.replied);
     if (v->result != 0 || v->vendorStatus != 0)
       return Failed(f, EIO, "the file's volume: " + ResultText(v->result) + " " + v->errorText, v->result,
                     false);
@@ -268,16 +272,13 @@ class File final : public RemoteFile {
         if (int e = Recover(); e != 0) return e;
         continue;
       }
-      std::optional<StatusReply> r;
-      Clock::time_point sent;
-      {
-        std::lock_guard<std::mutex> c(callMu_);
-        r = client_.SetSize(Key(), size, renewLease_);
-        sent = client_.sentAt();
-      }
+      const uint32_t key = Key();
+      Asked<StatusReply> a = Ask([&](Client& c) { return c.SetSize(key, size, renewLease_); });
+      const std::optional<StatusReply>& r = a.reply;
+      const Clock::time_point sent = a.sent;
       const std::string what = "setting the size of " + path_ + " to " + std::to_string(size);
       int e = 0;
-      if (!r) e = client_.replied() ? NoAnswer(what) : Unanswered(what);
+      if (!r) e = a.replied ? NoAnswer(what, a) : Unanswered(what, a);
       else if (LeaseGone(r->result)) e = Gone(what, r->result);
       else if (r->result != 0) e = Refused(what, r->result);
       if (e == -EAGAIN) continue;
@@ -306,19 +307,16 @@ class File final : public RemoteFile {
     }
     const int rc = Sync();
     StopKeeper();
-    std::optional<StatusReply> r;
     {
       std::lock_guard<std::mutex> l(leaseMu_);
       const bool held = state_ == Lease::kHeld || state_ == Lease::kUnconfirmed;
       state_ = Lease::kClosed;
       if (!held) return rc;
     }
-    {
-      std::lock_guard<std::mutex> c(callMu_);
-      r = client_.Close(key_, -1);
-    }
+    Asked<StatusReply> a = Ask([&](Client& c) { return c.Close(key_, -1); });
+    const std::optional<StatusReply>& r = a.reply;
     if (rc != 0) return rc;
-    if (!r) return NoAnswer("closing " + path_);
+    if (!r) return NoAnswer("closing " + path_, a);
     // A lease already gone at the end leaves nothing undone: the data and
     // the size were in place while it was alive.
     if (r->result != 0 && r->result != SP_RESULT_KEY_NOT_FOUND && r->result != SP_RESULT_LEASE_GONE)
@@ -332,12 +330,12 @@ class File final : public RemoteFile {
   }
 
   FileStats stats() const override {
+    const uint32_t key = Key();
     std::lock_guard<std::mutex> l(statsMu_);
     FileStats s = stats_;
     s.disk = disksText_;
     s.backend = io_.backend();
-    std::lock_guard<std::mutex> k(leaseMu_);
-    s.key = key_;
+    s.key = key;
     return s;
   }
 
@@ -348,8 +346,10 @@ class File final : public RemoteFile {
     OpenOptions oo;
     oo.intention = o_.write ? 0 : 1;
     oo.lease = o_.leaseMs;
+    oo.flag = MapFlag();
     return oo;
   }
+  uint32_t MapFlag() const { return o_.write ? 0 : kReadOnlyMap; }
 
   size_t RoundBytes() const { return o_.ioBytes * std::max(1u, o_.depth); }
 
@@ -368,8 +368,17 @@ class File final : public RemoteFile {
     stats_.noReply = noReply;
     return e;
   }
-  int NoAnswer(const std::string& what) {
-    return Fail(client_.replied() ? -EPROTO : -EIO, what + ": " + client_.error(), 0, !client_.replied());
+  template <typename T>
+  int NoAnswer(const std::string& what, const Asked<T>& a) {
+    return Fail(a.replied ? -EPROTO : -EIO, what + ": " + a.error, 0, !a.replied);
+  }
+
+  // Sends one request through the session (one at a time).
+  template <typename F>
+  auto Ask(F call) -> Asked<typename decltype(call(std::declval<Client&>()))::value_type> {
+    std::lock_guard<std::mutex> c(callMu_);
+    auto reply = call(client_);
+    return {std::move(reply), client_.sentAt(), client_.replied(), client_.error()};
   }
   int Refused(const std::string& what, int32_t result) {
     return Fail(-ErrnoOfResult(result), what + ": " + ResultText(result), result);
@@ -379,11 +388,12 @@ class File final : public RemoteFile {
   }
   // A request of a transfer the daemon did not answer: no byte moves until
   // the lease is confirmed again (-EAGAIN: the caller brings it back).
-  int Unanswered(const std::string& what) {
+  template <typename T>
+  int Unanswered(const std::string& what, const Asked<T>& a) {
     std::lock_guard<std::mutex> l(leaseMu_);
     if (state_ == Lease::kHeld) {
       state_ = Lease::kUnconfirmed;
-      lostWhy_ = what + ": " + client_.error();
+      lostWhy_ = what + ": " + a.error;
     }
     return -EAGAIN;
   }
@@ -405,7 +415,9 @@ class File final : public RemoteFile {
       stats_.zeroBytes += zeros;
       total = stats_.dataBytes + stats_.zeroBytes;
     }
-    if (o_.progress) o_.progress(total);
+    if (!o_.progress) return;
+    std::lock_guard<std::mutex> l(progressMu_);  // one call at a time, whatever the threads
+    o_.progress(total);
   }
 
   // ---- the lease ----
@@ -441,15 +453,10 @@ class File final : public RemoteFile {
       key = key_;
       generation = generation_;
     }
-    std::optional<MapReply> r;
-    Clock::time_point sent;
-    std::string error;
-    {
-      std::lock_guard<std::mutex> c(callMu_);
-      r = client_.ExtendedMap(key, 0, 1, renewLease_);
-      sent = client_.sentAt();
-      error = client_.error();
-    }
+    Asked<MapReply> a = Ask([&](Client& c) { return c.ExtendedMap(key, 0, 1, renewLease_, -1, -1, MapFlag()); });
+    const std::optional<MapReply>& r = a.reply;
+    const Clock::time_point sent = a.sent;
+    const std::string& error = a.error;
     if (r && r->result == 0 && r->lease > 0) {
       Confirm(sent, r->lease);
       std::lock_guard<std::mutex> s(statsMu_);
@@ -461,6 +468,9 @@ class File final : public RemoteFile {
     if (r && r->result != 1) {
       state_ = Lease::kLost;
       lostWhy_ = "the daemon refused to renew the lease on " + path_ + ": " + ResultText(r->result);
+      // A lease the daemon still knows (its library refused, for a local
+      // change waiting) is given back at once rather than left to run out.
+      closeStale_ = !LeaseGone(r->result);
     } else if (state_ == Lease::kHeld) {
       state_ = Lease::kUnconfirmed;
       lostWhy_ = "the lease on " + path_ + " could not be renewed: " +
@@ -518,16 +528,25 @@ class File final : public RemoteFile {
         if (Alive()) return 0;
       } else {
         std::string why;
+        bool closeStale;
+        uint32_t stale;
         {
           std::lock_guard<std::mutex> l(leaseMu_);
           why = lostWhy_;
+          closeStale = std::exchange(closeStale_, false);
+          stale = key_;
         }
+        if (closeStale) Ask([&](Client& c) { return c.Close(stale, -1); });
         if (!o_.reopen) return Fail(-ESTALE, why + "; no byte moves without it");
         if (int e = Reopen(why); e != -EAGAIN) return e;
       }
       if (Clock::now() >= giveUp) {
-        std::lock_guard<std::mutex> l(leaseMu_);
-        return Fail(-EIO, lostWhy_ + "; gave up after " + std::to_string(o_.giveUpMs) +
+        std::string why;
+        {
+          std::lock_guard<std::mutex> l(leaseMu_);
+          why = lostWhy_;
+        }
+        return Fail(-EIO, why + "; gave up after " + std::to_string(o_.giveUpMs) +
                               " ms without an answer from " + client_.peer(),
                     0, true);
       }
@@ -539,16 +558,12 @@ class File final : public RemoteFile {
   // file (same file and volume cookies), -EAGAIN when the daemon did not
   // answer, else a failure (-ESTALE for a file that is gone or replaced).
   int Reopen(const std::string& lostWhy) {
-    std::optional<MapReply> m;
-    Clock::time_point sent;
-    {
-      std::lock_guard<std::mutex> c(callMu_);
-      m = client_.Open(share_, path_, OpenOptionsFor());
-      sent = client_.sentAt();
-    }
+    Asked<MapReply> a = Ask([&](Client& c) { return c.Open(share_, path_, OpenOptionsFor()); });
+    const std::optional<MapReply>& m = a.reply;
+    const Clock::time_point sent = a.sent;
     const std::string what = lostWhy + "; opening " + share_ + " " + path_ + " again";
     if (!m) {
-      if (client_.replied()) return Fail(-EPROTO, what + ": " + client_.error());
+      if (a.replied) return Fail(-EPROTO, what + ": " + a.error);
       return -EAGAIN;
     }
     if (m->result != 0 && m->result != 1)
@@ -580,10 +595,7 @@ class File final : public RemoteFile {
       keeperCv_.notify_all();
       return 0;
     }
-    {
-      std::lock_guard<std::mutex> c(callMu_);
-      client_.Close(m->key, -1);
-    }
+    Ask([&](Client& c) { return c.Close(m->key, -1); });
     return Fail(-ESTALE, what + ": " + why + "; nothing more is moved");
   }
 
@@ -591,9 +603,10 @@ class File final : public RemoteFile {
 
   // Takes a map reply for [from, to) after its checks; the cache then
   // covers what it names. A refused reply fails the transfer.
-  int TakeMap(const std::optional<MapReply>& r, Clock::time_point sent, int64_t from, int64_t to,
-              const std::string& what, bool clear) {
-    if (!r) return client_.replied() ? NoAnswer(what) : Unanswered(what);
+  int TakeMap(const Asked<MapReply>& a, int64_t from, int64_t to, const std::string& what, bool clear) {
+    const std::optional<MapReply>& r = a.reply;
+    const Clock::time_point sent = a.sent;
+    if (!r) return a.replied ? NoAnswer(what, a) : Unanswered(what, a);
     if (LeaseGone(r->result)) return Gone(what, r->result);
     if (r->result != 0 && r->result != 1) return Refused(what, r->result);
     if (!r->hasMap) return Fail(-EPROTO, what + ": a reply without a map");
@@ -627,16 +640,14 @@ class File final : public RemoteFile {
           return 0;
         }
       }
-      std::optional<MapReply> r;
-      Clock::time_point sent;
       const uint32_t key = Key();
-      {
-        std::lock_guard<std::mutex> c(callMu_);
-        r = client_.ExtendedMap(key, missing, to - missing, renewLease_);
-        sent = client_.sentAt();
-      }
+      const int64_t length = std::min(std::max(to - missing, kMapAhead), INT64_MAX - missing);
+      Asked<MapReply> a = Ask([&](Client& c) {
+        return c.ExtendedMap(key, missing, length, renewLease_, -1, -1, MapFlag());
+      });
+      const std::optional<MapReply>& r = a.reply;
       const std::string what = "the map of " + path_ + " from byte " + std::to_string(missing);
-      if (int e = TakeMap(r, sent, missing, to, what, false); e != 0) return e;
+      if (int e = TakeMap(a, missing, missing + length, what, false); e != 0) return e;
       if (r->map.fileBytes == 0) {
         if (missing < r->map.fileSize)
           return Fail(-EPROTO, what + " came back empty; the file cannot be covered");
@@ -673,13 +684,10 @@ class File final : public RemoteFile {
         return 0;
       // What runs ahead of the data is asked for only while the daemon grants it.
       const int64_t want = refusedAhead ? to : AllocationTarget(to);
-      std::optional<MapReply> r;
-      Clock::time_point sent;
-      {
-        std::lock_guard<std::mutex> c(callMu_);
-        r = client_.ExtendedMap(Key(), from, to - from, renewLease_, -1, want);
-        sent = client_.sentAt();
-      }
+      const uint32_t key = Key();
+      Asked<MapReply> a =
+          Ask([&](Client& c) { return c.ExtendedMap(key, from, to - from, renewLease_, -1, want); });
+      const std::optional<MapReply>& r = a.reply;
       {
         std::lock_guard<std::mutex> s(statsMu_);
         ++stats_.allocations;
@@ -690,7 +698,7 @@ class File final : public RemoteFile {
         refusedAhead = true;
         continue;
       }
-      if (int e = TakeMap(r, sent, from, to, what, true); e != 0) return e;
+      if (int e = TakeMap(a, from, to, what, true); e != 0) return e;
       if (r->map.allocation <= granted)
         return Fail(-ENOSPC, what + ": the daemon granted no more than " +
                                  std::to_string(r->map.allocation) + " bytes");
@@ -780,7 +788,7 @@ class File final : public RemoteFile {
   uint32_t granted_ = 0, renewLease_ = 0;
   Clock::time_point renewBase_{}, deadline_{};
   std::string lostWhy_;
-  bool opened_ = false, stop_ = false;
+  bool opened_ = false, stop_ = false, closeStale_ = false;
   std::thread keeper_;
 
   std::array<uint8_t, FS_COOKIE_SIZE> fileCookie_{}, volumeCookie_{};
@@ -798,6 +806,7 @@ class File final : public RemoteFile {
   std::mutex rmwMu_;
   DirectIo io_;
 
+  std::mutex progressMu_;
   mutable std::mutex statsMu_;
   FileStats stats_;
   std::string error_;

@@ -28,7 +28,8 @@ struct FileOptions {
   // the file is opened anew by share and path and I/O goes on when it is the
   // same file (same file cookie); otherwise I/O fails with -ESTALE.
   bool reopen = true;
-  // Called after each piece of a Read or Write with the bytes moved so far.
+  // Called after each piece of a Read or Write with the bytes moved so far
+  // (by every call on the file), one call at a time.
   std::function<void(int64_t done)> progress;
   // The size the file will have when it is known (a write from a regular
   // file): the allocation is asked for up to there at the first write.

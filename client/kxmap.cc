@@ -55,6 +55,11 @@ bool CheckMap(const FileMap& map, int64_t start, int64_t length,
     *why = "the map reply holds fewer extents than it names";
     return false;
   }
+  if (map.fileSize < 0 || map.allocation < -1) {
+    *why = "the map gives the file a size of " + std::to_string(map.fileSize) + " and an allocation of " +
+           std::to_string(map.allocation) + " bytes";
+    return false;
+  }
   int64_t asked = INT64_MAX, covered = 0;
   if (length >= 0 && __builtin_add_overflow(start, length, &asked)) asked = INT64_MAX;
   if (map.fileOffset != start || map.fileBytes < 0 ||

@@ -1,10 +1,12 @@
-// Rendering of reply documents as text for a person or as JSON, and the
-// documents of each reply kind.
+// Rendering of reply documents as text for a person or as JSON (through
+// nlohmann-json), and the documents of each reply kind.
 #include "client/kxoutput.h"
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+
+#include <nlohmann/json.hpp>
 
 #include "fsmdc.h"
 #include "fsvalidity.h"
@@ -13,23 +15,6 @@
 namespace kestrix::client {
 
 namespace {
-
-std::string JsonString(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7F) {
-      char esc[8];
-      std::snprintf(esc, sizeof esc, "\\u%04x", c);
-      out += esc;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
 
 std::string Pad(const std::string& s, size_t width, bool right) {
   if (s.size() >= width) return s;
@@ -91,24 +76,28 @@ Doc& Doc::Push(Doc value) {
 }
 
 std::string Doc::Json() const {
-  switch (kind_) {
-    case kNull: return "null";
-    case kBool: return int_ ? "true" : "false";
-    case kInt: return std::to_string(int_);
-    case kText: return JsonString(text_);
-    case kArray: {
-      std::string out = "[";
-      for (size_t i = 0; i < items_.size(); ++i) out += (i ? "," : "") + items_[i].Json();
-      return out + "]";
+  // Objects keep their fields in the order they were added.
+  const auto value = [](const Doc& d, const auto& self) -> nlohmann::ordered_json {
+    switch (d.kind_) {
+      case kNull: break;
+      case kBool: return d.int_ != 0;
+      case kInt: return d.int_;
+      case kText: return d.text_;
+      case kArray: {
+        nlohmann::ordered_json out = nlohmann::ordered_json::array();
+        for (const Doc& item : d.items_) out.push_back(self(item, self));
+        return out;
+      }
+      case kObject: {
+        nlohmann::ordered_json out = nlohmann::ordered_json::object();
+        for (const auto& [name, field] : d.fields_) out[name] = self(field, self);
+        return out;
+      }
     }
-    case kObject: {
-      std::string out = "{";
-      for (size_t i = 0; i < fields_.size(); ++i)
-        out += (i ? "," : "") + JsonString(fields_[i].first) + ":" + fields_[i].second.Json();
-      return out + "}";
-    }
-  }
-  return "null";
+    return nullptr;
+  };
+  // A library's text that is not UTF-8 gets U+FFFD, so the document stays valid.
+  return value(*this, value).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 std::string Doc::Cell() const { return kind_ == kNull ? "-" : text_; }

@@ -189,9 +189,10 @@ std::optional<MapReply> Client::Open(const std::string& share, const std::string
 
 std::optional<MapReply> Client::ExtendedMap(uint32_t key, int64_t start, int64_t length,
                                             uint32_t lease, int64_t fileSize,
-                                            int64_t allocation) {
-  return Decoded(Call(MakeGetExtendedMapRequest(key, start, length, lease, fileSize, allocation)),
-                 ParseMapReply);
+                                            int64_t allocation, uint32_t flag) {
+  return Decoded(
+      Call(MakeGetExtendedMapRequest(key, start, length, lease, fileSize, allocation, flag)),
+      ParseMapReply);
 }
 
 std::optional<StatusReply> Client::SetSize(uint32_t key, int64_t fileSize, uint32_t lease) {

@@ -67,7 +67,7 @@ class Client {
   // Sizes other than -1 change the file size or grow its allocation first.
   std::optional<MapReply> ExtendedMap(uint32_t key, int64_t start, int64_t length = 0,
                                       uint32_t lease = 0, int64_t fileSize = -1,
-                                      int64_t allocation = -1);
+                                      int64_t allocation = -1, uint32_t flag = 0);
   std::optional<StatusReply> SetSize(uint32_t key, int64_t fileSize, uint32_t lease = 0);
   std::optional<StatusReply> Close(uint32_t key, int64_t fileSize = -1);
   // The result of a string command (always 0 from the daemon).

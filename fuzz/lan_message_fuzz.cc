@@ -8,7 +8,8 @@
 // choose the plug-in's answers (kResults below), what it writes and the log
 // level; the fifth sends up to three more copies of the datagram, with new
 // message IDs or from another host. The datagram follows. Each input starts
-// from the same state, one lease (key 0 on /vol/a/f) and an empty tracker,
+// from the same state, one lease (key 0 on /vol/a/f, held by the sender of
+// the first copy, who may hold 3) and an empty tracker,
 // and what it leaves is removed afterwards. Besides the sanitizers' findings,
 // an input fails when a handler rewrites bytes past its request, or when it
 // makes the daemon write more than kMaxLines log lines at the default level.
@@ -117,6 +118,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   setenv("KESTRIX_LIBDIR", (g_dir + "/lib").c_str(), 1);
   setenv("KESTRIX_TESTFS_DIR", (g_dir + "/steer").c_str(), 1);
   setenv("KESTRIX_SMBPATH", (g_dir + "/smb.conf").c_str(), 1);
+  setenv("KESTRIX_MAX_LEASES_PER_CLIENT", "3", 1);
   atexit([] { std::filesystem::remove_all(g_dir); });
   g_log = memfd_create("kestrix-fuzz-log", 0);
   g_logPath = "/proc/self/fd/" + std::to_string(g_log);

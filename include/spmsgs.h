@@ -39,6 +39,7 @@ enum {
   SP_RESULT_KEY_NOT_FOUND = 407,
   SP_RESULT_LEASE_GONE = 408,       // vanished before removal
   SP_RESULT_LEASE_NOT_RENEWED = 409,// vanished before renewal
+  SP_RESULT_LEASE_LIMIT = 410,      // the sender's or the daemon's lease bound is reached
   SP_RESULT_FILE_NOT_FOUND = -380,  // passed through from the last library
 };
 

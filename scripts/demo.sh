@@ -124,7 +124,7 @@ preallocated.bin (1 MiB, allocated but unwritten), filler.bin.
 In a second terminal try:
   $cli getvolume demo
   $cli open demo fragmented.bin            # lease key, cookies and the extent table
-  $cli close 0x0
+  $cli close KEY                           # KEY: the lease key the open printed
   $cli read demo hello.txt --disk $disk
   $cli read demo sparse.bin --disk $disk -o /tmp/sparse.bin
   echo "new text, written on the disk" | $cli write demo hello.txt --disk $disk

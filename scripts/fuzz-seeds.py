@@ -127,6 +127,16 @@ def seeds():
     # Resent without the duplicate flag: the same sender's request again.
     for code, (body, size) in list(requests("<"))[8:11]:
         yield b"#\0\0\0\0\x03" + header("<", code, size, 0, b"again") + body
+    # Key 0 used again from another host (answered as an unknown key there).
+    for code, (body, size) in [(4, setsize("<", 0, 5)), (3, extendedmap("<", 0, size=5))]:
+        yield b"#\0\0\0\0\x09" + header("<", code, size, 0, b"foreign") + body
+    # Lease requests that read as negative, and opens with new IDs past the
+    # sender's bound of 3 leases.
+    negative = 0xFFFF0000
+    for code, (body, size) in [(2, getinitialmap("<", "data", "f", lease=negative, intention=1)),
+                               (3, extendedmap("<", 0, lease=negative)),
+                               (4, (struct.pack("<qII", 1, negative, 0), 64))]:
+        yield b"#\0\0\0\0\x07" + header("<", code, size, 0, b"negative") + body
 
 
 shutil.rmtree(out, ignore_errors=True)

@@ -22,26 +22,27 @@ constexpr FS64LONG kUnchanged = -1;
 
 extern "C" {
 
-LanHeader* SP_LanClose(LanHeader* request, const uint8_t* /*commCookie*/) {
+LanHeader* SP_LanClose(LanHeader* request, const uint8_t* commCookie) {
   auto* msg = reinterpret_cast<CloseMsg*>(request);
   int result = SP_RESULT_OK;
   FSLONG sizeStatus = 0;
   FsLibrary* library = nullptr;
-  uint8_t volumeCookie[FS_COOKIE_SIZE];
-  uint8_t fileCookie[FS_COOKIE_SIZE];
-  LeaseEntry lease;
+  LeaseEntry lease, again;
+  uint8_t* const volumeCookie = lease.volumeCookie;
+  uint8_t* const fileCookie = lease.fileCookie;
 
   SPSUP_TransLanClose(msg);
   OSL_Log(KSX_SP, "SP_LanClose handler called key 0x%x\n", msg->key);
   SPSUP_DumpMessage(request, 0);
 
-  if (GetCookiesFromList(msg->key, volumeCookie, fileCookie) != 0) {
+  // A lease of another sender is not found: it cannot be closed from elsewhere.
+  if (GetOwnLeaseCopy(msg->key, commCookie, &lease) != 0) {
     OSL_Log(KSX_SP, "SP_Close, key not found in list. 0x%x\n", msg->key);
     result = SP_RESULT_KEY_NOT_FOUND;
   } else if ((library = GetLibrary(volumeCookie)) == nullptr) {
     OSL_Log(KSX_ERROR, "SP_Close, no library.\n");
     result = SP_RESULT_NO_LIBRARY;
-  } else if (GetLeaseCopy(msg->key, &lease) != 0) {
+  } else if (GetLeaseCopy(msg->key, &again) != 0) {
     OSL_Log(KSX_ERROR, "SP_Close, invalid key.0x%x\n", msg->key);
     result = SP_RESULT_KEY_NOT_FOUND;
   } else {

@@ -56,10 +56,12 @@ void printFSUNIBytes(const FSUNI* text);
 
 namespace kestrix {
 // Bounds applied to a MAXDGRAM value: room for the largest fixed reply part
-// plus useful map room, and no more than one UDP datagram can carry.
+// plus useful map room, and at most the default. Replies are cut to what one
+// UDP datagram carries whatever their buffer, so the default buffer is the
+// largest worth having, and setting it explicitly changes nothing.
 inline constexpr FSULONG kDefaultMaxDgram = 65536;
 inline constexpr FSULONG kMinMaxDgram = 1024;
-inline constexpr FSULONG kMaxUdpPayload = SP_MAX_DATAGRAM;
+inline constexpr FSULONG kMaxMaxDgram = kDefaultMaxDgram;
 // The size a MAXDGRAM text asks for, after the bounds (logs what was used).
 FSULONG MaxDgramFromText(const char* text);
 // Creates the dispatcher lock and empties the dispatcher list.

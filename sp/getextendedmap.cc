@@ -24,15 +24,16 @@ constexpr FSULONG kReadRules = 1;
 constexpr FSULONG kWriteRules = 0;
 }  // namespace
 
-extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* /*commCookie*/) {
+extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* commCookie) {
   auto* msg = reinterpret_cast<GetExtendedMapMsg*>(request);
   int result = SP_RESULT_OK;
   FSLONG status = 0;
   FsLibrary* library = nullptr;
   GetExtendedMapReply* reply = nullptr;
   FSULONG replySize = 0;
-  uint8_t volumeCookie[FS_COOKIE_SIZE];
-  uint8_t fileCookie[FS_COOKIE_SIZE];
+  LeaseEntry held;  // a copy: the list may lose the lease meanwhile
+  const uint8_t* const volumeCookie = held.volumeCookie;
+  const uint8_t* const fileCookie = held.fileCookie;
 
   const FSULONG t0 = OSL_MSeconds();
   SPSUP_TransLanGetExtendedMap(msg);
@@ -40,7 +41,7 @@ extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* /*
   SPSUP_DumpMessage(request, 0);
 
   // Each step runs only while the ones before it succeeded.
-  status = GetCookiesFromList(msg->key, volumeCookie, fileCookie);
+  status = GetOwnLeaseCopy(msg->key, commCookie, &held);
   result = status;
   if (status == 0) {
     replySize = maxDgramSize();
@@ -72,7 +73,7 @@ extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* /*
     result = status;
     if (status == 0) {
       const auto elapsed = static_cast<FSLONG>(OSL_MSeconds() - t0);
-      if (elapsed > 0) lease += elapsed;
+      if (elapsed > 0) lease = kestrix::LeasePlus(lease, elapsed);
       if (ChangeLeaseEntry(msg->key, lease) == 0) {
         reply->lease = static_cast<FSULONG>(lease);
       } else {

@@ -130,10 +130,12 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
     if (reply == nullptr) {
       OSL_Log(KSX_DEBUG1, "out of memory case\n");
       result = SP_RESULT_NO_MEMORY;
-    } else if (AddLeaseToList(volumeCookie, fileCookie, messageCookie, commCookie, msg->intention,
-                              static_cast<FSULONG>(lease) + kLeaseMargin, &key, library,
-                              fullPath) != 0) {
-      result = SP_RESULT_NO_MEMORY;
+    } else if (const int added = AddLeaseToList(volumeCookie, fileCookie, messageCookie,
+                                                commCookie, msg->intention,
+                                                static_cast<FSULONG>(lease) + kLeaseMargin, &key,
+                                                library, fullPath);
+               added != 0) {
+      result = added == SP_RESULT_LEASE_LIMIT ? added : SP_RESULT_NO_MEMORY;
     } else {
       reply->key = key;
       bool remove = true;
@@ -145,7 +147,7 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
         std::memcpy(reply->fileCookie, fileCookie, FS_COOKIE_SIZE);
         const bool unlocked = (msg->flag & FS_M_FLAG_UNLOCKED) != 0;
         const auto elapsed = static_cast<FSLONG>(OSL_MSeconds() - t0);
-        if (elapsed > 0 && unlocked) lease += elapsed;
+        if (elapsed > 0 && unlocked) lease = kestrix::LeasePlus(lease, elapsed);
         reply->lease = static_cast<FSULONG>(lease);
         if (unlocked) {
           OSL_Log(KSX_DEBUG1,

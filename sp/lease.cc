@@ -2,12 +2,22 @@
 //
 // Every operation of the first group takes leaseListLock for its whole
 // search; a removal calls the library's FS_UnlockMap only after releasing
-// it, and only when no other lease still holds the same file.
+// it, and only when no other lease still holds the same file. A lease is
+// answered only to the sender that made it, and keys start at a random value
+// in each run, so that neither another host nor a client of an earlier run
+// can name a lease it does not hold.
 #include "sp/lease.h"
+#include "sp/lease_limits.h"
+#include "sp/unlock_order.h"
+#include "unixmdc/config.h"
 #include "utils/dlist.h"
 #include "utils/hash_index.h"
 
+#include <errno.h>
 #include <string.h>
+#include <sys/random.h>
+#include <time.h>
+#include <unistd.h>
 
 #include "utils/ksxmem.h"
 #include "utils/lanserver.h"
@@ -62,6 +72,21 @@ using RequestIndex =
 
 bool LogOn(int level) { return GetLogLevel() >= level; }
 
+// An unpredictable first key. getrandom waits only until the kernel's pool
+// is first seeded; should it fail, the clock and the PID still differ from run to run.
+FSULONG RandomKeyStart() {
+  FSULONG start = 0;
+  ssize_t got;
+  do got = getrandom(&start, sizeof start, 0);
+  while (got < 0 && errno == EINTR);
+  if (got == static_cast<ssize_t>(sizeof start)) return start;
+  OSL_Log(KSX_ERROR, "Lease keys: no random start (errno %d); using the clock\n", errno);
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<FSULONG>(now.tv_nsec) ^ static_cast<FSULONG>(now.tv_sec) * 2654435761u ^
+         static_cast<FSULONG>(getpid()) << 16;
+}
+
 }  // namespace
 
 namespace kestrix {
@@ -72,6 +97,8 @@ void InitLeaseList() {
   KeyIndex(&s_byKey).Reset();
   FileIndex(&s_byFile).Reset();
   RequestIndex(&s_byRequest).Reset();
+  kestrix::InitLeaseLimits(kestrix::MaxLeasesPerClient(), kestrix::MaxLeases());
+  globalKey = RandomKeyStart();
 }
 
 // Entries of equal keys sit newest first in each chain, as on the list, so
@@ -88,6 +115,7 @@ void UnlinkLease(LeaseEntry* lease) {
   KeyIndex(&s_byKey).Remove(lease);
   FileIndex(&s_byFile).Remove(lease);
   RequestIndex(&s_byRequest).Remove(lease);
+  kestrix::GiveLeasePlace(lease->commCookie);
 }
 
 int LeaseCount() {
@@ -174,6 +202,8 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
   fresh->library = library;
 
   kestrix::SemGuard guard(leaseListLock);
+  // A file whose last lease has just gone is locked again only after its unlock.
+  kestrix::WaitForUnlock(fileCookie);
   if (addInCriticalSection) OSL_Log(KSX_ERROR, "Semaphore breakdown in AddLeaseToList\n");
   addInCriticalSection = true;
 
@@ -186,7 +216,15 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
     ksxmem_free(fresh);
     OSL_Log(KSX_DEBUG1, "Re-using key 0x%x\n", lease->key);
   } else {
+    const int place = kestrix::TakeLeasePlace(commCookie);
+    if (place != 0) {
+      ksxmem_free(fresh);
+      addInCriticalSection = false;
+      return place;
+    }
     lease = fresh;
+    // After a wrap a key may still be held; it is never handed out twice.
+    while (GetLeasePointer(globalKey) != nullptr) ++globalKey;
     lease->key = globalKey++;
   }
 
@@ -222,6 +260,18 @@ int GetLeaseCopy(FSULONG key, LeaseEntry* copy) {
   return 0;
 }
 
+int GetOwnLeaseCopy(FSULONG key, const uint8_t* commCookie, LeaseEntry* copy) {
+  kestrix::SemGuard guard(leaseListLock);
+  const LeaseEntry* lease = GetLeasePointer(key);
+  if (lease == nullptr) return LEASE_NOT_FOUND_COPY;
+  if (LAN_CompareCommCookies(lease->commCookie, commCookie) != 0) {
+    OSL_Log(KSX_SP, "Lease key 0x%x asked for by another sender; answered as unknown\n", key);
+    return LEASE_NOT_FOUND_COPY;
+  }
+  *copy = *lease;
+  return 0;
+}
+
 int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut) {
   LeaseEntry copy;
   const int status = GetLeaseCopy(key, &copy);
@@ -233,6 +283,7 @@ int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCooki
 
 int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut,
                         FsLibrary* library, const char* callerName) {
+  const bool canUnlock = library != nullptr && library->FS_UnlockMap != nullptr;
   bool unlock = false;
   {
     kestrix::SemGuard guard(leaseListLock);
@@ -248,15 +299,19 @@ int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCook
       // Another lease still holds the file: its map stays locked.
       OSL_Log(KSX_DEBUG1, "Skipping unlock,dup key detect (below)\n");
       DumpKey(lease);
+    } else if (canUnlock && !kestrix::BeginUnlock(lease->fileCookie)) {
+      library->FS_UnlockMap(volumeCookieOut, fileCookieOut);  // no mark free: under the lock
     } else {
-      unlock = true;
+      unlock = canUnlock;
     }
     ksxmem_free(lease);
   }
 
   // The caller's library, outside the lock; the result does not matter here.
-  if (unlock && library != nullptr && library->FS_UnlockMap != nullptr) {
+  // New leases on the file wait for the mark to go.
+  if (unlock) {
     library->FS_UnlockMap(volumeCookieOut, fileCookieOut);
+    kestrix::EndUnlock(fileCookieOut);
   }
   return 0;
 }

@@ -43,14 +43,20 @@ enum {
 
 extern LeaseEntry leaseListHeadGlb;
 extern void* leaseListLock;
-extern FSULONG globalKey;  // the next key to hand out; wraps to 0
+extern FSULONG globalKey;  // the next key to hand out; random at start, wraps to 0
 
 // Take leaseListLock themselves.
+// AddLeaseToList returns 0, -1 when there is no memory, or
+// SP_RESULT_LEASE_LIMIT when the sender or the daemon holds as many leases
+// as it may (sp/lease_limits.h).
 int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
                    const uint8_t* messageCookie, const uint8_t* commCookie, FSULONG intention,
                    FSULONG duration, FSULONG* keyOut, FsLibrary* library,
                    const FSUNI* fileName);
 int GetLeaseCopy(FSULONG key, LeaseEntry* copy);
+// GetLeaseCopy for a request: a lease held by another sender is answered
+// like an unknown key (407).
+int GetOwnLeaseCopy(FSULONG key, const uint8_t* commCookie, LeaseEntry* copy);
 int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut);
 int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut,
                         FsLibrary* library, const char* callerName);
@@ -84,7 +90,8 @@ namespace kestrix {
 inline constexpr FSULONG kLeaseGraceMs = 30000;
 inline constexpr int32_t kPurgePeriodMs = 5000;
 
-// Creates leaseListLock and empties the lease list; called once at start-up.
+// Creates leaseListLock, empties the lease list, sets the lease bounds and
+// a random first key; called once at start-up.
 void InitLeaseList();
 // Number of leases in the list.
 int LeaseCount();
@@ -92,6 +99,8 @@ int LeaseCount();
 // of both; the caller holds leaseListLock.
 void LinkLease(LeaseEntry* lease);
 void UnlinkLease(LeaseEntry* lease);
+// lease + ms (ms >= 0) without passing the largest lease, 2^31 - 1 ms.
+FSLONG LeasePlus(FSLONG lease, FSLONG ms);
 
 }  // namespace kestrix
 #endif

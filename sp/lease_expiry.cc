@@ -3,6 +3,8 @@
 // duration and grace period have passed.
 #include <stdint.h>
 
+#include <algorithm>
+
 #include "sp/lease.h"
 #include "utils/dlist.h"
 #include "utils/ksxmem.h"
@@ -18,8 +20,10 @@ const FSLONG defaultWriteLease = 3600000;
 
 namespace {
 
-// A maximum whose millisecond value does not fit stands for one day.
+// A maximum whose millisecond value does not fit stands for one day; so
+// does a missing one.
 constexpr FSLONG kOverflowMaxSeconds = 86400;
+constexpr FSLONG kNoMaximumMs = kOverflowMaxSeconds * 1000;
 
 // seconds × 1000 as 32-bit two's-complement arithmetic gives it; a
 // negative product is replaced by the one-day cap.
@@ -43,13 +47,18 @@ FSLONG CalcLease(FSLONG requested, FSULONG intention, FsLibrary* library,
                  const uint8_t* volumeCookie) {
   FSLONG lease = requested;
   if (lease == 0) lease = intention == 1 ? defaultReadLease : defaultWriteLease;
+  // The wire field is unsigned: what reads as negative asks for more than
+  // 2^31 - 1 ms, beyond every cap, and is capped like any long request.
+  if (lease < 0) lease = INT32_MAX;
   if (library == nullptr || library->FS_GetMaxLeases == nullptr || volumeCookie == nullptr) {
-    return lease;
+    return std::min(lease, kNoMaximumMs);
   }
 
   FSLONG readMax = lease;
   FSLONG writeMax = lease;
-  if (library->FS_GetMaxLeases(volumeCookie, &readMax, &writeMax) != 0) return lease;
+  if (library->FS_GetMaxLeases(volumeCookie, &readMax, &writeMax) != 0) {
+    return std::min(lease, kNoMaximumMs);
+  }
   if (readMax == 0) readMax = defaultReadLease;
   if (writeMax == 0) writeMax = defaultWriteLease;
 
@@ -93,3 +102,11 @@ void* PurgeLeaseThread(void* ignored) {
 }
 
 }  // extern "C"
+
+namespace kestrix {
+
+FSLONG LeasePlus(FSLONG lease, FSLONG ms) {
+  return lease > INT32_MAX - ms ? INT32_MAX : lease + ms;
+}
+
+}  // namespace kestrix

@@ -19,10 +19,10 @@ FSULONG MaxDgramFromText(const char* text) {
   long long asked = std::strtoll(text, nullptr, 10);
   FSULONG used = static_cast<FSULONG>(asked);
   if (asked < static_cast<long long>(kMinMaxDgram)) used = kMinMaxDgram;
-  if (asked > static_cast<long long>(kMaxUdpPayload)) used = kMaxUdpPayload;
+  if (asked > static_cast<long long>(kMaxMaxDgram)) used = kMaxMaxDgram;
   if (static_cast<long long>(used) != asked) {
     OSL_Log(KSX_ERROR, "MAXDGRAM %s is outside %u to %u; using %u\n", text,
-            static_cast<unsigned>(kMinMaxDgram), static_cast<unsigned>(kMaxUdpPayload),
+            static_cast<unsigned>(kMinMaxDgram), static_cast<unsigned>(kMaxMaxDgram),
             static_cast<unsigned>(used));
   }
   return used;

@@ -17,7 +17,7 @@ namespace {
 constexpr FS64LONG kUnchanged = -1;
 }  // namespace
 
-extern "C" LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* /*commCookie*/) {
+extern "C" LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* commCookie) {
   auto* msg = reinterpret_cast<SetSizeMsg*>(request);
   FsLibrary* library = nullptr;
   FSULONG granted = 0;
@@ -27,7 +27,7 @@ extern "C" LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* /*commCoo
   OSL_Log(KSX_SP, "SP_LanSetSize handler called key 0x%x\n", msg->key);
   SPSUP_DumpMessage(request, 0);
 
-  int result = GetLeaseCopy(msg->key, &held);
+  int result = GetOwnLeaseCopy(msg->key, commCookie, &held);
   if (result == 0) {
     library = GetLibrary(held.volumeCookie);
     if (library == nullptr) result = SP_RESULT_NO_LIBRARY;

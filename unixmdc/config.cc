@@ -24,4 +24,20 @@ uint16_t ServicePort() {
   return static_cast<uint16_t>(port);
 }
 
+namespace {
+uint32_t Bound(const char* name, uint32_t unset) {
+  const char* text = std::getenv(name);
+  if (text == nullptr || *text == '\0') return unset;
+  char* end = nullptr;
+  const long long value = std::strtoll(text, &end, 10);
+  return (*end != '\0' || value < 1 || value > 2147483647) ? unset : static_cast<uint32_t>(value);
+}
+}  // namespace
+
+uint32_t MaxLeasesPerClient() {
+  return Bound("KESTRIX_MAX_LEASES_PER_CLIENT", kDefaultMaxLeasesPerClient);
+}
+
+uint32_t MaxLeases() { return Bound("KESTRIX_MAX_LEASES", kDefaultMaxLeases); }
+
 }  // namespace kestrix

@@ -11,6 +11,8 @@
 
 namespace kestrix {
 
+inline constexpr uint32_t kDefaultMaxLeasesPerClient = 4096;
+inline constexpr uint32_t kDefaultMaxLeases = 32768;
 inline constexpr const char* kDefaultLibraryDirectory = "/opt/Kestrix/lib";
 inline constexpr uint16_t kDefaultServicePort = 5501;
 
@@ -19,6 +21,11 @@ std::string LibraryDirectory();
 // The UDP port the daemon binds; a value that is not a port in 1..65535
 // falls back to the default.
 uint16_t ServicePort();
+// The lease bounds of one sender and of all, from KESTRIX_MAX_LEASES_PER_CLIENT
+// and KESTRIX_MAX_LEASES; a value that is not a decimal number in
+// 1..2147483647 falls back to the default.
+uint32_t MaxLeasesPerClient();
+uint32_t MaxLeases();
 // The directory a "LOG" file destination must lie in; empty (unset or set
 // to nothing) when any file is taken.
 std::string LogDirectory();

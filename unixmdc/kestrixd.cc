@@ -6,6 +6,7 @@
 
 #include <getopt.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -49,6 +50,24 @@ static void RequireForStartup(bool created, const char* what) {
   if (created) return;
   OSL_Log(KSX_ERROR, "kestrixd: cannot create %s.\n", what);
   exit(1);
+}
+
+// Every file a library holds locked keeps a descriptor open, so the soft
+// limit is raised to the hard one: a daemon that runs out of descriptors
+// answers every client with an error that blames the mount.
+static void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  const rlim_t before = limit.rlim_cur;
+  limit.rlim_cur = limit.rlim_max;
+  if (before == limit.rlim_max) return;
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    OSL_Log(KSX_ERROR, "kestrixd: cannot raise the open file limit from %llu\n",
+            static_cast<unsigned long long>(before));
+    return;
+  }
+  OSL_Log(KSX_SP, "kestrixd: open file limit raised from %llu to %llu\n",
+          static_cast<unsigned long long>(before), static_cast<unsigned long long>(limit.rlim_max));
 }
 
 // Set when the listener threads hold g_kestrixdsem for the callback.
@@ -223,5 +242,6 @@ int KestrixdMain(int argc, char** argv) {
     pid_t pid = fork();
     if (pid != 0) exit(0);  // the parent, or no child at all
   }
+  RaiseDescriptorLimit();
   startup();
 }

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <map>
 #include <memory>
 
@@ -100,6 +104,22 @@ class MapE2E : public PluginDaemonTest {
         .value_or(client::MapReply{});
   }
   int32_t Result(const Bytes& request) { return client::Read<int32_t>(Send(request), 48); }
+  // The reply to a request sent from another loopback address, such as 127.0.0.2.
+  Bytes AskFrom(const char* local, const Bytes& request) {
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in from{AF_INET, 0, {}, {}}, to{AF_INET, htons(daemon_.port()), {htonl(INADDR_LOOPBACK)}, {}};
+    inet_pton(AF_INET, local, &from.sin_addr);
+    const timeval wait{2, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    Bytes reply(65536);
+    const bool sent = bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
+                      sendto(fd, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) > 0;
+    const ssize_t n = sent ? recv(fd, reply.data(), reply.size(), 0) : -1;
+    close(fd);
+    EXPECT_GT(n, 0) << "no reply to " << local;
+    reply.resize(n > 48 ? n : 52);
+    return reply;
+  }
 
   uint64_t sequence_ = 0;
 };

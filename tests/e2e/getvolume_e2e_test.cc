@@ -69,12 +69,22 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
 }
 
 TEST_F(GetVolumeE2E, MaxDgramBoundsTheRoom) {
+  // Set to the default it is the same as unset: the full room, no Error line.
+  const struct { const char* maxdgram; size_t reply; int room; const char* line; } rows[] = {
+      {nullptr, 65507, 65536 - 272, ""},  // more disks claimed than fit: cut to one datagram
+      {"65536", 65507, 65536 - 272, ""},
+      {"100", 1024, 1024 - 272, "Error MAXDGRAM 100 is outside 1024 to 65536; using 1024\n"},
+  };
   Install("libtestfs.so", "liba.so", "volume /export/data vol-a\nvol.nDisks 4294967295\n");
-  daemon_.SetEnv("MAXDGRAM", "100");
-  Start();
-  EXPECT_TRUE(daemon_.WaitForLog("MAXDGRAM 100 is outside 1024 to 65507; using 1024"));
-  EXPECT_EQ(Get("data"), std::pair(0, size_t{1024}));  // more disks claimed than fit
-  EXPECT_EQ(Fs("liba.so").Calls("FS_GetVolByCookie").at(0).Int("room"), 1024 - 272);
+  for (const auto& r : rows) {
+    if (r.maxdgram != nullptr) daemon_.SetEnv("MAXDGRAM", r.maxdgram);
+    Restart();
+    const std::string log = daemon_.Log();
+    const int lines = *r.line != 0 ? 1 : 0;
+    EXPECT_EQ(Get("data"), std::pair(0, r.reply)) << (r.maxdgram ? r.maxdgram : "unset");
+    EXPECT_EQ(Fs("liba.so").Calls("FS_GetVolByCookie").back().Int("room"), r.room);
+    EXPECT_EQ(std::pair(CountOf(log, "MAXDGRAM"), CountOf(log, r.line)), std::pair(lines, lines)) << log;
+  }
 }
 
 }  // namespace

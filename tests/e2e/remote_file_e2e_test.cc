@@ -77,7 +77,9 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
   int filler = open((exp_ + "/filler").c_str(), O_WRONLY | O_CREAT, 0644);
   for (int b = 0; b < 90; ++b) {
     const std::string block = Random(bs_, b);
-    if (b % 3 != 2) ASSERT_EQ(pwrite(sparse, block.data(), bs_, b * bs_), bs_);
+    if (b % 3 != 2) {
+      ASSERT_EQ(pwrite(sparse, block.data(), bs_, b * bs_), bs_);
+    }
     ASSERT_EQ(pwrite(filler, block.data(), bs_, b * bs_), bs_);
     fsync(sparse), fsync(filler);
   }
@@ -140,16 +142,17 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
 // buffers; a file missing on the share; a daemon restarted mid-write.
 TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
   const struct {
-    std::string name, names;  // --names DIR, or none
+    std::string name, names, disk;  // --names DIR, or none; --disk, or the image's device
     size_t bytes;
     bool restart;
     int status;
     std::string error;
   } rows[] = {
-      {"missing", "", 4096, false, 3, "first created through the share"},
-      {"created", exp_, 3 << 20, false, 0, ""},
-      {"large", exp_, 96 << 20, false, 0, ""},
-      {"restarted", exp_, 40 << 20, true, 0, ""},
+      {"missing", "", "", 4096, false, 3, "first created through the share"},
+      {"created", exp_, "", 3 << 20, false, 0, ""},
+      {"created", exp_, "/dev/null", 4096, false, 4, "no disk holds"},
+      {"large", exp_, "", 96 << 20, false, 0, ""},
+      {"restarted", exp_, "", 40 << 20, true, 0, ""},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -157,7 +160,9 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
     ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
     const std::string data = Random(row.bytes, static_cast<unsigned>(row.bytes));
     std::vector<std::string> args = Cli({"write", "data", row.name});
+    if (!row.disk.empty()) args.back() = row.disk;
     if (!row.names.empty()) args.insert(args.end(), {"--names", row.names});
+    const std::string before = ReadFile(exp_ + "/" + row.name);
     ASSERT_EQ(write(in[1], data.data(), 4096), 4096);  // waits in the pipe until read
     ChildProcess cli(KESTRIX_CLI, args, {}, in[0]);
     if (row.status != 0) {
@@ -165,7 +170,8 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
       EXPECT_EQ(r.exitStatus, row.status);
       EXPECT_NE(FlatJson(r.standardOutput)["/error"].find(row.error), std::string::npos) << r.standardOutput;
       char left[4096];
-      EXPECT_EQ(read(in[0], left, sizeof left), 4096);  // the input was not touched
+      EXPECT_EQ(read(in[0], left, sizeof left), 4096);  // the input was not touched, nor the file
+      EXPECT_EQ(ReadFile(exp_ + "/" + row.name) == before, true);
       close(in[0]), close(in[1]);
       continue;
     }
@@ -188,7 +194,9 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
     ASSERT_EQ(r.exitStatus, 0) << r.standardError;
     EXPECT_EQ(json["/written"], std::to_string(data.size()));
     EXPECT_EQ(ReadFile(exp_ + "/" + row.name) == data, true);
-    if (row.restart) EXPECT_GE(std::stoi(json["/reopens"]), 1);
+    if (row.restart) {
+      EXPECT_GE(std::stoi(json["/reopens"]), 1);
+    }
     if (row.bytes > (64 << 20)) {  // and read back whole through kestrix-cli
       TempDir out;
       RunResult back = RunToExit(KESTRIX_CLI, Cli({"read", "data", row.name, "-o", out.File("f")}), {});

@@ -13,6 +13,7 @@
 //   volume MOUNT VOLCOOKIE | file PATH VOLCOOKIE|- FILECOOKIE   what is served
 //   vol.vendorStatus|nDisks N, vol.error TEXT (with a vendorStatus)
 //   map.msgLen|nExtents|extentType N
+//   delay.unlock MS   FS_UnlockMap sleeps this long before it returns
 // Disk i (from 0): DiskID bytes 0x10 (i+1) + j, IDoffset 1000 (i+1),
 // BlockOffset 2000 (i+1), nBlocks 100000 (i+1). Extent i: {1000 (i+1), 8 (i+1)}
 // (type 0, the default) or {65536 i, 1048576 (i+1), 65536, i, 1} (type 1),
@@ -260,6 +261,7 @@ TESTFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t*
 
 #ifndef TESTFS_NO_UNLOCK
 TESTFS_EXPORT FSLONG FS_UnlockMap(const uint8_t* volumeCookie, const uint8_t* fileCookie) {
+  usleep(static_cast<useconds_t>(ReadConf().Num("delay.unlock", 0) * 1000));
   return Recorded("FS_UnlockMap" + Cookies(volumeCookie, fileCookie), Result(ReadConf(), "FS_UnlockMap"));
 }
 #endif

@@ -69,6 +69,7 @@ class DaemonProcess {
   int WaitExit(int timeoutMs);
 
   uint16_t port() const { return port_; }
+  pid_t pid() const { return pid_; }
   const std::string& logPath() const { return logPath_; }
   std::string Log() const { return ReadFile(logPath_); }
   std::string Stdout() const { return ReadFile(dir_.File("stdout.txt")); }

@@ -31,11 +31,13 @@ TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
   lib.FS_GetMaxLeases = FakeGetMaxLeases;
   FsLibrary* const libs[] = {nullptr, &lib, &noSlot, &lib};
   const uint8_t vol[FS_COOKIE_SIZE] = {};
-  // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day.
+  // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day,
+  // as is any lease without a maximum. A negative request is over-long, not exempt.
   const Row rows[] = {
       {0, 1, 0, 0, 0, 0, 5000}, {0, 0, 0, 0, 0, 0, 3600000}, {20000, 1, 1, 0, 10, 1000, 10000},
-      {0, 0, 1, 0, 0, 0, 3600000}, {100000000, 0, 1, 0, 0, 0, 86400000}, {-5, 1, 1, 0, 10, 10, -5},
-      {20000, 1, 1, 3, 1, 1, 20000}, {99999, 1, 2, 0, 1, 1, 99999}, {99999, 1, 3, 0, 1, 1, 99999},
+      {0, 0, 1, 0, 0, 0, 3600000}, {100000000, 0, 1, 0, 0, 0, 86400000}, {-5, 1, 1, 0, 10, 10, 10000},
+      {-5, 1, 0, 0, 0, 0, 86400000}, {20000, 1, 1, 3, 1, 1, 20000}, {-5, 1, 1, 3, 1, 1, 86400000},
+      {99999, 1, 2, 0, 1, 1, 99999}, {99999, 1, 3, 0, 1, 1, 99999},
       {800000000, 1, 1, 0, 5000000, 1, 705032704}};  // 5000000 s wraps to a positive count
   for (const Row& r : rows) {
     g_row = &r;
@@ -57,6 +59,7 @@ class LeaseListTest : public ::testing::Test {
   void SetUp() override {
     kestrix::SetClockForTesting([] { return g_now; });
     kestrix::InitLeaseList();
+    globalKey = 0;  // the cases count keys from 0
     libA_.FS_UnlockMap = Unlock<0>;
     libB_.FS_UnlockMap = Unlock<1>;
   }
@@ -133,27 +136,21 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, start));
 }
 
-// After the keys wrap, two leases share a key: the newer one is found and
-// removed first, also once the indexes have grown past their first size, and
-// every byte they took is given back when the last lease goes.
-TEST_F(LeaseListTest, WrappedKeysFindTheNewestLeaseFirstAcrossIndexGrowth) {
+// After the keys wrap, a key still held is passed over, so no two leases
+// share one; every lease is found by its key once the indexes have grown
+// past their first size, and every byte they took is given back at the end.
+TEST_F(LeaseListTest, WrappedKeysSkipHeldOnesAcrossIndexGrowth) {
   const int32_t idle = g_kmemstat;
   ASSERT_EQ(0u, Add(1));
   globalKey = 0;
-  ASSERT_EQ(0u, Add(2));
-  for (uint8_t m = 1; m <= 200; ++m) Add(3, 2, m);  // 200 leases on one file
-  LeaseEntry copy{};
-  Cookie vol{}, file{};
-  for (uint8_t expected : {2, 1}) {
-    ASSERT_EQ(0, GetLeaseCopy(0, &copy));
-    EXPECT_EQ(copy.fileCookie[0], expected);
-    EXPECT_EQ(0, RemoveLeaseFromList(0, vol.data(), file.data(), &libA_, "SP_LANClose"));
-  }
+  ASSERT_EQ(1u, Add(2));
+  for (uint8_t m = 1; m <= 200; ++m) Add(3, 2, m);  // 200 leases on one file, keys 2 to 201
   // The same request again renews its own lease among the 200.
-  EXPECT_EQ(100u, Add(3, 2, 100));
-  for (FSULONG key = 1; key <= 200; ++key)
+  EXPECT_EQ(101u, Add(3, 2, 100));
+  Cookie vol{}, file{};
+  for (FSULONG key = 0; key <= 201; ++key)
     EXPECT_EQ(0, RemoveLeaseFromList(key, vol.data(), file.data(), &libA_, "SP_LANClose"));
-  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 1}, {0, 3}}), g_unlocks);
+  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 1}, {0, 2}, {0, 3}}), g_unlocks);
   EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, idle));
 }
 

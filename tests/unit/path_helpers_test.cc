@@ -43,9 +43,10 @@ TEST(GetNextStringTest, NeedsRoomForAStringAfterTheFirstZeroUnit) {
 
 TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   LogCapture log(2);
-  for (const char* text : {"65507", "65508", "4294975488"})  // the last not as its low 32 bits, 8192
-    EXPECT_EQ(MaxDgramFromText(text), 65507u) << text;
-  EXPECT_TRUE(log.Contains("Error MAXDGRAM 65508 is outside 1024 to 65507; using 65507\n"));
+  for (const char* text : {"65536", "65537", "4294975488"})  // the last not as its low 32 bits, 8192
+    EXPECT_EQ(MaxDgramFromText(text), 65536u) << text;
+  EXPECT_TRUE(log.Contains("Error MAXDGRAM 65537 is outside 1024 to 65536; using 65536\n"));
+  EXPECT_FALSE(log.Contains("MAXDGRAM 65536 "));
 }
 
 }  // namespace
