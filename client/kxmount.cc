@@ -181,6 +181,13 @@ int Parse(int argc, char** argv, Options* o) {
     return 1;
   }
   o->config.names = real;
+  // Names taken from inside the mount would ask the mount itself.
+  char point[PATH_MAX];
+  if (realpath(o->mountPoint.c_str(), point) &&
+      (o->config.names == point || o->config.names.starts_with(std::string(point) + "/"))) {
+    fprintf(stderr, "kestrix-mount: --names %s lies inside the mount point\n", real);
+    return 1;
+  }
   o->config.file.reopen = true;
   return 0;
 }
