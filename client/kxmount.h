@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -45,6 +46,7 @@ struct OpenFile {
   int handles = 0;                 // guarded by the inode's openLock
   std::mutex append;               // one O_APPEND write at a time
   std::atomic<bool> dirty{false};  // written since the last sync
+  uint64_t generation = 0;         // counts RemoteFiles swapped in; guarded by swap
   std::string path;                // share-relative, for the log; guarded by swap
 };
 
@@ -114,6 +116,11 @@ class Mount {
   int Sync(Inode& inode, OpenFile& file);
   // A new size through the daemon, opening the file for it when needed.
   int Truncate(Inode& inode, int64_t size);
+  // After a lost lease RemoteFile opens the file again by the name it was
+  // opened with; a file renamed since is opened here by its new name and
+  // swapped in. True when the caller should try again: a RemoteFile newer
+  // than `seen` (the generation it used) now serves the file.
+  bool Relocate(Inode& inode, OpenFile& file, uint64_t seen);
 
  private:
   MountConfig config_;
@@ -129,6 +136,22 @@ inline Mount& MountOf(fuse_req_t req) { return *static_cast<Mount*>(fuse_req_use
 
 // The errno value that fits a failed RemoteFile call, logged with its text.
 int DataError(OpenFile& file, const char* what, int64_t offset, ssize_t result);
+
+// op(RemoteFile&) under the file's shared lock; once more when it failed
+// with ESTALE because the file was renamed while its lease was lost.
+template <typename Op>
+auto OnRemote(Mount& m, Inode& inode, OpenFile& file, Op op) {
+  for (int attempt = 0;; ++attempt) {
+    uint64_t generation;
+    decltype(op(*file.remote)) result;
+    {
+      std::shared_lock s(file.swap);
+      generation = file.generation;
+      result = op(*file.remote);
+    }
+    if (result != -ESTALE || attempt > 0 || !m.Relocate(inode, file, generation)) return result;
+  }
+}
 
 }  // namespace kestrix::client
 

@@ -57,6 +57,7 @@ std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
       old = std::exchange(file->remote, std::move(remote));
       file->write = true;
       file->path = path;
+      ++file->generation;
     }
     if (old->Close() != 0) MountLog(false, "closing the read lease of %s: %s", path.c_str(), old->error().c_str());
   } else {
@@ -73,11 +74,7 @@ std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
 
 int Mount::Sync(Inode& inode, OpenFile& file) {
   if (!file.write) return 0;
-  int result;
-  {
-    std::shared_lock s(file.swap);
-    result = file.remote->Sync();
-  }
+  const int result = OnRemote(*this, inode, file, [](RemoteFile& r) { return r.Sync(); });
   if (result != 0) return DataError(file, "syncing", 0, result);
   // The bytes changed on the disk only: the modification time is set
   // through the names, as a local write would have set it.
@@ -119,15 +116,41 @@ int Mount::Truncate(Inode& inode, int64_t size) {
   int err = 0;
   std::shared_ptr<OpenFile> file = Acquire(inode, true, &err);
   if (!file) return err;
-  int result;
-  {
-    std::shared_lock s(file->swap);
-    result = file->remote->Truncate(size);
-  }
+  const int result = OnRemote(*this, inode, *file, [&](RemoteFile& r) { return r.Truncate(size); });
   if (result != 0) err = DataError(*file, "setting the size of", size, result);
   else file->dirty = true;
   const int released = Release(inode);
   return err ? err : released;
+}
+
+bool Mount::Relocate(Inode& inode, OpenFile& file, uint64_t seen) {
+  const std::string path = SharePath(inode);
+  std::unique_ptr<RemoteFile> old;
+  {
+    std::unique_lock s(file.swap);
+    if (file.generation != seen) return true;  // another thread got there first
+    if (path.empty() || path == file.path) return false;
+    FileOptions options = config_.file;
+    options.write = file.write;
+    std::string error;
+    std::unique_ptr<RemoteFile> remote = RemoteFile::Open(config_.share, path, options, &error);
+    // The size is what this host wrote, whatever the daemon kept of it (an
+    // allocation run ahead, or a size it was never told).
+    if (remote && file.write && file.remote->Size() != remote->Size() &&
+        remote->Truncate(file.remote->Size()) != 0) {
+      error = remote->error();
+      remote.reset();
+    }
+    if (!remote) {
+      MountLog(false, "opening %s again as %s: %s", file.path.c_str(), path.c_str(), error.c_str());
+      return false;
+    }
+    MountLog(false, "%s lost its lease while renamed; opened again as %s", file.path.c_str(), path.c_str());
+    old = std::exchange(file.remote, std::move(remote));
+    file.path = path;
+    ++file.generation;
+  }
+  return true;  // the old RemoteFile goes here, its lease already gone
 }
 
 int Mount::CloseAll() {
@@ -157,11 +180,7 @@ int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
   std::shared_ptr<OpenFile> file = m.Acquire(inode, write, &err);
   if (!file) return err;
   if (fi->flags & O_TRUNC) {
-    int result;
-    {
-      std::shared_lock s(file->swap);
-      result = file->remote->Truncate(0);
-    }
+    const int result = OnRemote(m, inode, *file, [](RemoteFile& r) { return r.Truncate(0); });
     if (result != 0) {
       err = DataError(*file, "emptying", 0, result);
       m.Release(inode);
@@ -227,14 +246,11 @@ char* AlignedBuffer(size_t size, bool forWrite) {
 }
 
 void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
-  OpenFile& file = *HandleOf(fi).file;
+  Handle& h = HandleOf(fi);
+  OpenFile& file = *h.file;
   char* buf = AlignedBuffer(size, false);
   if (!buf) return (void)fuse_reply_err(req, ENOMEM);
-  ssize_t n;
-  {
-    std::shared_lock s(file.swap);
-    n = file.remote->Read(offset, buf, size);
-  }
+  const ssize_t n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) { return r.Read(offset, buf, size); });
   if (n < 0) return (void)fuse_reply_err(req, DataError(file, "reading", offset, n));
   fuse_reply_buf(req, buf, static_cast<size_t>(n));
 }
@@ -251,18 +267,13 @@ void WriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t offset, fuse_fi
   out.buf[0].mem = buf;
   const ssize_t got = fuse_buf_copy(&out, in, FUSE_BUF_NO_SPLICE);
   if (got < 0) return (void)fuse_reply_err(req, static_cast<int>(-got));
-  ssize_t n;
-  {
-    std::shared_lock s(file.swap);
-    if (h.flags & O_APPEND) {
-      // The kernel's idea of the end may be old; the lease's is not.
-      std::lock_guard a(file.append);
-      offset = file.remote->Size();
-      n = file.remote->Write(offset, buf, static_cast<size_t>(got));
-    } else {
-      n = file.remote->Write(offset, buf, static_cast<size_t>(got));
-    }
-  }
+  const ssize_t n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) {
+    if (!(h.flags & O_APPEND)) return r.Write(offset, buf, static_cast<size_t>(got));
+    // The kernel's idea of the end may be old; the lease's is not.
+    std::lock_guard a(file.append);
+    offset = r.Size();
+    return r.Write(offset, buf, static_cast<size_t>(got));
+  });
   if (n < 0) return (void)fuse_reply_err(req, DataError(file, "writing", offset, n));
   file.dirty = true;
   fuse_reply_write(req, static_cast<size_t>(n));
@@ -292,12 +303,11 @@ void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
 // zeros; the daemon allocates as the size asks.
 void Allocate(fuse_req_t req, fuse_ino_t, int mode, off_t offset, off_t length, fuse_file_info* fi) {
   if (mode != 0) return (void)fuse_reply_err(req, EOPNOTSUPP);
-  OpenFile& file = *HandleOf(fi).file;
-  int result = 0;
-  {
-    std::shared_lock s(file.swap);
-    if (offset + length > file.remote->Size()) result = file.remote->Truncate(offset + length);
-  }
+  Handle& h = HandleOf(fi);
+  OpenFile& file = *h.file;
+  const int result = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) {
+    return offset + length > r.Size() ? r.Truncate(offset + length) : 0;
+  });
   fuse_reply_err(req, result == 0 ? 0 : DataError(file, "allocating", offset + length, result));
 }
 

@@ -171,7 +171,7 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
 TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   Mount({"--lease", "1500", "--give-up", "3000", "-t", "300", "-r", "1"});
   // A slow write three times as long as the lease: the keeper renews it.
-  const std::string slow = Random(24 * 65536, 3);
+  const std::string slow = Random(16 * 65536, 3);
   int fd = open(M("slow.bin").c_str(), O_WRONLY | O_CREAT, 0644);
   for (size_t at = 0; at < slow.size(); at += 65536) {
     ASSERT_EQ(write(fd, slow.data() + at, 65536), 65536) << ReadFile(log_);
@@ -182,16 +182,22 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   EXPECT_TRUE(PollUntil([&] { return RenewalsAndReopens(ReadFile(log_), "slow.bin").first >= 3; }, 3000)) << ReadFile(log_);
   EXPECT_EQ(RenewalsAndReopens(ReadFile(log_), "slow.bin").second, 0);
 
-  // The daemon restarted half-way through a large write: the file is
-  // opened again by name and comes out complete.
+  // The daemon restarted half-way through a large write, once as the file
+  // kept its name and once after it was renamed: the file is opened again
+  // by its name and comes out complete.
   const std::string large = Random(16 << 20, 4);
-  fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);  // not held by the new daemon
-  for (size_t at = 0; at < large.size(); at += 1 << 20) {
-    if (at == 8 << 20) RestartDaemon();
-    ASSERT_EQ(write(fd, large.data() + at, 1 << 20), 1 << 20) << ReadFile(log_);
+  for (const char* name : {"large.bin", "renamed.bin"}) {
+    fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);  // not held by the new daemon
+    for (size_t at = 0; at < large.size(); at += 1 << 20) {
+      if (at == 8 << 20) {
+        ASSERT_EQ(rename(M("large.bin").c_str(), M(name).c_str()), 0);
+        RestartDaemon();
+      }
+      ASSERT_EQ(write(fd, large.data() + at, 1 << 20), 1 << 20) << name << "\n" << ReadFile(log_);
+    }
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(ReadFile(E(name)) == large, true) << name;
   }
-  EXPECT_EQ(close(fd), 0);
-  EXPECT_EQ(ReadFile(E("large.bin")) == large, true);
   EXPECT_TRUE(PollUntil([&] { return RenewalsAndReopens(ReadFile(log_), "large.bin").second >= 1; }, 3000)) << ReadFile(log_);
 
   // A daemon that stays away: writes fail with EIO, and the log says why.
