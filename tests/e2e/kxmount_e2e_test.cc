@@ -53,7 +53,9 @@ class MountE2E : public ::testing::TestWithParam<FsKind> {
   void TearDown() override {
     if (pid_ <= 0) return;
     RunToExit(FindProgram("fusermount3"), {"-u", mnt_}, {});
-    const int status = WaitFor(pid_, 5000);  // a clean shutdown: leases closed, exit 0
+    // A clean shutdown: leases closed, exit 0. A daemon gone for good costs
+    // each open file the give-up time.
+    const int status = WaitFor(pid_, 20000);
     EXPECT_EQ(status, 0) << ReadFile(log_);
     if (status < 0) Kill(pid_, SIGTERM);
     if (Mounted()) umount2(mnt_.c_str(), MNT_DETACH);
