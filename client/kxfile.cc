@@ -1,7 +1,8 @@
-// The open remote file: opening by share and path, the lease and its
-// keeper, the map fetched by range and checked, allocation growth, and
-// the direct transfers of each Read and Write, one round (depth x ioBytes)
-// at a time, each round only while the lease is known to be alive.
+// The open remote file: opening by share and path, its lease (kept by
+// KeptLease) and the bringing back of a lost one, the map fetched by range
+// and checked, allocation growth, and the direct transfers of each Read and
+// Write, one round (depth x ioBytes) at a time, each round only while the
+// lease is known to be alive.
 #include "client/kxfile.h"
 
 #include <unistd.h>
@@ -10,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
@@ -19,6 +19,7 @@
 
 #include "client/kxdirect.h"
 #include "client/kxdisk.h"
+#include "client/kxlease.h"
 #include "client/kxmap.h"
 #include "fsvalidity.h"
 #include "spmsgs.h"
@@ -30,7 +31,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
 
-constexpr int64_t kRenewGapMs = 2000;    // renewals at least this often, to notice a restart
 constexpr int kRetryPauseMs = 200;       // between attempts to confirm or reopen a lease
 constexpr int64_t kMinGrowth = 64 << 20;  // the allocation runs this far ahead at least
 constexpr int64_t kMaxGrowth = int64_t{1} << 30;
@@ -97,20 +97,13 @@ class File final : public RemoteFile {
         path_(std::move(path)),
         o_(std::move(options)),
         client_(o_.daemon),
+        lease_(path_),
         io_(std::max(1u, o_.depth)) {
     o_.ioBytes = std::max<size_t>(RoundUp(static_cast<int64_t>(o_.ioBytes), 4096), 4096);
   }
 
   ~File() override {
-    StopKeeper();
-    bool held;
-    {
-      std::lock_guard<std::mutex> l(leaseMu_);
-      held = opened_ && (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed ||
-                         (state_ == Lease::kLost && closeStale_));
-      state_ = Lease::kClosed;
-    }
-    if (held) Ask([&](Client& c) { return c.Close(key_, -1); });
+    if (lease_.Close()) Ask([&](Client& c) { return c.Close(lease_.key(), -1); });
     for (const OpenDisk& d : disks_) close(d.fd);
   }
 
@@ -124,14 +117,11 @@ class File final : public RemoteFile {
       return Failed(f, ErrnoOfResult(m->result), what + ": " + ResultText(m->result) +
                         (m->result == SP_RESULT_FILE_NOT_FOUND ? "; the file does not exist" : ""),
                     m->result, false);
-    key_ = m->key;
-    opened_ = true;
+    lease_.Take(m->key, sent, m->lease);
     fileCookie_ = m->fileCookie;
     volumeCookie_ = m->volumeCookie;
     if (m->lease == 0) return Failed(f, EPROTO, what + ": the daemon granted no lease", 0, false);
     renewLease_ = o_.leaseMs != 0 ? o_.leaseMs : m->lease;
-    state_ = Lease::kUnconfirmed;
-    Confirm(sent, m->lease);
     if (!m->hasMap || (m->map.vendorStatus != 0 && m->map.vendorStatus != 1))
       return Failed(f, EIO, what + ": no map (library status " +
                                 std::to_string(m->map.vendorStatus) + " " + m->map.text + ")",
@@ -171,7 +161,16 @@ class File final : public RemoteFile {
     cache_.Add(m->map);
     ++stats_.mapReplies;
     stats_.extents += static_cast<int>(m->map.extents.size());
-    keeper_ = std::thread([this] { Keep(); });
+    lease_.Keep([this](uint32_t key) {
+      Asked<MapReply> a = Ask([&](Client& c) { return c.ExtendedMap(key, 0, 1, renewLease_, -1, -1, MapFlag()); });
+      KeptLease::Renewal r;
+      r.answered = a.reply.has_value();
+      r.result = a.reply ? a.reply->result : 0;
+      r.lease = a.reply ? a.reply->lease : 0;
+      r.sent = a.sent;
+      r.error = a.error;
+      return r;
+    });
     return true;
   }
 
@@ -283,7 +282,7 @@ class File final : public RemoteFile {
       else if (r->result != 0) e = Refused(what, r->result);
       if (e == -EAGAIN) continue;
       if (e != 0) return e;
-      if (r->lease > 0) Confirm(sent, r->lease);
+      if (r->lease > 0) lease_.Confirm(sent, r->lease);
       size_ = size;
       sizeDirty_ = false;
       std::lock_guard<std::mutex> m(mapMu_);
@@ -301,19 +300,10 @@ class File final : public RemoteFile {
   }
 
   int Close() override {
-    {
-      std::lock_guard<std::mutex> l(leaseMu_);
-      if (state_ == Lease::kClosed) return 0;
-    }
+    if (lease_.state() == KeptLease::State::kClosed) return 0;
     const int rc = Sync();
-    StopKeeper();
-    {
-      std::lock_guard<std::mutex> l(leaseMu_);
-      const bool held = state_ == Lease::kHeld || state_ == Lease::kUnconfirmed;
-      state_ = Lease::kClosed;
-      if (!held) return rc;
-    }
-    Asked<StatusReply> a = Ask([&](Client& c) { return c.Close(key_, -1); });
+    if (!lease_.Close()) return rc;
+    Asked<StatusReply> a = Ask([&](Client& c) { return c.Close(lease_.key(), -1); });
     const std::optional<StatusReply>& r = a.reply;
     if (rc != 0) return rc;
     if (!r) return NoAnswer("closing " + path_, a);
@@ -336,12 +326,11 @@ class File final : public RemoteFile {
     s.disk = disksText_;
     s.backend = io_.backend();
     s.key = key;
+    s.renewals = lease_.renewals();
     return s;
   }
 
  private:
-  enum class Lease { kHeld, kUnconfirmed, kLost, kClosed };
-
   OpenOptions OpenOptionsFor() const {
     OpenOptions oo;
     oo.intention = o_.write ? 0 : 1;
@@ -383,27 +372,17 @@ class File final : public RemoteFile {
   int Refused(const std::string& what, int32_t result) {
     return Fail(-ErrnoOfResult(result), what + ": " + ResultText(result), result);
   }
-  static bool LeaseGone(int32_t result) {
-    return result == SP_RESULT_KEY_NOT_FOUND || result == SP_RESULT_LEASE_NOT_RENEWED;
-  }
+  static bool LeaseGone(int32_t result) { return KeptLease::Unknown(result); }
   // A request of a transfer the daemon did not answer: no byte moves until
   // the lease is confirmed again (-EAGAIN: the caller brings it back).
   template <typename T>
   int Unanswered(const std::string& what, const Asked<T>& a) {
-    std::lock_guard<std::mutex> l(leaseMu_);
-    if (state_ == Lease::kHeld) {
-      state_ = Lease::kUnconfirmed;
-      lostWhy_ = what + ": " + a.error;
-    }
+    lease_.Unconfirmed(what + ": " + a.error);
     return -EAGAIN;
   }
   // The daemon no longer knows the lease (restarted, or purged it).
   int Gone(const std::string& what, int32_t result) {
-    std::lock_guard<std::mutex> l(leaseMu_);
-    if (state_ == Lease::kHeld || state_ == Lease::kUnconfirmed) {
-      state_ = Lease::kLost;
-      lostWhy_ = what + ": " + ResultText(result) + ", the lease is gone";
-    }
+    lease_.Lost(what + ": " + ResultText(result) + ", the lease is gone", false);
     return -EAGAIN;
   }
 
@@ -422,131 +401,40 @@ class File final : public RemoteFile {
 
   // ---- the lease ----
 
-  // A renewal sent at `sent` granted `lease` ms: the daemon holds the file
-  // at least until sent + lease (and purges it no sooner than 30 s later).
-  void Confirm(Clock::time_point sent, uint32_t lease) {
-    std::lock_guard<std::mutex> l(leaseMu_);
-    if (sent < renewBase_ || state_ == Lease::kClosed || state_ == Lease::kLost) return;
-    renewBase_ = sent;
-    granted_ = lease;
-    deadline_ = sent + Ms(lease);
-    if (state_ == Lease::kUnconfirmed) state_ = Lease::kHeld;
-  }
-
-  uint32_t Key() const {
-    std::lock_guard<std::mutex> l(leaseMu_);
-    return key_;
-  }
-
-  bool Alive() const {
-    std::lock_guard<std::mutex> l(leaseMu_);
-    return state_ == Lease::kHeld && Clock::now() < deadline_;
-  }
-
-  // Renews the lease once; a refusal marks it lost, a missing answer
-  // unconfirmed (no transfer starts until it is confirmed again).
-  void RenewOnce() {
-    uint32_t key;
-    uint64_t generation;
-    {
-      std::lock_guard<std::mutex> l(leaseMu_);
-      key = key_;
-      generation = generation_;
-    }
-    Asked<MapReply> a = Ask([&](Client& c) { return c.ExtendedMap(key, 0, 1, renewLease_, -1, -1, MapFlag()); });
-    const std::optional<MapReply>& r = a.reply;
-    const Clock::time_point sent = a.sent;
-    const std::string& error = a.error;
-    if (r && r->result == 0 && r->lease > 0) {
-      Confirm(sent, r->lease);
-      std::lock_guard<std::mutex> s(statsMu_);
-      ++stats_.renewals;
-      return;
-    }
-    std::lock_guard<std::mutex> l(leaseMu_);
-    if (generation != generation_ || state_ == Lease::kClosed) return;
-    if (r && r->result != 1) {
-      state_ = Lease::kLost;
-      lostWhy_ = "the daemon refused to renew the lease on " + path_ + ": " + ResultText(r->result);
-      // A lease the daemon still knows (its library refused, for a local
-      // change waiting) is given back at once rather than left to run out.
-      closeStale_ = !LeaseGone(r->result);
-    } else if (state_ == Lease::kHeld) {
-      state_ = Lease::kUnconfirmed;
-      lostWhy_ = "the lease on " + path_ + " could not be renewed: " +
-                 (r ? std::string("the daemon answered 1 without renewing it") : error);
-    }
-  }
-
-  // The keeper renews well before the lease runs out, and at least every
-  // kRenewGapMs so that a daemon that lost its leases is noticed soon.
-  void Keep() {
-    std::unique_lock<std::mutex> l(leaseMu_);
-    while (!stop_) {
-      if (state_ == Lease::kLost) {
-        keeperCv_.wait(l, [&] { return stop_ || state_ != Lease::kLost; });
-        continue;
-      }
-      const uint64_t generation = generation_;
-      const Clock::time_point next =
-          state_ == Lease::kHeld
-              ? renewBase_ + Ms(std::min<int64_t>(granted_ / 3, kRenewGapMs))
-              : Clock::now() + Ms(kRetryPauseMs);
-      if (keeperCv_.wait_until(l, next, [&] { return stop_ || generation_ != generation; }))
-        continue;
-      l.unlock();
-      RenewOnce();
-      l.lock();
-    }
-  }
-
-  void StopKeeper() {
-    {
-      std::lock_guard<std::mutex> l(leaseMu_);
-      stop_ = true;
-    }
-    keeperCv_.notify_all();
-    if (keeper_.joinable()) keeper_.join();
-  }
+  uint32_t Key() const { return lease_.key(); }
+  bool Alive() const { return lease_.Alive(); }
 
   // Brings back a lease that is not known to be alive: renewed when the
   // daemon still holds it, else the file opened again by name. No transfer
   // of this file runs meanwhile. Gives up after giveUpMs without an answer.
+  // A failure to bring it back is final: every later call fails the same
+  // way at once, instead of each waiting out giveUpMs again.
   int Recover() {
     std::unique_lock<std::shared_mutex> io(ioLock_);
+    if (recoverFailed_ != 0) return recoverFailed_;  // error() still says why
+    const int e = RecoverLocked();
+    if (e != 0 && e != -EBADF) recoverFailed_ = e;
+    return e;
+  }
+
+  int RecoverLocked() {
     const Clock::time_point giveUp = Clock::now() + Ms(o_.giveUpMs);
     for (;;) {
-      Lease state;
-      {
-        std::lock_guard<std::mutex> l(leaseMu_);
-        if (state_ == Lease::kClosed) return Fail(-EBADF, path_ + " is closed");
-        if (state_ == Lease::kHeld && Clock::now() < deadline_) return 0;
-        state = state_;
-      }
-      if (state != Lease::kLost) {
-        RenewOnce();
-        if (Alive()) return 0;
+      const KeptLease::State state = lease_.state();
+      if (state == KeptLease::State::kClosed) return Fail(-EBADF, path_ + " is closed");
+      if (lease_.Alive()) return 0;
+      if (state != KeptLease::State::kLost) {
+        lease_.RenewNow();
+        if (lease_.Alive()) return 0;
       } else {
-        std::string why;
-        bool closeStale;
-        uint32_t stale;
-        {
-          std::lock_guard<std::mutex> l(leaseMu_);
-          why = lostWhy_;
-          closeStale = std::exchange(closeStale_, false);
-          stale = key_;
-        }
-        if (closeStale) Ask([&](Client& c) { return c.Close(stale, -1); });
+        const std::string why = lease_.why();
+        if (std::optional<uint32_t> stale = lease_.TakeGiveBack())
+          Ask([&](Client& c) { return c.Close(*stale, -1); });
         if (!o_.reopen) return Fail(-ESTALE, why + "; no byte moves without it");
         if (int e = Reopen(why); e != -EAGAIN) return e;
       }
       if (Clock::now() >= giveUp) {
-        std::string why;
-        {
-          std::lock_guard<std::mutex> l(leaseMu_);
-          why = lostWhy_;
-        }
-        return Fail(-EIO, why + "; gave up after " + std::to_string(o_.giveUpMs) +
+        return Fail(-EIO, lease_.why() + "; gave up after " + std::to_string(o_.giveUpMs) +
                               " ms without an answer from " + client_.peer(),
                     0, true);
       }
@@ -574,14 +462,7 @@ class File final : public RemoteFile {
     } else if (!m->hasMap || m->lease == 0) {
       why = "the reply holds no map or no lease";
     } else if (CheckMap(m->map, 0, -1, slices_, &why)) {
-      {
-        std::lock_guard<std::mutex> l(leaseMu_);
-        key_ = m->key;
-        ++generation_;
-        state_ = Lease::kUnconfirmed;
-        renewBase_ = Clock::time_point{};
-      }
-      Confirm(sent, m->lease);
+      lease_.Take(m->key, sent, m->lease);
       {
         std::lock_guard<std::mutex> mm(mapMu_);
         cache_.Clear();
@@ -592,7 +473,6 @@ class File final : public RemoteFile {
         ++stats_.reopens;
         ++stats_.mapReplies;
       }
-      keeperCv_.notify_all();
       return 0;
     }
     Ask([&](Client& c) { return c.Close(m->key, -1); });
@@ -615,7 +495,7 @@ class File final : public RemoteFile {
     std::string why;
     if (!CheckMap(r->map, from, to - from, slices_, &why))
       return Fail(-EPROTO, what + ": " + why + "; nothing of it was moved");
-    if (r->result == 0 && r->lease > 0) Confirm(sent, r->lease);
+    if (r->result == 0 && r->lease > 0) lease_.Confirm(sent, r->lease);
     {
       std::lock_guard<std::mutex> m(mapMu_);
       if (clear) cache_.Clear();
@@ -780,16 +660,8 @@ class File final : public RemoteFile {
   std::mutex callMu_;  // one request to the daemon at a time; innermost lock
   Client client_;
 
-  mutable std::mutex leaseMu_;
-  std::condition_variable keeperCv_;
-  Lease state_ = Lease::kLost;
-  uint32_t key_ = 0;
-  uint64_t generation_ = 0;  // counts reopens
-  uint32_t granted_ = 0, renewLease_ = 0;
-  Clock::time_point renewBase_{}, deadline_{};
-  std::string lostWhy_;
-  bool opened_ = false, stop_ = false, closeStale_ = false;
-  std::thread keeper_;
+  uint32_t renewLease_ = 0;  // the lease renewals ask for
+  KeptLease lease_;
 
   std::array<uint8_t, FS_COOKIE_SIZE> fileCookie_{}, volumeCookie_{};
   std::vector<OpenDisk> disks_;
@@ -803,6 +675,7 @@ class File final : public RemoteFile {
   std::atomic<bool> sizeDirty_{false};
 
   std::shared_mutex ioLock_;  // shared by transfers, exclusive while the lease is brought back
+  int recoverFailed_ = 0;     // under ioLock_: how bringing the lease back failed
   std::mutex rmwMu_;
   DirectIo io_;
 

@@ -206,6 +206,27 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
   }
 }
 
+// A daemon gone for good stops the writes at the next renewal, and they
+// fail once giveUpMs has passed without an answer, with nothing written.
+TEST_P(RemoteFileE2E, AnUnreachableDaemonEndsTransfersAfterTheGiveUpTime) {
+  const std::string old(1 << 20, 'x');
+  WriteFile(exp_ + "/f", old);
+  sync();
+  client::FileOptions o = Options(true);
+  o.giveUpMs = 1000;
+  std::string error;
+  std::unique_ptr<client::RemoteFile> file = client::RemoteFile::Open("data", "f", o, &error);
+  ASSERT_TRUE(file) << error;
+  daemon_.Stop();
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // past the keeper's next renewal
+  EXPECT_EQ(file->Write(0, "y", 1), -EIO);
+  EXPECT_NE(file->error().find("gave up after 1000 ms"), std::string::npos) << file->error();
+  int fd = open((exp_ + "/f").c_str(), O_RDONLY);
+  posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);  // the disk's bytes, not cached ones
+  close(fd);
+  EXPECT_EQ(ReadFile(exp_ + "/f") == old, true);
+}
+
 INSTANTIATE_TEST_SUITE_P(Filesystems, RemoteFileE2E, ::testing::Values(FsKind::kExt4, FsKind::kXfs),
                          [](const auto& info) { return std::string(FsName(info.param)); });
 
