@@ -47,6 +47,9 @@ struct OpenFile {
   std::mutex append;               // one O_APPEND write at a time
   std::atomic<bool> dirty{false};  // written since the last sync
   uint64_t generation = 0;         // counts RemoteFiles swapped in; guarded by swap
+  // Its RemoteFile gave up on an unreachable daemon and fails every call:
+  // the next use opens the file anew (guarded by swap).
+  bool givenUp = false;
   std::string path;                // share-relative, for the log; guarded by swap
 };
 
@@ -118,8 +121,9 @@ class Mount {
   int Truncate(Inode& inode, int64_t size);
   // After a lost lease RemoteFile opens the file again by the name it was
   // opened with; a file renamed since is opened here by its new name and
-  // swapped in. True when the caller should try again: a RemoteFile newer
-  // than `seen` (the generation it used) now serves the file.
+  // swapped in, and so is a file whose RemoteFile gave up. True when the
+  // caller should try again: a RemoteFile newer than `seen` (the
+  // generation it used) now serves the file.
   bool Relocate(Inode& inode, OpenFile& file, uint64_t seen);
 
  private:
@@ -138,18 +142,31 @@ inline Mount& MountOf(fuse_req_t req) { return *static_cast<Mount*>(fuse_req_use
 int DataError(OpenFile& file, const char* what, int64_t offset, ssize_t result);
 
 // op(RemoteFile&) under the file's shared lock; once more when it failed
-// with ESTALE because the file was renamed while its lease was lost.
+// with ESTALE because the file was renamed while its lease was lost. A
+// RemoteFile that gave up on the daemon is replaced before the call, or the
+// call fails with EIO at once while the daemon still does not answer.
 template <typename Op>
 auto OnRemote(Mount& m, Inode& inode, OpenFile& file, Op op) {
   for (int attempt = 0;; ++attempt) {
     uint64_t generation;
-    decltype(op(*file.remote)) result;
+    bool givenUp;
+    decltype(op(*file.remote)) result = -EIO;
     {
       std::shared_lock s(file.swap);
       generation = file.generation;
-      result = op(*file.remote);
+      givenUp = file.givenUp;
+      if (!givenUp) result = op(*file.remote);
     }
-    if (result != -ESTALE || attempt > 0 || !m.Relocate(inode, file, generation)) return result;
+    if (givenUp) {
+      if (attempt > 0 || !m.Relocate(inode, file, generation)) return result;
+      continue;
+    }
+    if (result == -ESTALE && attempt == 0 && m.Relocate(inode, file, generation)) continue;
+    if (result == -EIO) {
+      std::unique_lock s(file.swap);
+      if (file.generation == generation && file.remote->stats().noReply) file.givenUp = true;
+    }
+    return result;
   }
 }
 

@@ -129,7 +129,7 @@ bool Mount::Relocate(Inode& inode, OpenFile& file, uint64_t seen) {
   {
     std::unique_lock s(file.swap);
     if (file.generation != seen) return true;  // another thread got there first
-    if (path.empty() || path == file.path) return false;
+    if (path.empty() || (path == file.path && !file.givenUp)) return false;
     FileOptions options = config_.file;
     options.write = file.write;
     std::string error;
@@ -145,9 +145,11 @@ bool Mount::Relocate(Inode& inode, OpenFile& file, uint64_t seen) {
       MountLog(false, "opening %s again as %s: %s", file.path.c_str(), path.c_str(), error.c_str());
       return false;
     }
-    MountLog(false, "%s lost its lease while renamed; opened again as %s", file.path.c_str(), path.c_str());
+    MountLog(false, "%s opened again%s%s", file.path.c_str(), path == file.path ? "" : " as ",
+             path == file.path ? " after the daemon came back" : path.c_str());
     old = std::exchange(file.remote, std::move(remote));
     file.path = path;
+    file.givenUp = false;
     ++file.generation;
   }
   return true;  // the old RemoteFile goes here, its lease already gone
