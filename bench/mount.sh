@@ -94,8 +94,8 @@ fio_status="not installed"
 if command -v fio >/dev/null; then
   # Each job its own file, whatever lies in the working directory.
   if fio --name=mountbench --filename_format='$jobname.$jobnum' --directory="$c" --size=256M \
-       --numjobs=4 --rw=randrw --bsrange=4k-1M --ioengine=psync --verify=crc32c --verify_fatal=1 --verify_state_save=0 --fallocate=none \
-       --group_reporting >"$work/fio.log" 2>&1; then
+       --numjobs=4 --rw=randrw --bsrange=4k-1M --ioengine=psync --verify=crc32c --verify_fatal=1 \
+       --verify_state_save=0 --fallocate=none --group_reporting >"$work/fio.log" 2>&1; then
     fio_status="passed: $(grep -E '^ +(READ|WRITE):' "$work/fio.log" | sed 's/^ *//; s/ (.*//' | paste -sd ';')"
   else
     cp "$work/fio.log" "$work/mount.log" "$build/" || true
