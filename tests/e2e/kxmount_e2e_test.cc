@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <random>
@@ -170,6 +172,52 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
       if (e.path().filename().string().starts_with(".kestrix-hidden")) return false;
     return true;
   }, 5000));
+}
+
+TEST_P(MountE2E, NameOperationsPassThroughToTheNamesDirectory) {
+  Mount();
+  WriteFile(E("f"), "data");  // made on the server, seen through the mount
+  struct stat st = {};
+  struct Case {
+    std::string what;
+    std::function<int()> act;     // through the mount: 0 on success
+    std::function<bool()> holds;  // in the names directory afterwards
+  };
+  const struct timespec times[2] = {{1000000000, 0}, {1200000000, 0}};
+  char value[8] = {};
+  const std::vector<Case> cases = {
+      {"mkdir", [&] { return mkdir(M("d").c_str(), 0750); },
+       [&] { return stat(E("d").c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 0777) == 0750; }},
+      {"symlink", [&] { return symlink("f", M("d/s").c_str()); },
+       [&] { return std::filesystem::read_symlink(E("d/s")) == "f" && std::filesystem::read_symlink(M("d/s")) == "f"; }},
+      {"link", [&] { return link(M("f").c_str(), M("d/l").c_str()); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_nlink == 2 && ReadFile(M("d/l")) == "data"; }},
+      {"chmod", [&] { return chmod(M("f").c_str(), 0604); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && (st.st_mode & 0777) == 0604; }},
+      {"chown", [&] { return chown(M("f").c_str(), 1234, 5678); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_uid == 1234 && st.st_gid == 5678; }},
+      {"utimens", [&] { return utimensat(AT_FDCWD, M("f").c_str(), times, 0); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_mtime == 1200000000 && st.st_atime == 1000000000; }},
+      {"setxattr", [&] { return setxattr(M("f").c_str(), "user.k", "v1", 2, 0); },
+       [&] { return getxattr(E("f").c_str(), "user.k", value, sizeof value) == 2 && getxattr(M("f").c_str(), "user.k", value, sizeof value) == 2; }},
+      {"removexattr", [&] { return removexattr(M("f").c_str(), "user.k"); },
+       [&] { return getxattr(E("f").c_str(), "user.k", value, sizeof value) < 0 && listxattr(M("f").c_str(), value, sizeof value) == 0; }},
+      {"rename", [&] { return rename(M("d/l").c_str(), M("d/l2").c_str()); },
+       [&] { return access(E("d/l").c_str(), F_OK) != 0 && ReadFile(E("d/l2")) == "data"; }},
+      {"unlink", [&] { return unlink(M("d/l2").c_str()) + unlink(M("d/s").c_str()); },
+       [&] { return std::filesystem::is_empty(E("d")) && std::filesystem::is_empty(M("d")); }},
+      {"rmdir", [&] { return rmdir(M("d").c_str()); }, [&] { return access(E("d").c_str(), F_OK) != 0; }},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(c.act(), 0) << c.what << ": " << strerror(errno);
+    EXPECT_TRUE(c.holds()) << c.what;
+  }
+  struct statvfs mine, theirs;
+  ASSERT_EQ(statvfs(mnt_.c_str(), &mine) + statvfs(exp_.c_str(), &theirs), 0);
+  EXPECT_EQ(std::tuple(mine.f_blocks, mine.f_bsize), std::tuple(theirs.f_blocks, theirs.f_bsize));
+  std::vector<std::string> listed;
+  for (const auto& e : std::filesystem::directory_iterator(mnt_)) listed.push_back(e.path().filename());
+  EXPECT_EQ(listed, std::vector<std::string>{"f"});
 }
 
 TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
