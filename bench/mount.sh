@@ -28,7 +28,7 @@ cleanup() {
   if [ -n "$kmount" ]; then
     fusermount3 -u "$work/client" 2>/dev/null || umount -l "$work/client"
     for _ in $(seq 30); do kill -0 "$kmount" 2>/dev/null || break; sleep 0.1; done
-    kill "$kmount" 2>/dev/null  # still serving a copy of the mount in another namespace
+    kill "$kmount" 2>/dev/null || true  # still serving a copy of the mount in another namespace
     wait "$kmount" 2>/dev/null || true
   fi
   if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; fi
