@@ -1,4 +1,4 @@
-# make run   build the daemon, localfs and kestrix-cli, then serve a demo ext4 image
+# make run   build the daemon, localfs, kestrix-cli and kestrix-mount, then serve a demo ext4 image and mount it
 # make test  build, then run every test, also under ASan + UBSan and ThreadSanitizer
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
@@ -31,7 +31,7 @@ tsan:
 run:
 	@scripts/install-deps build
 	@cmake -S . -B $(RUN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRIX_BUILD_TESTS=OFF >/dev/null
-	@cmake --build $(RUN_BUILD) --target kestrixd localfs kestrix-cli
+	@cmake --build $(RUN_BUILD) --target kestrixd localfs kestrix-cli kestrix-mount
 	@scripts/demo.sh $(RUN_BUILD)
 
 # What the tests need, installed when missing (as root), else the line to run;
@@ -60,6 +60,7 @@ bench:
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 	@scripts/bench-zerofill $(BUILD)-bench/bench/bench_localfs
 	@bench/transfer.sh $(BUILD)-bench
+	@bench/mount.sh $(BUILD)-bench
 
 # The LAN message fuzz target (clang, ASan + UBSan) for FUZZ_SECONDS, then
 # the line coverage of the code a datagram can reach. Fails on any finding.

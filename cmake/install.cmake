@@ -1,4 +1,4 @@
-# Install rules: the daemon, the client, the localfs plug-in in the directory
+# Install rules: the daemon, the client, the mount, the localfs plug-in in the directory
 # the daemon reads, its example configuration, the systemd unit, the man
 # pages, the bash completion, the Wireshark dissector and the cluster resource
 # agent. DESTDIR and the prefix are honoured everywhere; the plug-in directory,
@@ -11,6 +11,7 @@ set(KESTRIX_CONF_DIR /etc/kestrix)
 
 install(TARGETS kestrixd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS kestrix-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kestrix-mount RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 if(TARGET kxbench)
   install(TARGETS kxbench RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
@@ -28,8 +29,9 @@ install(CODE "
 install(FILES ${CMAKE_BINARY_DIR}/kestrixd.service DESTINATION lib/systemd/system)
 
 install(FILES man/kestrixd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES man/kestrix-mount.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES man/kestrix-cli.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES contrib/bash-completion/kestrix-cli
+install(FILES contrib/bash-completion/kestrix-cli contrib/bash-completion/kestrix-mount
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES contrib/wireshark/kestrix.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/wireshark)
 install(FILES contrib/grafana/kestrixd.json DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrixd/grafana)

@@ -10,7 +10,7 @@ set(CPACK_PACKAGE_DESCRIPTION
   "kestrixd answers clients that see the same disks with volumes, block maps\n\
 with leases, size changes and close over UDP; they read and write file data\n\
 directly on the disks. Includes the localfs plug-in for ext4 and XFS, the\n\
-kestrix-cli client and a Wireshark dissector.")
+kestrix-cli client, the kestrix-mount FUSE client and a Wireshark dissector.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_PREFIX /usr)
 # The plug-in directory and /etc are absolute install paths.
@@ -19,8 +19,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# libc, libstdc++ and libgcc from the binaries' dependencies.
+# libc, libstdc++, libgcc, liburing and libfuse3 from the binaries'
+# dependencies; fusermount3 for unmounting kestrix-mount comes with fuse3.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "fuse3")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba, tshark, bash-completion, pacemaker, resource-agents")
 configure_file(${CMAKE_SOURCE_DIR}/contrib/debian/conffiles ${CMAKE_BINARY_DIR}/debian/conffiles COPYONLY)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA

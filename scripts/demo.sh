@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # make run: kestrixd in the foreground with the localfs plug-in, serving the
 # share "demo" on a small ext4 image (loop-mounted) with a few sample files,
-# logging to the screen. Ctrl-C stops the daemon, unmounts the image and
-# detaches its loop device.
+# logging to the screen, and the share mounted with kestrix-mount on
+# demo/client. Ctrl-C unmounts the share, stops the daemon, unmounts the
+# image and detaches its loop device.
 # Usage: scripts/demo.sh [BUILD_DIR] [extra kestrixd options]
 set -uo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -10,18 +11,26 @@ build="$(cd "${1:-$root/build}" && pwd)" || exit 1
 shift || true
 
 say() { echo "demo: $*" >&2; }
-for f in kestrixd plugins/localfs.so client/kestrix-cli; do
+for f in kestrixd plugins/localfs.so client/kestrix-cli client/kestrix-mount; do
   [ -e "$build/$f" ] || { say "$build/$f is missing; build it first (make run does)"; exit 1; }
 done
 
 demo="$build/demo"
 image="$demo/ext4.img"
 mnt="$demo/mnt"
+client="$demo/client"
 port="${KESTRIX_PORT:-5501}"
-loopdev="" mounted="" daemon=""
+loopdev="" mounted="" daemon="" kmount=""
 
 cleanup() {
   trap '' INT TERM  # a second Ctrl-C must not cut the clean-up short
+  if [ -n "$kmount" ]; then  # first the share, while the daemon can still close its leases
+    fusermount3 -u "$client" 2>/dev/null || umount -l "$client" || say "could not unmount $client"
+    # A copy of the mount in another mount namespace keeps it serving: then SIGTERM.
+    for _ in $(seq 30); do kill -0 "$kmount" 2>/dev/null || break; sleep 0.1; done
+    kill "$kmount" 2>/dev/null
+    wait "$kmount" 2>/dev/null
+  fi
   if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null; fi
   if [ -n "$mounted" ]; then
     umount "$mnt" 2>/dev/null || umount -l "$mnt" || say "could not unmount $mnt"
@@ -36,12 +45,13 @@ trap 'exit 0' INT TERM
 # of the build's own filesystem when that is ext4 or XFS.
 why=""
 # Leftovers of a run that could not clean up (killed with SIGKILL).
+if mount | grep -q " $client "; then umount -l "$client"; fi
 if mount | grep -q " $mnt "; then umount -l "$mnt"; fi
 if [ -e "$image" ] && command -v losetup >/dev/null; then
   losetup -j "$image" | cut -d: -f1 | while read -r old; do losetup -d "$old"; done
 fi
 rm -rf "$demo"
-mkdir -p "$demo/lib" "$mnt"
+mkdir -p "$demo/lib" "$mnt" "$client"
 if [ "$(id -u)" != 0 ]; then why="not running as root"
 elif ! command -v mkfs.ext4 >/dev/null && [ ! -x /sbin/mkfs.ext4 ]; then why="mkfs.ext4 is not installed"
 elif ! truncate -s 64M "$image" || ! PATH="$PATH:/sbin:/usr/sbin" mkfs.ext4 -q -F -b 4096 "$image"; then
@@ -97,6 +107,19 @@ export KESTRIX_ADMIN_SOCKET="$demo/admin.sock"
 
 cli="$build/client/kestrix-cli"
 [ "$port" != 5501 ] && cli="$cli -p $port"
+"$build/kestrixd" -d -f SCREEN -l 4 "$@" &
+daemon=$!
+# The share mounted on demo/client once the daemon answers; FUSE needs root.
+mount_note="(not mounted: $why)"
+if [ -n "$mounted" ] && [ -w /dev/fuse ]; then
+  for _ in $(seq 50); do $cli getvolume demo >/dev/null 2>&1 && break; sleep 0.1; done
+  "$build/client/kestrix-mount" -f -p "$port" --disk "$disk" --names "$share" demo "$client" &
+  kmount=$!
+  for _ in $(seq 50); do mountpoint -q "$client" && break; sleep 0.1; done
+  if mountpoint -q "$client"; then mount_note="mounted with kestrix-mount"; else mount_note="(kestrix-mount failed)"; fi
+elif [ -n "$mounted" ]; then
+  mount_note="(not mounted: no /dev/fuse)"
+fi
 cat <<MSG
 kestrixd demo on UDP port $port, serving share "demo" = $share on $disk
 Sample files: hello.txt, fragmented.bin (1 MiB), sparse.bin (8 MiB, mostly hole),
@@ -110,12 +133,17 @@ In a second terminal try:
   echo "new text, written on the disk" | $cli write demo hello.txt --disk $disk
   cat $share/hello.txt
   $cli --json getvolume demo              # any command: --json for scripts
-  $build/client/kestrix-cli admin leases --socket $demo/admin.sock   # who holds what
-  $build/client/kestrix-cli admin revoke 0x0 --socket $demo/admin.sock
-Ctrl-C stops the daemon and unmounts the image.
+The share on $client $mount_note: ordinary programs, data straight on $disk:
+  ls -l $client
+  cat $client/hello.txt
+  cp /etc/services $client/ && cmp /etc/services $share/services
+  dd if=/dev/urandom of=$client/random.bin bs=1M count=8 && cmp $client/random.bin $share/random.bin
+  cp $client/fragmented.bin /tmp/ && cmp /tmp/fragmented.bin $share/fragmented.bin
+Who holds what, from the admin socket:
+  $cli admin leases --socket $demo/admin.sock
+  $cli admin revoke KEY --socket $demo/admin.sock
+Ctrl-C unmounts the share, stops the daemon and unmounts the image.
 MSG
-"$build/kestrixd" -d -f SCREEN -l 4 "$@" &
-daemon=$!
 wait "$daemon"
 status=$?
 daemon=""

@@ -26,16 +26,16 @@ cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work" > "$work/cpack.log" 
 deb=$(ls "$work"/kestrixd_*.deb) || fail "no .deb in $work"
 
 # Contents and control data.
-files=(/usr/sbin/kestrixd /usr/bin/kestrix-cli /usr/bin/kxbench /opt/Kestrix/lib/localfs.so
+files=(/usr/sbin/kestrixd /usr/bin/kestrix-cli /usr/sbin/kestrix-mount /usr/bin/kxbench /opt/Kestrix/lib/localfs.so
        /etc/kestrix/localfs.conf /etc/default/kestrixd /usr/lib/systemd/system/kestrixd.service
-       /usr/share/man/man8/kestrixd.8 /usr/share/man/man1/kestrix-cli.1
-       /usr/share/bash-completion/completions/kestrix-cli
+       /usr/share/man/man8/kestrixd.8 /usr/share/man/man1/kestrix-cli.1 /usr/share/man/man8/kestrix-mount.8
+       /usr/share/bash-completion/completions/kestrix-cli /usr/share/bash-completion/completions/kestrix-mount
        /usr/share/kestrixd/wireshark/kestrix.lua /usr/share/kestrixd/grafana/kestrixd.json
        /usr/lib/ocf/resource.d/kestrix/kestrixd /usr/share/kestrixd/pacemaker/kestrixd.crm)
 listing=$(dpkg-deb -c "$deb" | awk '{print substr($6, 2)}')
 for f in "${files[@]}"; do grep -qx "$f" <<< "$listing" || fail "$f is not in the package"; done
 depends=$(dpkg-deb -f "$deb" Depends)
-for lib in libc6 libstdc++6 libprometheus-cpp-pull libsystemd0; do grep -q "$lib" <<< "$depends" || fail "Depends lacks $lib: $depends"; done
+for lib in libc6 libstdc++6 libprometheus-cpp-pull libsystemd0 libfuse3-3 fuse3; do grep -q "$lib" <<< "$depends" || fail "Depends lacks $lib: $depends"; done
 dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/kestrix/localfs.conf ||
   fail "localfs.conf is not a conffile"
 
@@ -74,7 +74,7 @@ if command -v systemctl >/dev/null; then
   [ -L "$wants" ] || fail "KESTRIXD_ENABLE=yes did not enable the unit"
 fi
 
-for page in /usr/share/man/man8/kestrixd.8 /usr/share/man/man1/kestrix-cli.1; do
+for page in /usr/share/man/man8/kestrixd.8 /usr/share/man/man1/kestrix-cli.1 /usr/share/man/man8/kestrix-mount.8; do
   warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
   [ -z "$warnings" ] || fail "man --warnings $page: $warnings"
 done

@@ -7,12 +7,8 @@
 
 namespace kestrix::test {
 
-namespace {
-
-// Forks and execs program with env added, reading /dev/null (or inFd) and
-// writing its standard output (unless to outFd) and error to files.
 pid_t Spawn(const std::string& program, const std::vector<std::string>& args, const Env& env,
-            const std::string& outPath, const std::string& errPath, int inFd = -1, int outFd = -1) {
+            const std::string& outPath, const std::string& errPath, int inFd, int outFd) {
   pid_t pid = fork();
   if (pid != 0) return pid;
   for (const auto& [name, value] : env) setenv(name.c_str(), value.c_str(), 1);
@@ -26,7 +22,6 @@ pid_t Spawn(const std::string& program, const std::vector<std::string>& args, co
   _exit(127);
 }
 
-// Waits for pid; its exit status, -1 for a signal, -2 on time-out.
 int WaitFor(pid_t pid, int timeoutMs) {
   int status = 0;
   pid_t reaped = 0;
@@ -35,7 +30,6 @@ int WaitFor(pid_t pid, int timeoutMs) {
   return reaped == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Stops pid with signal, and with SIGKILL if it is still there after 2 s.
 void Kill(pid_t pid, int signal) {
   kill(pid, signal);
   if (WaitFor(pid, 2000) == -2) {
@@ -43,8 +37,6 @@ void Kill(pid_t pid, int signal) {
     waitpid(pid, nullptr, 0);
   }
 }
-
-}  // namespace
 
 RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
                     int timeoutMs) {

@@ -24,6 +24,15 @@ struct RunResult {
   std::string standardError, standardOutput;
 };
 
+// Forks and execs program with env added, reading /dev/null (or inFd) and
+// writing its standard output (unless to outFd) and error to the files named.
+pid_t Spawn(const std::string& program, const std::vector<std::string>& args, const Env& env,
+            const std::string& outPath, const std::string& errPath, int inFd = -1, int outFd = -1);
+// Waits for pid; its exit status, -1 for a signal, -2 on time-out.
+int WaitFor(pid_t pid, int timeoutMs);
+// Stops pid with signal, and with SIGKILL if it is still there after 2 s.
+void Kill(pid_t pid, int signal);
+
 // Runs a program to its end with the given environment additions.
 RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
                     int timeoutMs = 20000);

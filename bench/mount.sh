@@ -1,0 +1,120 @@
+#!/usr/bin/env bash
+# The mount benchmark of `make bench`: 1 GiB sequential read and write by
+# dd through kestrix-mount against dd with O_DIRECT on the same loop device
+# (attached with --direct-io=on), in one run, with the CPU time the mount
+# process spends per GiB; then a longer fio job with crc32c verification
+# through the mount. Needs root, losetup, mkfs.ext4 and FUSE; says so and
+# stops (status 0) where they are missing.
+# Usage: bench/mount.sh [BUILD_DIR] [MiB per transfer (1024)]
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="$(cd "${1:-$root/build-bench}" && pwd)"
+mib="${2:-1024}"
+PATH="$PATH:/usr/sbin:/sbin"
+
+say() { echo "mount bench: $*" >&2; }
+if [ "$(id -u)" != 0 ]; then say "SKIPPED: needs root (loop devices, mounts)"; exit 0; fi
+for tool in losetup mkfs.ext4 dd fusermount3; do
+  command -v "$tool" >/dev/null || { say "SKIPPED: $tool is not installed"; exit 0; }
+done
+[ -w /dev/fuse ] || { say "SKIPPED: no /dev/fuse"; exit 0; }
+for f in kestrixd plugins/localfs.so client/kestrix-mount; do
+  [ -e "$build/$f" ] || { say "$build/$f is missing; build it first"; exit 1; }
+done
+
+work="$(mktemp -d "${TMPDIR:-/tmp}/kestrix-mountbench-XXXXXX")"
+loopdev="" mounted="" daemon="" kmount=""
+cleanup() {
+  if [ -n "$kmount" ]; then
+    fusermount3 -u "$work/client" 2>/dev/null || umount -l "$work/client"
+    for _ in $(seq 30); do kill -0 "$kmount" 2>/dev/null || break; sleep 0.1; done
+    kill "$kmount" 2>/dev/null || true  # still serving a copy of the mount in another namespace
+    wait "$kmount" 2>/dev/null || true
+  fi
+  if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; fi
+  if [ -n "$mounted" ]; then umount "$work/mnt" 2>/dev/null || umount -l "$work/mnt"; fi
+  if [ -n "$loopdev" ]; then losetup -d "$loopdev"; fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# The filesystem takes the front of the device; dd writes behind it, on
+# bytes no file uses.
+fs_mib=$((3 * mib + 1024))
+truncate -s $(((fs_mib + mib + 64) * 1048576)) "$work/disk.img"
+loopdev="$(losetup --direct-io=on --find --show "$work/disk.img")"
+mkfs.ext4 -q -F -b 4096 "$loopdev" "$((fs_mib * 256))"
+mkdir -p "$work/mnt" "$work/lib" "$work/client"
+mount -t ext4 "$loopdev" "$work/mnt"
+mounted=1
+mkdir "$work/mnt/export"
+printf '[bench]\n   path = %s\n' "$work/mnt/export" >"$work/smb.conf"
+printf '%s\n' "$work/mnt/export" >"$work/localfs.conf"
+ln -s "$build/plugins/localfs.so" "$work/lib/localfs.so"
+port="$(python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
+KESTRIX_PORT="$port" KESTRIX_LIBDIR="$work/lib" KESTRIX_SMBPATH="$work/smb.conf" \
+  KESTRIX_LOCALFS_CONF="$work/localfs.conf" "$build/kestrixd" -d -l 2 -f "$work/kestrixd.log" &
+daemon=$!
+sleep 1
+"$build/client/kestrix-mount" -f -p "$port" --disk "$loopdev" --names "$work/mnt/export" bench \
+  "$work/client" 2>"$work/mount.log" &
+kmount=$!
+for _ in $(seq 50); do mountpoint -q "$work/client" && break; sleep 0.1; done
+mountpoint -q "$work/client" || { say "kestrix-mount did not mount: $(cat "$work/mount.log")"; exit 1; }
+
+say "preparing a $mib MiB source file and the file on the share"
+head -c $((mib * 1048576)) /dev/urandom >"$work/src.bin"
+cp "$work/src.bin" "$work/mnt/export/big.bin"
+sync
+drop() { sync; echo 3 >/proc/sys/vm/drop_caches; }
+cpu() { awk '{print $14 + $15}' "/proc/$kmount/stat"; }  # user + system ticks of the mount
+
+# Seconds of one command and the mount's CPU seconds meanwhile: "SECONDS CPU".
+measure() {
+  drop
+  local before start end
+  before=$(cpu)
+  start=$(date +%s.%N)
+  "$@" >/dev/null 2>&1
+  end=$(date +%s.%N)
+  python3 -c "print(f'{$end - $start:.2f} {($(cpu) - $before) / $(getconf CLK_TCK):.2f}')"
+}
+
+c="$work/client"
+read -r dd_read _ < <(measure dd if="$loopdev" of=/dev/null bs=1M count="$mib" iflag=direct)
+read -r m_read m_read_cpu < <(measure dd if="$c/big.bin" of=/dev/null bs=1M)
+cmp -s "$c/big.bin" "$work/src.bin" || say "WARNING: the file read through the mount differs from its source"
+read -r dd_write _ < <(measure dd if="$work/src.bin" of="$loopdev" bs=1M count="$mib" seek="$fs_mib" oflag=direct)
+read -r m_over m_over_cpu < <(measure dd if="$work/src.bin" of="$c/big.bin" bs=1M conv=notrunc,fsync)
+read -r m_new m_new_cpu < <(measure dd if="$work/src.bin" of="$c/new.bin" bs=1M conv=fsync)
+cmp -s "$work/mnt/export/new.bin" "$work/src.bin" || say "WARNING: the new file differs from its source"
+
+say "fio: 4 jobs of 256 MiB, mixed random reads and writes, crc32c verification"
+fio_status="not installed"
+if command -v fio >/dev/null; then
+  # Each job its own file, whatever lies in the working directory.
+  if fio --name=mountbench --filename_format='$jobname.$jobnum' --directory="$c" --size=256M \
+       --numjobs=4 --rw=randrw --bsrange=4k-1M --ioengine=psync --verify=crc32c --verify_fatal=1 \
+       --verify_state_save=0 --fallocate=none --group_reporting >"$work/fio.log" 2>&1; then
+    fio_status="passed: $(grep -E '^ +(READ|WRITE):' "$work/fio.log" | sed 's/^ *//; s/ (.*//' | paste -sd ';')"
+  else
+    cp "$work/fio.log" "$work/mount.log" "$build/" || true
+    fio_status="FAILED (see $build/fio.log and $build/mount.log): $(grep -iE 'error|verify|bad' "$work/fio.log" | head -5)"
+  fi
+fi
+
+ratio() { python3 -c "print(f'{$1 / $2:.2f}')"; }
+gib() { python3 -c "print(f'{$1 * 1024 / $mib:.2f}')"; }
+echo
+echo "sequential transfers of $mib MiB with dd, 1 MiB blocks, on $loopdev (direct I/O loop device), $(nproc) cores"
+printf '| %-46s | %8s | %6s | %13s |\n' "what" "seconds" "vs dd" "mount CPU s/GiB"
+printf '|%s|%s|%s|%s|\n' "------------------------------------------------" "----------" "--------" "-----------------"
+row() { printf '| %-46s | %8s | %6s | %15s |\n' "$1" "$2" "$3" "$4"; }
+row "dd read of the device, iflag=direct" "$dd_read" "1.00" "-"
+row "dd read of a file through the mount" "$m_read" "$(ratio "$dd_read" "$m_read")" "$(gib "$m_read_cpu")"
+row "dd write to the device, oflag=direct" "$dd_write" "1.00" "-"
+row "dd overwrite of a file through the mount" "$m_over" "$(ratio "$dd_write" "$m_over")" "$(gib "$m_over_cpu")"
+row "dd write of a new file through the mount" "$m_new" "$(ratio "$dd_write" "$m_new")" "$(gib "$m_new_cpu")"
+echo "(vs dd: dd's time over this one's, higher is faster)"
+echo "goals: read >= 0.80, overwrite >= 0.80, new file >= 0.45"
+echo "fio through the mount: $fio_status"

@@ -1,0 +1,284 @@
+// kestrix-mount on real ext4 and XFS images, used as programs use a file
+// system: what they write reads back through the mount and through the
+// server's own file system after close; leases outlive their length and a
+// daemon restart, and a daemon gone for good ends in EIO; fio verifies a
+// mixed random job.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "e2e/e2e_util.h"
+#include "support/loop_mount.h"
+
+namespace kestrix::test {
+namespace {
+
+std::string Random(size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string s(n, '\0');
+  for (char& c : s) c = static_cast<char>(random());
+  return s;
+}
+
+// The counters of the last "closed NAME:" line of the mount's log.
+std::pair<int, int> RenewalsAndReopens(const std::string& log, const std::string& name) {
+  int renewals = -1, reopens = -1;
+  for (const std::string& line : SplitLines(log)) {
+    if (line.find("closed " + name + ": ") == std::string::npos) continue;
+    sscanf(line.c_str() + line.find("on the disk, "), "on the disk, %d renewals, %d reopens", &renewals, &reopens);
+  }
+  return {renewals, reopens};
+}
+
+class MountE2E : public ::testing::TestWithParam<FsKind> {
+ protected:
+  void SetUp() override {
+    if (access("/dev/fuse", R_OK | W_OK) != 0 || FindProgram("fusermount3").empty())
+      GTEST_SKIP() << "no FUSE on this machine: /dev/fuse or fusermount3 is missing";
+    fs_ = std::make_unique<LoopMount>(GetParam());
+    if (!fs_->ok()) GTEST_SKIP() << fs_->skipReason();
+    exp_ = fs_->Path("export");
+    mkdir(exp_.c_str(), 0755);
+    mkdir(mnt_.c_str(), 0755);
+    WriteFile(daemon_.dir().File("smb.conf"), "[data]\n   path = " + exp_ + "\n");
+    WriteFile(daemon_.dir().File("localfs.conf"), exp_ + "\n");
+    symlink(KESTRIX_LOCALFS_PLUGIN, (daemon_.libDir() + "/localfs.so").c_str());
+    daemon_.SetEnv("KESTRIX_LOCALFS_CONF", daemon_.dir().File("localfs.conf"));
+    ASSERT_TRUE(daemon_.Start({"-l", "4"})) << daemon_.Log();
+  }
+  // Unmounted and stopped even when the test failed half-way.
+  void TearDown() override {
+    if (pid_ <= 0) return;
+    RunToExit(FindProgram("fusermount3"), {"-u", mnt_}, {});
+    // A clean shutdown: leases closed, exit 0. A daemon gone for good costs
+    // each open file the give-up time.
+    const int status = WaitFor(pid_, 20000);
+    EXPECT_EQ(status, 0) << ReadFile(log_);
+    if (status < 0) Kill(pid_, SIGTERM);
+    if (Mounted()) umount2(mnt_.c_str(), MNT_DETACH);
+  }
+  bool Mounted() const {
+    return ReadFile("/proc/self/mounts").find(" " + mnt_ + " fuse.kestrix ") != std::string::npos;
+  }
+  void Mount(std::vector<std::string> args = {}) {
+    args.insert(args.end(), {"-f", "-v", "-p", std::to_string(daemon_.port()), "--disk", fs_->device(),
+                             "--names", exp_, "data", mnt_});
+    pid_ = Spawn(KESTRIX_MOUNT, args, {}, dir_.File("out"), log_);
+    ASSERT_TRUE(PollUntil([&] { return Mounted(); }, 10000)) << ReadFile(log_);
+  }
+  std::string M(const std::string& name) const { return mnt_ + "/" + name; }
+  std::string E(const std::string& name) const { return exp_ + "/" + name; }
+  // A fresh daemon on the same port: every lease it held is gone.
+  void RestartDaemon() {
+    daemon_.Stop();
+    std::remove(daemon_.logPath().c_str());
+    ASSERT_TRUE(daemon_.Start({"-l", "4"})) << daemon_.Log();
+  }
+
+  std::unique_ptr<LoopMount> fs_;
+  TempDir dir_;
+  std::string exp_, mnt_ = dir_.File("mnt"), log_ = dir_.File("mount.log");
+  DaemonProcess daemon_;
+  pid_t pid_ = -1;
+};
+
+TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
+  Mount();
+  struct Case {
+    std::string name, after;  // the file's name, and after the case ran ("" when gone)
+    std::function<std::string(const std::string& path)> run;  // returns the bytes the file must hold
+  };
+  const std::string big = Random((3 << 20) + 17, 1);
+  const std::vector<Case> cases = {
+      {"copy.bin", "copy.bin", [&](const std::string& p) {
+         int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+         for (size_t at = 0; at < big.size(); at += 131072)
+           EXPECT_GT(write(fd, big.data() + at, std::min<size_t>(131072, big.size() - at)), 0);
+         close(fd);
+         return big;
+       }},
+      {"append.txt", "append.txt", [&](const std::string& p) {
+         WriteFile(p, "head\n");
+         int a = open(p.c_str(), O_WRONLY | O_APPEND), b = open(p.c_str(), O_WRONLY | O_APPEND);
+         EXPECT_EQ(write(a, "a1 ", 3) + write(b, "b1 ", 3) + write(a, "a2", 2), 8);
+         close(a), close(b);
+         return std::string("head\na1 b1 a2");
+       }},
+      {"cut.bin", "cut.bin", [&](const std::string& p) {
+         const std::string data = Random(100000, 2);
+         int fd = open(p.c_str(), O_RDWR | O_CREAT, 0644);
+         EXPECT_EQ(write(fd, data.data(), data.size()), 100000);
+         EXPECT_EQ(ftruncate(fd, 5000), 0);
+         close(fd);
+         EXPECT_EQ(truncate(p.c_str(), 20000), 0);  // grown while no program holds it
+         return data.substr(0, 5000) + std::string(15000, '\0');
+       }},
+      {"sparse.bin", "sparse.bin", [&](const std::string& p) {
+         int fd = open(p.c_str(), O_WRONLY | O_CREAT, 0644);
+         EXPECT_EQ(pwrite(fd, "end", 3, (5 << 20) + 3) + pwrite(fd, "start", 5, 0), 8);
+         struct stat st;
+         EXPECT_EQ(stat(p.c_str(), &st) == 0 ? st.st_size : -1, (5 << 20) + 6);  // before the close
+         close(fd);
+         return "start" + std::string((5 << 20) - 2, '\0') + "end";
+       }},
+      {"two.txt", "two.txt", [&](const std::string& p) {
+         int r = open(p.c_str(), O_RDONLY | O_CREAT, 0644), w = open(p.c_str(), O_WRONLY);  // a read lease, then a write
+         EXPECT_EQ(write(w, "abc", 3), 3);
+         char got[8] = {};
+         struct stat st = {};
+         EXPECT_EQ(pread(r, got, 8, 0), 3);
+         EXPECT_EQ(std::string(got), "abc");
+         EXPECT_EQ(fstat(r, &st) == 0 ? st.st_size : -1, 3);  // the size written, before the close
+         close(r), close(w);
+         return std::string("abc");
+       }},
+      {"moving.txt", "moved.txt", [&](const std::string& p) {
+         int fd = open(p.c_str(), O_WRONLY | O_CREAT, 0644);
+         EXPECT_EQ(write(fd, "one ", 4), 4);
+         EXPECT_EQ(rename(p.c_str(), M("moved.txt").c_str()), 0);
+         EXPECT_EQ(write(fd, "two", 3), 3);
+         close(fd);
+         return std::string("one two");
+       }},
+      {"gone.txt", "", [&](const std::string& p) {
+         int fd = open(p.c_str(), O_RDWR | O_CREAT, 0644);
+         EXPECT_EQ(write(fd, "still ", 6), 6);
+         EXPECT_EQ(unlink(p.c_str()), 0);
+         EXPECT_EQ(write(fd, "here", 4), 4);
+         char got[16] = {};
+         EXPECT_EQ(std::string(got, std::max<ssize_t>(0, pread(fd, got, 16, 0))), "still here");
+         close(fd);
+         return std::string();
+       }},
+  };
+  for (const Case& c : cases) {
+    const std::string want = c.run(M(c.name));
+    if (c.after.empty()) {
+      EXPECT_NE(access(E(c.name).c_str(), F_OK), 0) << c.name;
+      continue;
+    }
+    EXPECT_EQ(ReadFile(M(c.after)) == want, true) << c.name << " through the mount";
+    EXPECT_EQ(ReadFile(E(c.after)) == want, true) << c.name << " on the server";
+    EXPECT_EQ(std::filesystem::file_size(E(c.after)), want.size()) << c.name;
+  }
+  // Nothing is left behind for the unlinked file once its last handle went.
+  EXPECT_TRUE(PollUntil([&] {
+    for (const auto& e : std::filesystem::directory_iterator(exp_))
+      if (e.path().filename().string().starts_with(".kestrix-hidden")) return false;
+    return true;
+  }, 5000));
+}
+
+TEST_P(MountE2E, NameOperationsPassThroughToTheNamesDirectory) {
+  Mount();
+  WriteFile(E("f"), "data");  // made on the server, seen through the mount
+  struct stat st = {};
+  struct Case {
+    std::string what;
+    std::function<int()> act;     // through the mount: 0 on success
+    std::function<bool()> holds;  // in the names directory afterwards
+  };
+  const struct timespec times[2] = {{1000000000, 0}, {1200000000, 0}};
+  char value[8] = {};
+  const std::vector<Case> cases = {
+      {"mkdir", [&] { return mkdir(M("d").c_str(), 0750); },
+       [&] { return stat(E("d").c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 0777) == 0750; }},
+      {"symlink", [&] { return symlink("f", M("d/s").c_str()); },
+       [&] { return std::filesystem::read_symlink(E("d/s")) == "f" && std::filesystem::read_symlink(M("d/s")) == "f"; }},
+      {"link", [&] { return link(M("f").c_str(), M("d/l").c_str()); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_nlink == 2 && ReadFile(M("d/l")) == "data"; }},
+      {"chmod", [&] { return chmod(M("f").c_str(), 0604); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && (st.st_mode & 0777) == 0604; }},
+      {"chown", [&] { return chown(M("f").c_str(), 1234, 5678); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_uid == 1234 && st.st_gid == 5678; }},
+      {"utimens", [&] { return utimensat(AT_FDCWD, M("f").c_str(), times, 0); },
+       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_mtime == 1200000000 && st.st_atime == 1000000000; }},
+      {"setxattr", [&] { return setxattr(M("f").c_str(), "user.k", "v1", 2, 0); },
+       [&] { return getxattr(E("f").c_str(), "user.k", value, sizeof value) == 2 && getxattr(M("f").c_str(), "user.k", value, sizeof value) == 2; }},
+      {"removexattr", [&] { return removexattr(M("f").c_str(), "user.k"); },
+       [&] { return getxattr(E("f").c_str(), "user.k", value, sizeof value) < 0 && listxattr(M("f").c_str(), value, sizeof value) == 0; }},
+      {"rename", [&] { return rename(M("d/l").c_str(), M("d/l2").c_str()); },
+       [&] { return access(E("d/l").c_str(), F_OK) != 0 && ReadFile(E("d/l2")) == "data"; }},
+      {"unlink", [&] { return unlink(M("d/l2").c_str()) + unlink(M("d/s").c_str()); },
+       [&] { return std::filesystem::is_empty(E("d")) && std::filesystem::is_empty(M("d")); }},
+      {"rmdir", [&] { return rmdir(M("d").c_str()); }, [&] { return access(E("d").c_str(), F_OK) != 0; }},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(c.act(), 0) << c.what << ": " << strerror(errno);
+    EXPECT_TRUE(c.holds()) << c.what;
+  }
+  struct statvfs mine, theirs;
+  ASSERT_EQ(statvfs(mnt_.c_str(), &mine) + statvfs(exp_.c_str(), &theirs), 0);
+  EXPECT_EQ(std::tuple(mine.f_blocks, mine.f_bsize), std::tuple(theirs.f_blocks, theirs.f_bsize));
+  std::vector<std::string> listed;
+  for (const auto& e : std::filesystem::directory_iterator(mnt_)) listed.push_back(e.path().filename());
+  EXPECT_EQ(listed, std::vector<std::string>{"f"});
+}
+
+TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
+  Mount({"--lease", "1500", "--give-up", "3000", "-t", "300", "-r", "1"});
+  // A slow write three times as long as the lease: the keeper renews it.
+  const std::string slow = Random(16 * 65536, 3);
+  int fd = open(M("slow.bin").c_str(), O_WRONLY | O_CREAT, 0644);
+  for (size_t at = 0; at < slow.size(); at += 65536) {
+    ASSERT_EQ(write(fd, slow.data() + at, 65536), 65536) << ReadFile(log_);
+    usleep(200000);
+  }
+  close(fd);
+  EXPECT_EQ(ReadFile(E("slow.bin")) == slow, true);
+  EXPECT_TRUE(PollUntil([&] { return RenewalsAndReopens(ReadFile(log_), "slow.bin").first >= 3; }, 3000)) << ReadFile(log_);
+  EXPECT_EQ(RenewalsAndReopens(ReadFile(log_), "slow.bin").second, 0);
+
+  // The daemon restarted half-way through a large write, once as the file
+  // kept its name and once after it was renamed: the file is opened again
+  // by its name and comes out complete.
+  const std::string large = Random(16 << 20, 4);
+  for (const char* name : {"large.bin", "renamed.bin"}) {
+    fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);  // not held by the new daemon
+    for (size_t at = 0; at < large.size(); at += 1 << 20) {
+      if (at == 8 << 20) {
+        ASSERT_EQ(rename(M("large.bin").c_str(), M(name).c_str()), 0);
+        RestartDaemon();
+      }
+      ASSERT_EQ(write(fd, large.data() + at, 1 << 20), 1 << 20) << name << "\n" << ReadFile(log_);
+    }
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_EQ(ReadFile(E(name)) == large, true) << name;
+  }
+  // The restart was noticed: the lease was taken up again, by RemoteFile or by the mount.
+  EXPECT_TRUE(PollUntil([&] {
+    return RenewalsAndReopens(ReadFile(log_), "large.bin").second >= 1 || ReadFile(log_).find("large.bin opened again") != std::string::npos;
+  }, 3000)) << ReadFile(log_);
+
+  // A daemon that stays away: writes fail with EIO, and the log says why.
+  fd = open(M("lost.bin").c_str(), O_WRONLY | O_CREAT, 0644);
+  ASSERT_EQ(write(fd, "x", 1), 1);
+  daemon_.Stop();
+  int err = 0;
+  for (int i = 0; i < 200 && err == 0; ++i, usleep(100000))
+    if (write(fd, slow.data(), 65536) < 0) err = errno;
+  close(fd);
+  EXPECT_EQ(err, EIO);
+  EXPECT_NE(ReadFile(log_).find("writing lost.bin"), std::string::npos) << ReadFile(log_);
+}
+
+TEST_P(MountE2E, FioVerifiesAMixedRandomJob) {
+  const std::string fio = FindProgram("fio");
+  if (fio.empty()) GTEST_SKIP() << "fio is not installed: the verified random job cannot run";
+  Mount();
+  RunResult r = RunToExit(fio, {"--name=mixed", "--filename_format=$jobname.$jobnum", "--directory=" + mnt_, "--size=12M", "--numjobs=2",
+                                "--rw=randrw", "--bsrange=4k-256k", "--ioengine=psync", "--verify=crc32c",
+                                "--verify_fatal=1", "--verify_state_save=0", "--fallocate=none"}, {}, 120000);
+  EXPECT_EQ(r.exitStatus, 0) << r.standardOutput << r.standardError << ReadFile(log_);
+}
+
+INSTANTIATE_TEST_SUITE_P(Filesystems, MountE2E, ::testing::Values(FsKind::kExt4, FsKind::kXfs),
+                         [](const auto& info) { return std::string(FsName(info.param)); });
+
+}  // namespace
+}  // namespace kestrix::test
