@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "sp/lease.h"
-#include "unixmdc/loadlib.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/osl.h"
@@ -26,14 +25,14 @@ int CompareVolCookies(const uint8_t* a, const uint8_t* b) {
   return std::memcmp(a, b, FS_COOKIE_SIZE);
 }
 
-int FSMDCSP_Init(void) {
+int FSMDCSP_Init(LibrarySource nextLibrary) {
   maxDgramSize();  // read MAXDGRAM now, before any listener thread runs
   kestrix::InitDispatchList();
   kestrix::InitLeaseList();
 
   int result = 0;
   for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
-    FsLibrary* library = FSMDCSP_LoadNextLibrary();
+    FsLibrary* library = nextLibrary != nullptr ? nextLibrary() : nullptr;
     OSL_Log(KSX_SP, "FSMDCSP_Init i:%d libs[%d]:%x\n", i, libCount,
             static_cast<unsigned>(reinterpret_cast<uintptr_t>(library)));
     if (library == nullptr) break;

@@ -33,7 +33,14 @@ typedef struct VolumeDispatcher {
 extern VolumeDispatcher dispatchListHeadGlb;
 extern void* dispatchListLock;
 
-int FSMDCSP_Init(void);
+// Where the service provider gets its filesystem libraries: each call
+// returns the next one that loaded (malloc'd, handed over), null when no
+// more are left. The daemon passes its plug-in loader.
+typedef FsLibrary* (*LibrarySource)(void);
+
+// Accepts the libraries nextLibrary gives (up to FSMDCSP_MAX_LIBS), empties
+// the dispatcher and lease lists and starts the lease purge thread.
+int FSMDCSP_Init(LibrarySource nextLibrary);
 int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library);
 FsLibrary* GetLibrary(const uint8_t* volumeCookie);
 int CompareVolCookies(const uint8_t* a, const uint8_t* b);

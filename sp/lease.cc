@@ -9,7 +9,7 @@
 #include "sp/lease.h"
 #include "sp/lease_limits.h"
 #include "sp/unlock_order.h"
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "utils/dlist.h"
 #include "utils/hash_index.h"
 

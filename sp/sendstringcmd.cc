@@ -17,7 +17,7 @@
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
 #include "spmsgs.h"
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "utils/dgram.h"
 #include "utils/log.h"
 #include "utils/utils.h"

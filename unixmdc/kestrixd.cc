@@ -18,8 +18,9 @@
 #include "sp/handlers.h"
 #include "sp/lease.h"
 #include "unixmdc/admin_socket.h"
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "unixmdc/library_timing.h"
+#include "unixmdc/loadlib.h"
 #include "unixmdc/metrics.h"
 #include "utils/ksxmem.h"
 #include "utils/kxstats.h"
@@ -32,7 +33,6 @@ int g_ListenerThreads = 10;
 int g_LocalLogLevel = 2;
 char g_LocalLogName[KESTRIXD_LOG_NAME_SIZE] = "";
 int g_use_dgramServer_MessageHandler_sem = 1;
-int g_MaxDuplicateMessages = 100;
 void* g_kestrixdsem = nullptr;
 LanServerInfo* info = nullptr;
 
@@ -79,6 +79,7 @@ static void RaiseDescriptorLimit() {
 static bool s_listenerHoldsSem = false;
 
 void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, void* server) {
+  OSL_Log(KSX_SP, "LANSERVER: received data\n");
   uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
   memset(commCookie, 0, sizeof commCookie);
   memcpy(commCookie, &sender->address.sin_addr.s_addr, 4);
@@ -123,7 +124,7 @@ void SetUpServer() {
   }
   RequireForStartup(info->trackerLock != nullptr, "the tracker lock");
   info->addressCompare = DGRAM_CompareAddresses;
-  FSMDCSP_Init();
+  FSMDCSP_Init(FSMDCSP_LoadNextLibrary);
   RequireForStartup(kestrix::ServiceProviderReady(),
                     "the service provider's locks or its lease purge thread");
   if (kestrix::stats::Enabled()) kestrix::TimeLibraryCalls();

@@ -17,7 +17,7 @@
 
 #include <string>
 
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "utils/log.h"
 
 extern "C" {

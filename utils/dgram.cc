@@ -101,7 +101,6 @@ void* PrimaryListener(void* listenerInfo) {
     sender.socket = listener->socket;
     sender.address = from;
     OSL_Log(KSX_SP, "DGRAM: Server received message. size %d\n", size);
-    OSL_Log(KSX_SP, "LANSERVER: received data\n");
     dumpData(buffer, size);
     listener->handler(buffer, size, &sender, listener->serverArg);
   }

@@ -74,6 +74,9 @@ void LogOtherSenders(LanServerInfo* server, const uint8_t* commCookie, const Lan
 
 extern "C" {
 
+int g_MaxDuplicateMessages = 100;
+
+
 int CompareHeaderId(const LanHeader* a, const LanHeader* b) {
   return std::memcmp(a->messageID, b->messageID, LAN_MSGID_SIZE) == 0 ? 0 : 1;
 }

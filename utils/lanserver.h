@@ -12,7 +12,8 @@ extern "C" {
 
 struct DgramAddress;
 
-// Bound of the tracker (0 disables it); set by the daemon's command line.
+// How many requests the tracker keeps (0 turns it off); 100 unless the
+// daemon's command line says otherwise before LAN_InitServer.
 extern int g_MaxDuplicateMessages;
 
 // A handler gets the request (header converted, body not yet) and the
