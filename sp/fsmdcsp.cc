@@ -8,18 +8,12 @@
 #include <cstring>
 
 #include "sp/lease.h"
+#include "sp/sp_state.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/osl.h"
 
 extern "C" {
-
-FsLibrary* libs[FSMDCSP_MAX_LIBS] = {};
-FSLONG libCount = 0;
-VolumeDispatcher dispatchListHeadGlb = {};
-void* dispatchListLock = nullptr;
-
-static bool s_purgeThreadStarted = false;
 
 int CompareVolCookies(const uint8_t* a, const uint8_t* b) {
   return std::memcmp(a, b, FS_COOKIE_SIZE);
@@ -33,7 +27,7 @@ int FSMDCSP_Init(LibrarySource nextLibrary) {
   int result = 0;
   for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
     FsLibrary* library = nextLibrary != nullptr ? nextLibrary() : nullptr;
-    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d libs[%d]:%x\n", i, libCount,
+    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d kestrix::spState.libs[%d]:%x\n", i, kestrix::spState.libCount,
             static_cast<unsigned>(reinterpret_cast<uintptr_t>(library)));
     if (library == nullptr) break;
     bool refused = library->FS_GetVersion() > FS_MAX_LIBRARY_VERSION || library->FS_Init() != 0;
@@ -42,16 +36,18 @@ int FSMDCSP_Init(LibrarySource nextLibrary) {
       result = FSMDCSP_RESULT_LIB_REFUSED;
       continue;
     }
-    libs[libCount++] = library;
+    kestrix::spState.libs[kestrix::spState.libCount++] = library;
     if (library->FS_SetLog != nullptr) library->FS_SetLog(g_LogLevel, nullptr);
   }
-  s_purgeThreadStarted = OSL_CreateThread(PurgeLeaseThread, nullptr) == 0;
+  kestrix::spState.purgeRunning = true;
+  kestrix::spState.purgeThreadStarted = OSL_CreateThread(PurgeLeaseThread, nullptr) == 0;
+  if (!kestrix::spState.purgeThreadStarted) kestrix::spState.purgeRunning = false;
   return result;
 }
 
 int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
-  kestrix::SemGuard lock(dispatchListLock);
-  for (VolumeDispatcher* d = dispatchListHeadGlb.next; d != &dispatchListHeadGlb; d = d->next) {
+  kestrix::SemGuard lock(kestrix::spState.dispatchLock);
+  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next; d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) {
       d->library = library;  // a later claim replaces an earlier one
       std::memcpy(d->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
@@ -63,13 +59,13 @@ int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
   if (entry == nullptr) return 0;  // the allocator has logged the failure
   entry->library = library;
   std::memcpy(entry->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
-  kestrix::dlist::InsertFront(&dispatchListHeadGlb, entry);
+  kestrix::dlist::InsertFront(&kestrix::spState.dispatchHead, entry);
   return 0;
 }
 
 FsLibrary* GetLibrary(const uint8_t* volumeCookie) {
-  kestrix::SemGuard lock(dispatchListLock);
-  for (VolumeDispatcher* d = dispatchListHeadGlb.next; d != &dispatchListHeadGlb; d = d->next) {
+  kestrix::SemGuard lock(kestrix::spState.dispatchLock);
+  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next; d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) return d->library;
   }
   return nullptr;
@@ -96,12 +92,12 @@ LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* libra
 namespace kestrix {
 
 bool ServiceProviderReady() {
-  return dispatchListLock != nullptr && leaseListLock != nullptr && s_purgeThreadStarted;
+  return kestrix::spState.dispatchLock != nullptr && kestrix::spState.leaseLock != nullptr && kestrix::spState.purgeThreadStarted;
 }
 
 void InitDispatchList() {
-  dispatchListLock = OSL_SemCreate(1);
-  kestrix::dlist::MakeEmpty(&dispatchListHeadGlb);
+  kestrix::spState.dispatchLock = OSL_SemCreate(1);
+  kestrix::dlist::MakeEmpty(&kestrix::spState.dispatchHead);
 }
 
 }  // namespace kestrix

@@ -18,9 +18,6 @@ enum {
   FSMDCSP_RESULT_LIB_REFUSED = 408,
 };
 
-// Accepted libraries in load order; slots libCount..31 are null.
-extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
-extern FSLONG libCount;
 
 // Which library claimed which volume cookie.
 typedef struct VolumeDispatcher {
@@ -30,6 +27,10 @@ typedef struct VolumeDispatcher {
   FsLibrary* library;
 } VolumeDispatcher;
 
+// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
+// outside the daemon that looks them up; the daemon uses spState.
+extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
+extern FSLONG libCount;
 extern VolumeDispatcher dispatchListHeadGlb;
 extern void* dispatchListLock;
 

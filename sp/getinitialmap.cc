@@ -9,6 +9,7 @@
 #include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/sp_sup.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
 #include "utils/ksxmem.h"
@@ -52,14 +53,14 @@ FsLibrary* FindLibrary(GetInitialMapMsg* msg, FSUNI* mountPoint, FSUNI* fullPath
   ConcatFilenameToPath(fileName, mountPoint, separator, fullPath, kNameBytes);
 
   FSLONG status = 0;
-  for (int i = 0; i < libCount; ++i) {
+  for (int i = 0; i < kestrix::spState.libCount; ++i) {
     // Nothing a refusing library left behind may name the volume.
     std::memset(volumeCookie, 0, FS_COOKIE_SIZE);
     std::memset(fileCookie, 0, FS_COOKIE_SIZE);
-    status = libs[i]->FS_GetCookies(fullPath, volumeCookie, fileCookie);
+    status = kestrix::spState.libs[i]->FS_GetCookies(fullPath, volumeCookie, fileCookie);
     if (status == 0) {
-      AddVolumeDispatcherToList(volumeCookie, libs[i]);
-      return libs[i];
+      AddVolumeDispatcherToList(volumeCookie, kestrix::spState.libs[i]);
+      return kestrix::spState.libs[i];
     }
     OSL_Log(KSX_DEBUG1, "SP_LanGetInitialMap: FS_GetCookies lib[%d] returned %d\n", i, status);
   }

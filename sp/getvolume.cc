@@ -7,6 +7,7 @@
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
 #include "sp/sp_sup.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
 #include "utils/ksxmem.h"
@@ -51,12 +52,12 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
         // The request's cookie field receives each library's answer in turn,
         // cleared first: what a refusing library leaves there names no volume.
         bool accepted = false;
-        for (int i = 0; i < libCount && !accepted; ++i) {
+        for (int i = 0; i < kestrix::spState.libCount && !accepted; ++i) {
           memset(msg->volumeCookie, 0, FS_COOKIE_SIZE);
-          FSLONG rc = libs[i]->FS_GetVolCookie(mountPoint, msg->volumeCookie);
+          FSLONG rc = kestrix::spState.libs[i]->FS_GetVolCookie(mountPoint, msg->volumeCookie);
           accepted = rc == 0;
           if (accepted) {
-            AddVolumeDispatcherToList(msg->volumeCookie, libs[i]);
+            AddVolumeDispatcherToList(msg->volumeCookie, kestrix::spState.libs[i]);
           } else {
             OSL_Log(KSX_ERROR, "SP_LanGetVolume: FS_GetVolCookie call to lib[%d] returned %d\n",
                     i, rc);

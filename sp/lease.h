@@ -2,9 +2,9 @@
 // which filesystem library, for how long; and the lease durations and expiry.
 //
 // Leases live on a circular doubly linked list through the sentinel
-// leaseListHeadGlb, newest first, with hash indexes beside it that find the
+// spState.leaseHead, newest first, with hash indexes beside it that find the
 // first (newest) lease of a key, of a file cookie, or of a request.
-// leaseListLock guards the list, the indexes, every lease and globalKey.
+// spState.leaseLock guards the list, the indexes, every lease and spState.nextKey.
 // The first group of operations takes the lock itself; the second group is
 // for callers that already hold it.
 #ifndef KESTRIX_SP_LEASE_H_
@@ -47,11 +47,13 @@ enum {
   LEASE_NOT_FOUND_REMOVE = 408,
 };
 
+// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
+// outside the daemon that looks them up; the daemon uses spState.
 extern LeaseEntry leaseListHeadGlb;
 extern void* leaseListLock;
 extern FSULONG globalKey;  // the next key to hand out; random at start, wraps to 0
 
-// Take leaseListLock themselves.
+// Take spState.leaseLock themselves.
 // AddLeaseToList returns 0, -1 when there is no memory, or
 // SP_RESULT_LEASE_LIMIT when the sender or the daemon holds as many leases
 // as it may (sp/lease_limits.h).
@@ -69,7 +71,7 @@ int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCook
 int ChangeLeaseEntry(FSULONG key, FSLONG duration);
 void FSMDCSP_DumpKeyList(void);
 
-// For callers that hold leaseListLock.
+// For callers that hold spState.leaseLock.
 LeaseEntry* GetLeasePointer(FSULONG key);
 int MoreCookiesInList(const uint8_t* fileCookie);
 int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
@@ -96,13 +98,13 @@ namespace kestrix {
 inline constexpr FSULONG kLeaseGraceMs = 30000;
 inline constexpr int32_t kPurgePeriodMs = 5000;
 
-// Creates leaseListLock, empties the lease list, sets the lease bounds and
+// Creates spState.leaseLock, empties the lease list, sets the lease bounds and
 // a random first key; called once at start-up.
 void InitLeaseList();
 // Number of leases in the list.
 int LeaseCount();
 // Put a new lease at the front of the list and its indexes, and take one out
-// of both; the caller holds leaseListLock.
+// of both; the caller holds spState.leaseLock.
 void LinkLease(LeaseEntry* lease);
 void UnlinkLease(LeaseEntry* lease);
 // lease + ms (ms >= 0) without passing the largest lease, 2^31 - 1 ms.

@@ -16,6 +16,7 @@
 
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "utils/config.h"
 #include "utils/dgram.h"
@@ -149,7 +150,7 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
     if (taken) OSL_SetLog(kestrix::LogLevelPointer(), destination.c_str(), "kestrixd");
 
     for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
-      FsLibrary* library = libs[i];
+      FsLibrary* library = kestrix::spState.libs[i];
       if (library == nullptr) continue;
       if (library->FS_GetVersion() <= FS_MAX_LIBRARY_VERSION && library->FS_SetLog != nullptr) {
         OSL_Log(KSX_PRINT, "setting lib %d log level to %d\n", i, level);

@@ -46,6 +46,9 @@ class LanServerTest : public ::testing::Test {
  protected:
   void Init(int bound, MessageHandler handler) {
     g_MaxDuplicateMessages = bound;
+    g_calls = 0;
+    numDupsRepliedTo = 0;
+    numDupsDropped = 0;
     LAN_InitServer(&g_server);
     ASSERT_NE(g_server, nullptr);
     LAN_RegisterMessageHandler(g_server, 9, handler);

@@ -58,6 +58,8 @@ class LeaseListTest : public ::testing::Test {
  protected:
   void SetUp() override {
     kestrix::SetClockForTesting([] { return g_now; });
+    g_now = 1000;
+    g_unlocks.clear();
     kestrix::InitLeaseList();
     globalKey = 0;  // the cases count keys from 0
     libA_.FS_UnlockMap = Unlock<0>;

@@ -1,0 +1,23 @@
+// Every unit test starts with the service provider and the plug-in loader
+// as a fresh daemon has them, so the tests pass alike one per process and
+// all in one process, in any order.
+#include <gtest/gtest.h>
+
+#include "sp/sp_state.h"
+#include "unixmdc/loadlib.h"
+
+namespace {
+
+class CleanDaemonState : public ::testing::EmptyTestEventListener {
+  void OnTestStart(const ::testing::TestInfo&) override {
+    kestrix::ResetServiceProviderForTesting();
+    kestrix::ResetLibraryLoaderForTesting();
+  }
+};
+
+const bool kRegistered = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new CleanDaemonState);
+  return true;
+}();
+
+}  // namespace
