@@ -27,7 +27,7 @@ int FSMDCSP_Init(LibrarySource nextLibrary) {
   int result = 0;
   for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
     FsLibrary* library = nextLibrary != nullptr ? nextLibrary() : nullptr;
-    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d kestrix::spState.libs[%d]:%x\n", i, kestrix::spState.libCount,
+    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d libs[%d]:%x\n", i, kestrix::spState.libCount,
             static_cast<unsigned>(reinterpret_cast<uintptr_t>(library)));
     if (library == nullptr) break;
     bool refused = library->FS_GetVersion() > FS_MAX_LIBRARY_VERSION || library->FS_Init() != 0;
@@ -47,7 +47,8 @@ int FSMDCSP_Init(LibrarySource nextLibrary) {
 
 int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
   kestrix::SemGuard lock(kestrix::spState.dispatchLock);
-  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next; d != &kestrix::spState.dispatchHead; d = d->next) {
+  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next;
+       d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) {
       d->library = library;  // a later claim replaces an earlier one
       std::memcpy(d->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
@@ -65,7 +66,8 @@ int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
 
 FsLibrary* GetLibrary(const uint8_t* volumeCookie) {
   kestrix::SemGuard lock(kestrix::spState.dispatchLock);
-  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next; d != &kestrix::spState.dispatchHead; d = d->next) {
+  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next;
+       d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) return d->library;
   }
   return nullptr;
@@ -92,7 +94,8 @@ LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* libra
 namespace kestrix {
 
 bool ServiceProviderReady() {
-  return kestrix::spState.dispatchLock != nullptr && kestrix::spState.leaseLock != nullptr && kestrix::spState.purgeThreadStarted;
+  return kestrix::spState.dispatchLock != nullptr && kestrix::spState.leaseLock != nullptr &&
+         kestrix::spState.purgeThreadStarted;
 }
 
 void InitDispatchList() {

@@ -6,6 +6,7 @@
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/sp_sup.h"
@@ -17,17 +18,15 @@
 #include "utils/osl.h"
 #include "utils/osl_share.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(GetInitialMapMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<GetInitialMapMsg>);
+
+using kestrix::kUnchanged;
 
 namespace {
 
 constexpr int32_t kNameBytes = 2 * SP_PATH_UNITS;
 constexpr FSULONG kLeaseMargin = 30000;  // the provisional lease covers the library calls
 constexpr FSULONG kSecondMapFlag = 2;    // set on the map fetched again after an allocation
-constexpr FS64LONG kUnchanged = -1;
 
 bool Delivered(FSLONG status) { return status == 0 || status == 1; }
 
@@ -126,7 +125,7 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
     replySize = maxDgramSize();
     FSLONG lease = CalcLease(static_cast<FSLONG>(msg->lease), msg->intention, library,
                              volumeCookie);
-    reply = reinterpret_cast<GetInitialMapReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetInitialMapReply>(request, replySize, library, 0);
     FSULONG key = 0;
     if (reply == nullptr) {
       OSL_Log(KSX_DEBUG1, "out of memory case\n");
@@ -168,7 +167,7 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
 
   if (reply == nullptr) {
     replySize = SP_GETINITIALMAP_REPLY_SIZE;
-    reply = reinterpret_cast<GetInitialMapReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetInitialMapReply>(request, replySize, library, 0);
   } else {
     reply->header.length = kestrix::GetInitialMapReplyLength(reply, replySize);
   }
@@ -180,5 +179,5 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
   }
   ksxmem_free(fullPath);
   ksxmem_free(mountPoint);
-  return reinterpret_cast<LanHeader*>(reply);
+  return kestrix::AsHeader(reply);
 }

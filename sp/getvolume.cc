@@ -5,6 +5,7 @@
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/sp_sup.h"
 #include "sp/sp_state.h"
@@ -14,10 +15,7 @@
 #include "utils/log.h"
 #include "utils/osl_share.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(GetVolumeMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<GetVolumeMsg>);
 
 namespace {
 constexpr int32_t kMountPointBytes = 2 * SP_PATH_UNITS;
@@ -77,7 +75,7 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
       } else {
         replySize = maxDgramSize();
         FSULONG room = replySize - SP_GETVOLUME_REPLY_SIZE;
-        reply = reinterpret_cast<GetVolumeReply*>(SP_InitReply(request, replySize, library));
+        reply = kestrix::NewReply<GetVolumeReply>(request, replySize, library, 0);
         if (reply == nullptr) {
           OSL_Log(KSX_ERROR, "Out of memory while getting volume information\n");
           result = SP_RESULT_NO_MEMORY;
@@ -90,7 +88,7 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
 
   if (reply == nullptr) {
     replySize = SP_GETVOLUME_REPLY_SIZE;
-    reply = reinterpret_cast<GetVolumeReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetVolumeReply>(request, replySize, library, 0);
   }
   if (reply != nullptr) {
     reply->header.length = kestrix::GetVolumeReplyLength(reply, replySize);
@@ -98,5 +96,5 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
     SPSUP_DumpGetVolumeReply(reply, replySize);
   }
   ksxmem_free(mountPoint);
-  return reinterpret_cast<LanHeader*>(reply);
+  return kestrix::AsHeader(reply);
 }

@@ -21,6 +21,14 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* commCookie);
 
 #ifdef __cplusplus
 }  // extern "C"
+
+struct LanServerInfo;
+
+namespace kestrix {
+// Registers each handler above under its function code; SP_LanDumpInfo
+// gets none.
+void RegisterHandlers(LanServerInfo* server);
+}  // namespace kestrix
 #endif
 
 #endif  // KESTRIX_SP_HANDLERS_H_

@@ -113,7 +113,8 @@ void UnlinkLease(LeaseEntry* lease) {
 int LeaseCount() {
   SemGuard guard(kestrix::spState.leaseLock);
   int n = 0;
-  for (const LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead; e = e->next) ++n;
+  const LeaseEntry* const head = &kestrix::spState.leaseHead;
+  for (const LeaseEntry* e = head->next; e != head; e = e->next) ++n;
   return n;
 }
 
@@ -330,7 +331,8 @@ void FSMDCSP_DumpKeyList(void) {
       OSL_Log(KSX_SP, "Key list is empty\n");
     } else {
       OSL_Log(KSX_DEBUG1, "Key List Start\n");
-      for (LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead; e = e->next) {
+      for (LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead;
+           e = e->next) {
         OSL_Log(KSX_DEBUG1, "  key: 0x%x\n", e->key);
         OSL_Log(KSX_DEBUG1, "  volcookie:%s\n",
                 bytesToString(e->volumeCookie, FS_COOKIE_SIZE, text));

@@ -46,7 +46,8 @@ std::vector<LeaseView> ListLeases() {
   std::vector<LeaseView> leases;
   SemGuard guard(kestrix::spState.leaseLock);
   const FSULONG now = OSL_MSeconds();
-  for (const LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead; e = e->next) {
+  for (const LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead;
+       e = e->next) {
     leases.push_back({e->key, ClientAddress(e->commCookie), e->path, e->intention, e->duration,
                       static_cast<int64_t>(e->duration) - Elapsed(e->creationTime, now),
                       Elapsed(e->openedTime, now)});

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "sp/fsmdcsp.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/sp_state.h"
 #include "spmsgs.h"
@@ -23,10 +24,7 @@
 #include "utils/log.h"
 #include "utils/utils.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(SendStringCmdMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<SendStringCmdMsg>);
 
 namespace {
 
@@ -159,11 +157,8 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
     }
   }
 
-  auto* reply = reinterpret_cast<SendStringCmdReply*>(
-      SP_InitReply(request, SP_SENDSTRINGCMD_REPLY_SIZE, nullptr));
-  if (reply == nullptr) return nullptr;
-  reply->result = SP_RESULT_OK;
-  return &reply->header;
+  return kestrix::AsHeader(kestrix::NewReply<SendStringCmdReply>(
+      request, SP_SENDSTRINGCMD_REPLY_SIZE, nullptr, SP_RESULT_OK));
 }
 
 }  // extern "C"

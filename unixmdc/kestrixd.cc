@@ -128,12 +128,7 @@ void SetUpServer() {
   RequireForStartup(kestrix::ServiceProviderReady(),
                     "the service provider's locks or its lease purge thread");
   if (kestrix::stats::Enabled()) kestrix::TimeLibraryCalls();
-  LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
-  LAN_RegisterMessageHandler(info, 2, SP_LanGetInitialMap);
-  LAN_RegisterMessageHandler(info, 3, SP_LanGetExtendedMap);
-  LAN_RegisterMessageHandler(info, 4, SP_LanSetSize);
-  LAN_RegisterMessageHandler(info, 5, SP_LanClose);
-  LAN_RegisterMessageHandler(info, 7, SP_LanSendStringCmd);
+  kestrix::RegisterHandlers(info);
 }
 
 }  // namespace kestrix
@@ -189,8 +184,8 @@ void StartOperatorInterfaces(const std::string& adminSocket, const std::string& 
   if (metrics.empty()) return;
   if (!StartMetricsEndpoint(metrics, &why)) {
     // Asked for and not there: as for a taken UDP port, the daemon does not run half-seen.
-    OSL_Log(KSX_ERROR, "kestrixd: cannot serve metrics on %s: %s\n", LogSafe(metrics.c_str()).c_str(),
-            LogSafe(why.c_str()).c_str());
+    OSL_Log(KSX_ERROR, "kestrixd: cannot serve metrics on %s: %s\n",
+            LogSafe(metrics.c_str()).c_str(), LogSafe(why.c_str()).c_str());
     exit(1);
   }
   OSL_Log(KSX_PRINT, "kestrixd: metrics on http://%s/metrics\n", LogSafe(metrics.c_str()).c_str());

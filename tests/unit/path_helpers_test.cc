@@ -49,5 +49,14 @@ TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   EXPECT_FALSE(log.Contains("MAXDGRAM 65536 "));
 }
 
+// A client's text cannot start a log line of its own: a line end in it is
+// escaped, other characters come out as UTF-8.
+TEST(PrintFsuniTest, EscapesControlCharactersLikeEveryLogLine) {
+  LogCapture log(KSX_SP);
+  const FSUNI text[] = {'a', '\n', 'b', 0x00e9, 0};
+  printFSUNI(text);
+  EXPECT_TRUE(log.Contains("printFSUNI fsmdcsp [a\\x0ab\xc3\xa9]")) << log.Text();
+}
+
 }  // namespace
 }  // namespace kestrix::test
