@@ -32,7 +32,7 @@ int FSMDCSP_Init(LibrarySource nextLibrary) {
     if (library == nullptr) break;
     bool refused = library->FS_GetVersion() > FS_MAX_LIBRARY_VERSION || library->FS_Init() != 0;
     if (refused) {
-      std::free(library);  // the library stays open but is never called again
+      std::free(library);  // refused: the table goes, the code stays mapped, unused
       result = FSMDCSP_RESULT_LIB_REFUSED;
       continue;
     }
@@ -50,7 +50,7 @@ int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
   for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next;
        d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) {
-      d->library = library;  // a later claim replaces an earlier one
+      d->library = library;  // the newest library to claim a volume serves it
       std::memcpy(d->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
       return 0;
     }

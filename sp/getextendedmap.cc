@@ -1,5 +1,6 @@
-// GetExtendedMap: the map of a further range of a file whose lease a client
-// holds, with optional new sizes, and the renewal of that lease.
+// GetExtendedMap handler: more extents of an already opened file. The lease
+// holder names a range (and may set new sizes on the way); the library
+// writes that part of the map into the reply and the lease is extended.
 #include <algorithm>
 
 #include "fsmdc.h"

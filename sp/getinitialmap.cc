@@ -1,7 +1,9 @@
-// GetInitialMap: opens a file for a client. Finds the library that knows
-// the file under the share, records a lease, has the library lock the
-// file's map and write it straight into the reply, applies requested sizes,
-// and returns the lease key, the granted lease, both cookies and the map.
+// GetInitialMap handler: a client's open of a file. The first library that
+// recognises the name below the share serves it; a provisional lease is
+// taken before any library call, so the purge cannot end it half way; the
+// library locks the map and writes the extents directly into the reply
+// buffer; sizes the client sent are applied; the answer carries the key,
+// the lease granted, both cookies and the extents.
 #include <cstring>
 
 #include "fsmdc.h"

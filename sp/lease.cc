@@ -202,7 +202,8 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
   if (addInCriticalSection) OSL_Log(KSX_ERROR, "Semaphore breakdown in AddLeaseToList\n");
   addInCriticalSection = true;
 
-  // The same request of the same sender, sent again, renews its own lease.
+  // A repeat of a request this sender already made for this file (same
+  // message ID) gets that lease back, renewed, instead of a second one.
   LeaseEntry* lease = nullptr;
   const bool reused =
       MoreCookiesInList2(volumeCookie, fileCookie, messageCookie, commCookie, &lease) != 0;

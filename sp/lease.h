@@ -1,10 +1,10 @@
 // The lease list: which client holds which file of which volume, through
 // which filesystem library, for how long; and the lease durations and expiry.
 //
-// Leases live on a circular doubly linked list through the sentinel
-// spState.leaseHead, newest first, with hash indexes beside it that find the
-// first (newest) lease of a key, of a file cookie, or of a request.
-// spState.leaseLock guards the list, the indexes, every lease and spState.nextKey.
+// The list hangs off spState.leaseHead with the newest lease first; three
+// hash indexes next to it answer "newest lease with this key / this file
+// cookie / from this request" without a walk. spState.leaseLock covers the
+// list, the indexes, each lease and spState.nextKey.
 // The first group of operations takes the lock itself; the second group is
 // for callers that already hold it.
 #ifndef KESTRIX_SP_LEASE_H_

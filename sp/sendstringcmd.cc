@@ -1,6 +1,6 @@
-// SendStringCmd: a command sent as text. The one command known is "LOG",
-// which sets the log level and destination of the daemon and of every
-// library that takes them; any text is answered with result 0.
+// SendStringCmd handler: free-form text commands from a client. Only "LOG"
+// does something (a new log level and destination, for the daemon and for
+// each library that has FS_SetLog); every command, known or not, gets 0.
 //
 // With KESTRIX_LOG_DIR set, a "LOG" file destination is taken only when it
 // resolves (".." and symbolic links followed) to a file inside that

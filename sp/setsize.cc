@@ -1,5 +1,7 @@
-// SetSize: a client that holds a lease sets a new size for the file (the
-// allocation stays) and has its lease renewed in the same exchange.
+// SetSize handler. The holder of a lease changes the file's length through
+// the library serving it, leaving the allocated space alone; when that
+// works the lease is extended too, so a writer growing a file keeps it
+// without a separate renewal.
 #include "sp/fsmdcsp.h"
 #include "sp/handler_common.h"
 #include "sp/handlers.h"

@@ -1,7 +1,7 @@
-// Daemon entry: reads the command line into the process-wide settings,
-// starts the log, forks into the background, wires the LAN server, the
-// service provider and the UDP listener together in a fixed order, and
-// bridges every received datagram to the LAN server and its reply back.
+// The daemon's main line: options into the process-wide settings, the log,
+// the fork into the background, then the LAN server, the service provider
+// and the UDP listeners set up one after the other; and the glue that hands
+// each datagram to the LAN server and sends back what it answers.
 #include "unixmdc/kestrixd.h"
 
 #include <getopt.h>
@@ -218,8 +218,8 @@ Options ParseOptions(int argc, char** argv) {
 
   optind = 0;  // a fresh scan, also when called more than once in a process
   int c;
-  // The leading '+' stops the scan at the first word that is not an option,
-  // instead of letting the C library move later options forward.
+  // With '+' getopt ends at the first non-option word and leaves the order
+  // of argv alone.
   while ((c = getopt(argc, argv, "+dl:s:t:m:f:?")) != -1) {
     switch (c) {
       case 'd':

@@ -25,9 +25,9 @@ typedef struct LibPathEntry {
 // Sentinel of the pending-candidate list.
 extern LibPathEntry libHead;
 
-// Returns a malloc'd record of the next library that loads, owned by the
-// caller, or null when none is left, the directory cannot be opened or
-// memory runs out.
+// Opens candidates until one has every mandatory entry point and returns
+// its table (malloc'd; the caller frees it). Null once the candidates are
+// used up, when the directory cannot be read, or when memory runs out.
 FsLibrary* FSMDCSP_LoadNextLibrary(void);
 
 #ifdef __cplusplus

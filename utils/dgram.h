@@ -39,7 +39,8 @@ enum {
 int DGRAM_Init(void);
 int DGRAM_BindListener(uint16_t port, DgramHandler handler, void* serverArg, int threads);
 int makeListenerSocket(uint16_t port, int* socketOut);
-// Body of every listener thread; returns only when its buffer cannot be had.
+// Thread function of each listener: receives and dispatches forever; the
+// one way out is failing to get its receive buffer.
 void* PrimaryListener(void* listenerInfo);
 int DGRAM_SendReply(DgramAddress* sender, const void* data, int length);
 int DGRAM_CompareAddresses(const DgramAddress* a, const DgramAddress* b);

@@ -16,9 +16,10 @@ struct DgramAddress;
 // daemon's command line says otherwise before LAN_InitServer.
 extern int g_MaxDuplicateMessages;
 
-// A handler gets the request (header converted, body not yet) and the
-// sender's 16-byte comm cookie, and returns a reply from the tracking
-// allocator (its header's length is the number of bytes to send) or null.
+// What LAN_ProcessMessage calls for a function code. The body is still in
+// the sender's byte order; commCookie identifies the sender (16 bytes). The
+// reply comes from the tracking allocator and its header's length is what
+// goes on the wire; null sends nothing.
 typedef LanHeader* (*MessageHandler)(LanHeader* request, const uint8_t* commCookie);
 
 // One tracked request. Entries are appended: the list runs oldest first.
