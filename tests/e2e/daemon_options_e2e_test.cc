@@ -53,6 +53,19 @@ TEST(DaemonOptionsE2E, LogFileNameOf99CharactersAndATakenPort) {
   EXPECT_TRUE(second.WaitForLog("Error DGRAM_BindListener failed 1104.  May be another kestrixd running.\n"));
 }
 
+// A log file that cannot be opened does not silence the daemon: its lines
+// go to standard output instead.
+TEST(DaemonOptionsE2E, ALogFileThatCannotBeOpenedFallsBackToStandardOutput) {
+  TempDir dir;
+  DaemonProcess daemon;
+  EXPECT_FALSE(daemon.Start({"-f", dir.File("missing/kestrixd.log")}, 1500));
+  EXPECT_TRUE(PollUntil(
+      [&] { return daemon.Stdout().find("Print kestrixd started. ") != std::string::npos; },
+      5000))
+      << daemon.Stdout();
+  EXPECT_FALSE(std::filesystem::exists(dir.File("missing")));
+}
+
 TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
   TempDir dir;
   const std::string log = dir.File("forked.log");

@@ -1,6 +1,9 @@
 // The map requests end to end: GetInitialMap, GetExtendedMap, SetSize and
 // Close, their replies and the calls testfs records; leases across requests,
 // their expiry by the purge thread and many clients at once.
+#include <signal.h>
+
+#include <cstdio>
 #include <set>
 #include <thread>
 
@@ -120,6 +123,38 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
   }
   const Bytes unknown = Send(client::MakeGetExtendedMapRequest(999, 0, 0));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 184u));
+}
+
+// The lease runs from when the client gets the reply: the time the library
+// spent on the map is added to the 5000 ms a read lease gets. The daemon's
+// clock counts whole seconds, so a map taking 1.1 s adds 1 or 2 of them.
+TEST_F(GetExtendedMapE2E, TheLibrarysTimeIsAddedToTheRenewedLease) {
+  constexpr uint32_t kReadLeaseMs = 5000, kMapDelayMs = 1100;
+  TestFs fs = Serve(kFile);
+  Start();
+  const uint32_t key = Open("f").key;
+  fs.Configure(kFile + "delay.map " + std::to_string(kMapDelayMs) + "\n");
+  const Bytes bytes = Send(client::MakeGetExtendedMapRequest(key, 0, 0));
+  const client::MapReply reply = client::ParseMapReply(bytes).value();
+  EXPECT_EQ(reply.result, 0);
+  EXPECT_GE(reply.lease, kReadLeaseMs + 1000);
+  EXPECT_LE(reply.lease, kReadLeaseMs + 2000);
+}
+
+// SIGUSR1 asks the running daemon for its state: the lease list with the
+// key of the one open file, the duplicate counters, the counts line.
+TEST_F(LeaseE2E, SigusrOneDumpsTheLeasesAndCounters) {
+  Serve(kFile);
+  Start();
+  const uint32_t key = Open("f").key;
+  ASSERT_EQ(kill(daemon_.pid(), SIGUSR1), 0);
+  ASSERT_TRUE(daemon_.WaitForLog("Print State: leases 1, ")) << daemon_.Log();
+  const std::string log = daemon_.Log();
+  char keyLine[32];
+  std::snprintf(keyLine, sizeof keyLine, "  key: 0x%x\n", key);
+  EXPECT_NE(log.find(keyLine), std::string::npos) << log;
+  EXPECT_NE(log.find("Print Number of duplicate messages responded to: 0\n"), std::string::npos);
+  EXPECT_NE(log.find("Print Number of duplicate messages dropped:      0\n"), std::string::npos);
 }
 
 TEST_F(SetSizeE2E, SizeCallAndRenewal) {
