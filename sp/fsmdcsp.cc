@@ -2,12 +2,14 @@
 // filesystem libraries, starts the lease purge thread, remembers which
 // library serves which volume, and makes the reply buffers of the handlers.
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "utils/dlist.h"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 #include "sp/sp_state.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"

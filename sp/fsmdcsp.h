@@ -1,6 +1,6 @@
 // The metadata service provider: start-up, the library table, the volume
-// dispatcher list, reply buffers and the request path helpers. The lease
-// list lives in sp/lease.h; the handlers in sp/handlers.h.
+// dispatcher list and reply buffers. The lease list lives in sp/lease.h, the
+// handlers in sp/handlers.h, the path helpers in sp/path_helpers.h.
 #ifndef KESTRIX_SP_FSMDCSP_H_
 #define KESTRIX_SP_FSMDCSP_H_
 
@@ -49,29 +49,10 @@ int CompareVolCookies(const uint8_t* a, const uint8_t* b);
 // with the library's version as revision when a library is given; or null.
 LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* library);
 
-// Request path helpers (sp/path_helpers.cc).
-FSULONG maxDgramSize(void);
-FSUNI* GetNextString(FSUNI* area, FSULONG capacityBytes);
-FSUNI* ConcatFilenameToPath(const FSUNI* name, const FSUNI* mountPoint, FSUNI separator,
-                            FSUNI* out, FSULONG capacityBytes);
-FSUNI* ConcatFilenameToPathOld(const FSUNI* name, const FSUNI* mountPoint, FSUNI* out,
-                               FSULONG capacityBytes);
-void printFSUNI(const FSUNI* text);
-void printFSUNIBytes(const FSUNI* text);
-
 #ifdef __cplusplus
 }  // extern "C"
 
 namespace kestrix {
-// Bounds applied to a MAXDGRAM value: room for the largest fixed reply part
-// plus useful map room, and at most the default. Replies are cut to what one
-// UDP datagram carries whatever their buffer, so the default buffer is the
-// largest worth having, and setting it explicitly changes nothing.
-inline constexpr FSULONG kDefaultMaxDgram = 65536;
-inline constexpr FSULONG kMinMaxDgram = 1024;
-inline constexpr FSULONG kMaxMaxDgram = kDefaultMaxDgram;
-// The size a MAXDGRAM text asks for, after the bounds (logs what was used).
-FSULONG MaxDgramFromText(const char* text);
 // Creates the dispatcher lock and empties the dispatcher list.
 void InitDispatchList();
 // After FSMDCSP_Init: both locks were created and the purge thread runs.

@@ -5,9 +5,11 @@
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"

@@ -5,6 +5,7 @@
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/sp_sup.h"

@@ -1,5 +1,6 @@
 // The lease list: which client holds which file of which volume, through
-// which filesystem library, for how long; and the lease durations and expiry.
+// which filesystem library, for how long. How long a lease lasts and when it
+// ends: sp/lease_expiry.h.
 //
 // The list hangs off spState.leaseHead with the newest lease first; three
 // hash indexes next to it answer "newest lease with this key / this file
@@ -9,6 +10,8 @@
 // for callers that already hold it.
 #ifndef KESTRIX_SP_LEASE_H_
 #define KESTRIX_SP_LEASE_H_
+
+#include "utils/plugin_api.h"
 
 #include "fslibrary.h"
 #include "fstypes.h"
@@ -65,7 +68,8 @@ int GetLeaseCopy(FSULONG key, LeaseEntry* copy);
 // GetLeaseCopy for a request: a lease held by another sender is answered
 // like an unknown key (407).
 int GetOwnLeaseCopy(FSULONG key, const uint8_t* commCookie, LeaseEntry* copy);
-int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut);
+KESTRIX_FOR_PLUGINS int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut,
+                                           uint8_t* fileCookieOut);
 int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut,
                         FsLibrary* library, const char* callerName);
 int ChangeLeaseEntry(FSULONG key, FSLONG duration);
@@ -80,23 +84,10 @@ int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
 void DumpKey(const LeaseEntry* lease);
 int CompareFileCookies(const uint8_t* a, const uint8_t* b);
 
-// Durations and expiry (sp/lease_expiry.cc). Leases are in milliseconds,
-// library maxima in seconds.
-extern const FSLONG defaultReadLease;   // 5000
-extern const FSLONG defaultWriteLease;  // 3600000
-FSLONG CalcLease(FSLONG requested, FSULONG intention, FsLibrary* library,
-                 const uint8_t* volumeCookie);
-int PurgeLeaseList(void);
-void* PurgeLeaseThread(void* ignored);
-
 #ifdef __cplusplus
 }  // extern "C"
 
 namespace kestrix {
-
-// A lease lives until duration + kLeaseGraceMs have passed since creationTime.
-inline constexpr FSULONG kLeaseGraceMs = 30000;
-inline constexpr int32_t kPurgePeriodMs = 5000;
 
 // Creates spState.leaseLock, empties the lease list, sets the lease bounds and
 // a random first key; called once at start-up.
@@ -107,8 +98,6 @@ int LeaseCount();
 // of both; the caller holds spState.leaseLock.
 void LinkLease(LeaseEntry* lease);
 void UnlinkLease(LeaseEntry* lease);
-// lease + ms (ms >= 0) without passing the largest lease, 2^31 - 1 ms.
-FSLONG LeasePlus(FSLONG lease, FSLONG ms);
 
 }  // namespace kestrix
 #endif

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "sp/lease_expiry.h"
 #include "sp/lease.h"
 #include "sp/sp_state.h"
 #include "utils/dlist.h"

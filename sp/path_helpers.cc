@@ -7,6 +7,7 @@
 #include <cwchar>
 
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/utils.h"

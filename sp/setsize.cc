@@ -6,6 +6,7 @@
 #include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"

@@ -4,6 +4,8 @@
 // The list runs from the oldest entry to the newest and is bounded by
 // g_MaxDuplicateMessages answered entries; a hash index beside it finds an
 // entry by message ID and sender without walking the list.
+#include "utils/lan_tracker.h"
+
 #include <cstring>
 
 #include "utils/ksxmem.h"

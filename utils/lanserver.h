@@ -1,20 +1,20 @@
-// The LAN server: header validation, dispatch by function code, and the
-// duplicate-request tracker. One LanServerInfo per process, reached via info.
+// The LAN server: header validation and dispatch by function code. Its
+// record also holds the duplicate-request tracker (utils/lan_tracker.h).
+// One LanServerInfo per process, reached via info.
 #ifndef KESTRIX_UTILS_LANSERVER_H_
 #define KESTRIX_UTILS_LANSERVER_H_
 
+#include "utils/plugin_api.h"
+
 #include "lanheader.h"
 #include "utils/hash_index.h"
+#include "utils/lan_tracker.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 struct DgramAddress;
-
-// How many requests the tracker keeps (0 turns it off); 100 unless the
-// daemon's command line says otherwise before LAN_InitServer.
-extern int g_MaxDuplicateMessages;
 
 // What LAN_ProcessMessage calls for a function code. The body is still in
 // the sender's byte order; commCookie identifies the sender (16 bytes). The
@@ -46,7 +46,6 @@ extern int g_TrackMessages;
 extern int numDupsRepliedTo;
 extern int numDupsDropped;
 
-// Dispatch (utils/lanserver.cc).
 int LAN_InitServer(LanServerInfo** infoOut);
 int LAN_RegisterMessageHandler(LanServerInfo* server, int code, MessageHandler handler);
 LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* server,
@@ -55,29 +54,8 @@ LanHeader* ValidateHeader(void* message, LanServerInfo* server);
 LanHeader* BuildReply(const LanHeader* request, int result);
 void LAN_DumpInfo(void);
 
-// Duplicate-request tracker (utils/lan_tracker.cc).
-LanHeader* LAN_HandleDuplicate(LanServerInfo* server, const uint8_t* commCookie,
-                               const LanHeader* request, int* isDuplicate);
-int LAN_RegisterInProcess(LanServerInfo* server, const uint8_t* commCookie,
-                          const LanHeader* request);
-int LAN_RegisterComplete(LanServerInfo* server, const uint8_t* commCookie,
-                         const LanHeader* request, const LanHeader* reply);
-int PurgeTrackerList(LanServerInfo* server);
-int HeaderInList(LanServerInfo* server, const uint8_t* commCookie, const LanHeader* request);
-int CompareHeaderId(const LanHeader* a, const LanHeader* b);
-int LAN_CompareCommCookies(const uint8_t* a, const uint8_t* b);
-int LAN_CompareMessageCookies(const uint8_t* a, const uint8_t* b);
-LanHeader* LAN_MakeHeaderCopy(const LanHeader* header);
-LanHeader* LAN_MakeMessageCopy(const LanHeader* message);
-void DumpTrackerList(int ignored, LanServerInfo* server);
-
 #ifdef __cplusplus
 }  // extern "C"
-
-namespace kestrix {
-// Entries of the tracker holding a reply, and those still in process.
-void TrackerCounts(LanServerInfo* server, FSULONG* answered, FSULONG* inProcess);
-}  // namespace kestrix
 #endif
 
 #endif  // KESTRIX_UTILS_LANSERVER_H_

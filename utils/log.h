@@ -11,6 +11,8 @@
 #ifndef KESTRIX_UTILS_LOG_H_
 #define KESTRIX_UTILS_LOG_H_
 
+#include "utils/plugin_api.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -41,7 +43,7 @@ extern const char* LogLevel2Str[13];
 void OSL_Log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void OSL_SetLog(int* levelPointer, const char* destination, const char* ident);
 int GetLogLevel(void);
-int syslogfile(void);
+KESTRIX_FOR_PLUGINS int syslogfile(void);
 void ksx_setLogLevel(void);
 void ForceCore(void) __attribute__((noreturn));
 

@@ -3,6 +3,8 @@
 #ifndef KESTRIX_UTILS_OSL_H_
 #define KESTRIX_UTILS_OSL_H_
 
+#include "utils/plugin_api.h"
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -19,7 +21,7 @@ int32_t OSL_SemDownInterruptible(void* sem);
 int32_t OSL_SemUp(void* sem);
 int32_t OSL_SemIsTaken(void* sem);
 void OSL_SemDestroyM(void* sem);
-void OSL_SemDestroy(void* sem);
+KESTRIX_FOR_PLUGINS void OSL_SemDestroy(void* sem);
 
 // Process services (utils/osl_unix_user.cc).
 void OSL_SleepMS(int32_t milliseconds);

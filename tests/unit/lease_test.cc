@@ -4,6 +4,7 @@
 // output alone, the indexes finding what a walk of the newest-first list
 // would, and the purge at the exact millisecond, across a clock wrap.
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 
 #include <gtest/gtest.h>
 #include <string.h>

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "support/test_util.h"
 
 namespace kestrix::test {
