@@ -1,17 +1,8 @@
 // SendStringCmd handler: free-form text commands from a client. Only "LOG"
 // does something (a new log level and destination, for the daemon and for
 // each library that has FS_SetLog); every command, known or not, gets 0.
-//
-// With KESTRIX_LOG_DIR set, a "LOG" file destination is taken only when it
-// resolves (".." and symbolic links followed) to a file inside that
-// directory; the file is then logged to by its resolved name.
-#include "sp/sendstringcmd.h"
-
-#include <limits.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-
+// A file destination is checked against KESTRIX_LOG_DIR (utils/log_dir.h)
+// and then logged to by its resolved name.
 #include <string>
 
 #include "sp/fsmdcsp.h"
@@ -22,6 +13,8 @@
 #include "utils/config.h"
 #include "utils/dgram.h"
 #include "utils/log.h"
+#include "utils/log_dir.h"
+#include "utils/token.h"
 #include "utils/utils.h"
 
 static_assert(kestrix::kReadableInPlace<SendStringCmdMsg>);
@@ -30,84 +23,9 @@ namespace {
 
 constexpr int kCommandBytes = 1024;
 
-// Where every piece past the end of the text points.
-char s_emptyPiece[1] = "";
-
-char FoldAtoZ(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
-
-std::string RealPath(const std::string& path) {
-  char resolved[PATH_MAX];
-  return realpath(path.c_str(), resolved) != nullptr ? resolved : "";
-}
-
-// The file destination names, resolved, when it lies inside dir; "" when it
-// does not, or when either cannot be resolved. The file itself may be
-// missing, but not its directory; a symbolic link must lead somewhere.
-std::string FileInside(const std::string& destination, const std::string& dir) {
-  std::string base = RealPath(dir);
-  if (base.empty()) return "";
-  if (base.back() != '/') base += '/';
-
-  const size_t slash = destination.rfind('/');
-  const std::string leaf = slash == std::string::npos ? destination : destination.substr(slash + 1);
-  if (leaf.empty() || leaf == "." || leaf == "..") return "";
-  std::string path = RealPath(slash == std::string::npos ? "."
-                              : slash == 0               ? "/"
-                                                         : destination.substr(0, slash));
-  if (path.empty()) return "";
-  if (path.back() != '/') path += '/';
-  path += leaf;
-
-  struct stat st;
-  if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) path = RealPath(path);
-  if (path.size() <= base.size() || path.compare(0, base.size(), base) != 0) return "";
-  if (path.size() >= sizeof(g_filename)) return "";
-  return path;
-}
-
 }  // namespace
 
 extern "C" {
-
-int fsf_breakCommand(const char* pieces[FSF_COMMAND_PIECES], char* text) {
-  int count = 1;
-  char* rest = text;
-  for (int i = 0; i < FSF_COMMAND_PIECES; ++i) {
-    pieces[i] = rest;
-    char* separator = strchr(rest, '|');
-    if (separator == nullptr) separator = strchr(rest, ' ');
-    if (separator != nullptr) {
-      *separator = '\0';
-      ++count;
-      rest = separator + 1;
-    } else {
-      rest = s_emptyPiece;
-    }
-  }
-  return count;
-}
-
-int mystrcasecmp(const char* a, const char* b) {
-  for (; *a != '\0'; ++a, ++b) {
-    if (*b == '\0' || FoldAtoZ(*a) != FoldAtoZ(*b)) return -1;
-  }
-  return *b == '\0' ? 0 : -1;
-}
-
-int64_t myatoi(const char* text) {
-  uint64_t value = 0;  // unsigned, so that a long run of digits wraps
-  bool negative = false;
-  for (; *text != '\0'; ++text) {
-    if (*text == '-') {
-      negative = !negative;
-    } else if (*text >= '0' && *text <= '9') {
-      value = value * 10 + static_cast<uint64_t>(*text - '0');
-    } else {
-      break;
-    }
-  }
-  return static_cast<int64_t>(negative ? 0 - value : value);
-}
 
 LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/) {
   auto* msg = reinterpret_cast<SendStringCmdMsg*>(request);
@@ -136,7 +54,7 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
     bool taken = true;
     const std::string confined = kestrix::LogDirectory();
     if (!confined.empty() && kestrix::IsFileDestination(pieces[2])) {
-      destination = FileInside(destination, confined);
+      destination = kestrix::ConfinedLogFile(destination, confined);
       taken = !destination.empty();
       if (!taken) {
         OSL_Log(KSX_ERROR,

@@ -1,6 +1,6 @@
 // String commands: the splitting, comparing and number helpers, and what the
 // handler does that a client cannot see (the system log, the text bound).
-#include "sp/sendstringcmd.h"
+#include "utils/token.h"
 
 #include <gtest/gtest.h>
 
