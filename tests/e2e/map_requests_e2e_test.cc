@@ -22,16 +22,17 @@ const std::string kFile = "file /export/data/f vol-a file-f\n";
 
 TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
   TestFs fs = Serve("");
-  for (auto [size, alloc, flag, conf, result, calls] : {
-           std::tuple{-1, -1, 0u, "", 0, "map 0 -1 0|"},
-           {1000, -1, 0u, "result FS_SetFileSizes 400", 0, "map 0 -1 0|size 1000 -1|"},
-           {-1, 4096, 0u, "", 0, "map 0 -1 0|size -1 4096|map 0 -1 2|"},
-           {-1, 4096, 2u, "result FS_SetFileSizes 1", 0, "map 0 -1 2|size -1 4096|map 0 -1 2|"},
-           {-1, -1, 0u, "result FS_GetLockedMap 1", 1, "map 0 -1 0|"},
-           {-1, -1, 8u, "", 0, "map 0 -1 8|unlock|"},
-           {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
-           {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
-           {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9, "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
+  for (auto [size, alloc, flag, conf, result, calls] :
+       {std::tuple{-1, -1, 0u, "", 0, "map 0 -1 0|"},
+        {1000, -1, 0u, "result FS_SetFileSizes 400", 0, "map 0 -1 0|size 1000 -1|"},
+        {-1, 4096, 0u, "", 0, "map 0 -1 0|size -1 4096|map 0 -1 2|"},
+        {-1, 4096, 2u, "result FS_SetFileSizes 1", 0, "map 0 -1 2|size -1 4096|map 0 -1 2|"},
+        {-1, -1, 0u, "result FS_GetLockedMap 1", 1, "map 0 -1 0|"},
+        {-1, -1, 8u, "", 0, "map 0 -1 8|unlock|"},
+        {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
+        {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
+        {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9,
+         "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
     fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Restart();
@@ -42,7 +43,8 @@ TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
                          open.fileCookie[5], open.header.length),
               std::tuple(result, calls, delivered, delivered ? 'v' : 0, delivered ? 'f' : 0, 244u));
     // Only a lease still held can be mapped further.
-    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407) << calls;
+    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407)
+        << calls;
   }
 }
 
@@ -114,12 +116,14 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
     fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
-    client::HeaderOf(request)->revision = 77, client::HeaderOf(request)->result = 9;  // echoed, cleared
+    client::HeaderOf(request)->revision = 77,
+    client::HeaderOf(request)->result = 9;  // echoed, cleared
     const Bytes bytes = Send(request);
     const client::MapReply r = client::ParseMapReply(bytes).value();
-    EXPECT_EQ(std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
-                         r.header.result),
-              std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
+    EXPECT_EQ(
+        std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
+                   r.header.result),
+        std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
   }
   const Bytes unknown = Send(client::MakeGetExtendedMapRequest(999, 0, 0));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 184u));
@@ -170,8 +174,9 @@ TEST_F(SetSizeE2E, SizeCallAndRenewal) {
     fs.ClearCalls();
     const auto r = client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, lease)));
     const CallRecord size = fs.Calls("FS_SetFileSizes").at(0);
-    EXPECT_EQ(std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
-              std::tuple(result, granted, "5000", -1, -1));
+    EXPECT_EQ(
+        std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
+        std::tuple(result, granted, "5000", -1, -1));
   }
   const Bytes unknown = Send(client::MakeSetSizeRequest(999, 1));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 72u));

@@ -25,8 +25,8 @@ struct RunResult {
 };
 
 // Runs a program to its end with the given environment additions.
-RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
-                    int timeoutMs = 20000);
+RunResult RunToExit(const std::string& program, const std::vector<std::string>& args,
+                    const Env& env, int timeoutMs = 20000);
 
 class DaemonProcess {
  public:

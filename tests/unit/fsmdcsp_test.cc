@@ -26,7 +26,8 @@ TEST_F(FsmdcspInitTest, RefusedLibrariesTakeNoSlotAndTheAcceptedOneGetsTheLogLev
   InstallTestPlugin("libtestfs_v231.so", lib_.path(), "v231.so");
   InstallTestPlugin("libtestfs_initfail.so", lib_.path(), "initfail.so");
   EXPECT_EQ(FSMDCSP_Init(FSMDCSP_LoadNextLibrary), FSMDCSP_RESULT_LIB_REFUSED);
-  EXPECT_EQ(std::tuple(libCount, Fs("v231.so").CountCalls("FS_Init"), Fs("initfail.so").CountCalls("FS_SetLog")),
+  EXPECT_EQ(std::tuple(libCount, Fs("v231.so").CountCalls("FS_Init"),
+                       Fs("initfail.so").CountCalls("FS_SetLog")),
             std::tuple(1, 0, 0));  // too new: refused before FS_Init
   std::vector<CallRecord> calls = Fs("good.so").Calls();
   ASSERT_EQ(calls.size(), 3u);  // FS_GetVersion, FS_Init, then FS_SetLog

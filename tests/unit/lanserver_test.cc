@@ -67,7 +67,8 @@ class LanServerTest : public ::testing::Test {
 
 TEST_F(LanServerTest, RegistrationBounds) {
   Init(100, Lost);
-  for (int code : {100, -1}) EXPECT_EQ(LAN_RegisterMessageHandler(g_server, code, Counting), 1) << code;
+  for (int code : {100, -1})
+    EXPECT_EQ(LAN_RegisterMessageHandler(g_server, code, Counting), 1) << code;
   EXPECT_EQ(LAN_RegisterMessageHandler(g_server, 9, Counting), 0);  // replaces Lost
   EXPECT_EQ(Run("r"), 1);
 }

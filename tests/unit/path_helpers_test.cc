@@ -44,7 +44,8 @@ TEST(GetNextStringTest, NeedsRoomForAStringAfterTheFirstZeroUnit) {
 
 TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   LogCapture log(2);
-  for (const char* text : {"65536", "65537", "4294975488"})  // the last not as its low 32 bits, 8192
+  for (const char* text :
+       {"65536", "65537", "4294975488"})  // the last not as its low 32 bits, 8192
     EXPECT_EQ(MaxDgramFromText(text), 65536u) << text;
   EXPECT_TRUE(log.Contains("Error MAXDGRAM 65537 is outside 1024 to 65536; using 65536\n"));
   EXPECT_FALSE(log.Contains("MAXDGRAM 65536 "));

@@ -61,7 +61,9 @@ TEST(SendStringCmdTest, LogCommandSystemLogNegativeLevelAndA1024UnitText) {
     msg->header.functionCode = SP_FUNC_SENDSTRINGCMD;
     for (size_t i = 0; i < c.text.size(); ++i) msg->command[i] = static_cast<uint8_t>(c.text[i]);
     auto* reply = reinterpret_cast<SendStringCmdReply*>(SP_LanSendStringCmd(&msg->header, nullptr));
-    EXPECT_EQ(std::tuple(GetLogLevel(), std::string(g_filename)), std::tuple(c.level, c.destination)) << c.text;
+    EXPECT_EQ(std::tuple(GetLogLevel(), std::string(g_filename)),
+              std::tuple(c.level, c.destination))
+        << c.text;
     ASSERT_NE(reply, nullptr);
     EXPECT_EQ(std::tuple(reply->header.length, reply->result), std::tuple(2132u, 0));
     ksxmem_free(reply);

@@ -25,9 +25,11 @@ void RecordFree(void* orig, int32_t size) {
 // Each block lies inside what was obtained, is counted, and is given back whole.
 TEST(SolKsxmemTest, AlignmentsFillGuardAndRelease) {
   kestrix::test::LogCapture log(2);
-  const struct { int32_t asked, size, used; } cases[] = {
-      {-8, 10, 8}, {0, 10, 8}, {3, 10, 8}, {-5, 10, 8}, {-16, 10, 16}, {24, 10, 32}, {4096, 10, 4096},
-      {9000, 10, 8192}, {1 << 20, 10, 8192}, {INT32_MIN, 10, 8192}, {8, 0, 8}};
+  const struct { int32_t asked, size, used;
+  } cases[] = {{-8, 10, 8},           {0, 10, 8},       {3, 10, 8},
+               {-5, 10, 8},           {-16, 10, 16},    {24, 10, 32},
+               {4096, 10, 4096},      {9000, 10, 8192}, {1 << 20, 10, 8192},
+               {INT32_MIN, 10, 8192}, {8, 0, 8}};
   kestrix::SetFreememObserverForTesting(RecordFree);
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.asked << " size " << c.size);
