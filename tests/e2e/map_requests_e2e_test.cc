@@ -116,8 +116,8 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
     fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
-    client::HeaderOf(request)->revision = 77,
-    client::HeaderOf(request)->result = 9;  // echoed, cleared
+    client::HeaderOf(request)->revision = 77;  // echoed in the reply
+    client::HeaderOf(request)->result = 9;     // cleared in the reply
     const Bytes bytes = Send(request);
     const client::MapReply r = client::ParseMapReply(bytes).value();
     EXPECT_EQ(

@@ -48,7 +48,9 @@ TEST(DispatchListTest, LaterClaimReplacesTheEarlierOneAndUnknownCookiesFindNothi
   InitDispatchList();
   FsLibrary first{}, second{};
   std::vector<uint8_t> a(FS_COOKIE_SIZE, 'v'), b = a, unknown = a;
-  b.back() = 1, unknown.back() = 2;  // each differs from a in the last byte only
+  // Each differs from a in the last byte only.
+  b.back() = 1;
+  unknown.back() = 2;
   AddVolumeDispatcherToList(a.data(), &first);
   AddVolumeDispatcherToList(b.data(), &first);
   const int32_t before = g_kmemstat;

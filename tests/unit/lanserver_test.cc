@@ -35,7 +35,10 @@ LanHeader* Counting(LanHeader* request, const uint8_t*) {
   reply->revision = ++g_calls;  // tells the replies of different runs apart
   return reply;
 }
-LanHeader* Lost(LanHeader*, const uint8_t*) { return ++g_calls, nullptr; }
+LanHeader* Lost(LanHeader*, const uint8_t*) {
+  ++g_calls;
+  return nullptr;
+}
 LanHeader* Reentrant(LanHeader* request, const uint8_t* comm) {
   LanHeader copy = *request;
   g_nested = LAN_ProcessMessage(&copy, 48, g_server, comm);
@@ -56,7 +59,10 @@ class LanServerTest : public ::testing::Test {
   // The reply's revision (the handler run that made it), 0 for no reply.
   static int Run(const std::string& id, const uint8_t* comm = kHostA) {
     LanHeader h{};
-    h.byteOrder = 1, h.functionCode = 9, h.length = 48, h.flags = LAN_FLAG_TRACK;
+    h.byteOrder = 1;
+    h.functionCode = 9;
+    h.length = 48;
+    h.flags = LAN_FLAG_TRACK;
     std::memcpy(h.messageID, id.data(), id.size());
     LanHeader* reply = LAN_ProcessMessage(&h, 48, g_server, comm);
     const int revision = reply == nullptr ? 0 : reply->revision;
@@ -118,7 +124,8 @@ void SlowCallback(void*, int, DgramAddress*, void*) {
 TEST(ListenerTest, TheReceiveLockSerialisesCallbacksWithoutLosingDatagrams) {
   void* lock = OSL_SemCreate(1);
   for (bool locked : {true, false}) {
-    g_most = 0, g_handled = 0;
+    g_most = 0;
+    g_handled = 0;
     SetReceiveLock(locked ? lock : nullptr);
     const uint16_t port = client::FreeLoopbackPort();
     ASSERT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), 0);

@@ -35,10 +35,17 @@ TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
   // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day,
   // as is any lease without a maximum. A negative request is over-long, not exempt.
   const Row rows[] = {
-      {0, 1, 0, 0, 0, 0, 5000}, {0, 0, 0, 0, 0, 0, 3600000}, {20000, 1, 1, 0, 10, 1000, 10000},
-      {0, 0, 1, 0, 0, 0, 3600000}, {100000000, 0, 1, 0, 0, 0, 86400000}, {-5, 1, 1, 0, 10, 10, 10000},
-      {-5, 1, 0, 0, 0, 0, 86400000}, {20000, 1, 1, 3, 1, 1, 20000}, {-5, 1, 1, 3, 1, 1, 86400000},
-      {99999, 1, 2, 0, 1, 1, 99999}, {99999, 1, 3, 0, 1, 1, 99999},
+      {0, 1, 0, 0, 0, 0, 5000},
+      {0, 0, 0, 0, 0, 0, 3600000},
+      {20000, 1, 1, 0, 10, 1000, 10000},
+      {0, 0, 1, 0, 0, 0, 3600000},
+      {100000000, 0, 1, 0, 0, 0, 86400000},
+      {-5, 1, 1, 0, 10, 10, 10000},
+      {-5, 1, 0, 0, 0, 0, 86400000},
+      {20000, 1, 1, 3, 1, 1, 20000},
+      {-5, 1, 1, 3, 1, 1, 86400000},
+      {99999, 1, 2, 0, 1, 1, 99999},
+      {99999, 1, 3, 0, 1, 1, 99999},
       {800000000, 1, 1, 0, 5000000, 1, 705032704}};  // 5000000 s wraps to a positive count
   for (const Row& r : rows) {
     g_row = &r;
@@ -165,7 +172,8 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_TRUE(log_.Contains("Debug1 Key List Start\nDebug1   key: 0x0\nDebug1   volcookie:09\n"
                             "Debug1   filecookie:08\nDebug1 \nDebug1 Key List End\n"));
   const int32_t start = g_kmemstat;
-  for (auto [file, sender] : {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
+  for (auto [file, sender] :
+       {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
     Add(file, sender);
   // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
   g_now = 0xFFFFFC17u;
@@ -180,10 +188,12 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_EQ(0, PurgeLeaseList());
   EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4) && !Holds(5));
   EXPECT_EQ(start, g_kmemstat);
-  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}), g_unlocks);  // one unlock per file
+  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}),
+            g_unlocks);                                        // one unlock per file
   EXPECT_FALSE(log_.Contains("purging expired lease 0x3\n"));  // met first, leaves it to key 2
-  EXPECT_TRUE(log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "
-                            "time:36000\nDebug1 purging expired lease 0x1\n"));
+  EXPECT_TRUE(
+      log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "
+                    "time:36000\nDebug1 purging expired lease 0x1\n"));
 }
 
 }  // namespace
