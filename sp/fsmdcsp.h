@@ -45,8 +45,10 @@ int FSMDCSP_Init(LibrarySource nextLibrary);
 int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library);
 FsLibrary* GetLibrary(const uint8_t* volumeCookie);
 int CompareVolCookies(const uint8_t* a, const uint8_t* b);
-// A zero-filled reply of size bytes opened by a copy of the request header,
-// with the library's version as revision when a library is given; or null.
+// Allocates size bytes of zeros for a reply, copies the request's header in,
+// turns it into a reply header (negated code, our byte order, size as the
+// length) and stamps the library's version as revision if there is a
+// library. Null, after a log line, when memory runs out.
 LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* library);
 
 #ifdef __cplusplus

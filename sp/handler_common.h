@@ -22,9 +22,8 @@ template <typename Body>
 inline constexpr bool kReadableInPlace =
     sizeof(Body) <= kDgramScrubBytes && kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE;
 
-// A zero-filled reply of size bytes opened by the request's header (with the
-// library's version as revision when there is a library) and carrying
-// result; null when no memory is left (SP_InitReply has logged it).
+// SP_InitReply typed as the handler's reply body, with result already set;
+// null when memory ran out (SP_InitReply logged it).
 template <typename Reply>
 Reply* NewReply(const LanHeader* request, FSULONG size, FsLibrary* library, int result) {
   auto* reply = reinterpret_cast<Reply*>(SP_InitReply(request, size, library));

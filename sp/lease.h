@@ -1,6 +1,7 @@
-// The lease list: which client holds which file of which volume, through
-// which filesystem library, for how long. How long a lease lasts and when it
-// ends: sp/lease_expiry.h.
+// The lease list. A LeaseEntry records one open of a file by one client:
+// the cookies naming the file, the request and the sender, the library to
+// unlock through, and the duration. Durations and expiry live in
+// sp/lease_expiry.h.
 //
 // The list hangs off spState.leaseHead with the newest lease first; three
 // hash indexes next to it answer "newest lease with this key / this file
