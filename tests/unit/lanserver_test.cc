@@ -142,7 +142,8 @@ TEST(LanSupTest, PrintWritesTheHeaderAtPrintLevel) {
   test::LogCapture log(1);
   LanHeader h{};
   h.functionCode = -2;
-  h.messageID[0] = 0x12, h.messageID[1] = 0xA0;
+  h.messageID[0] = 0x12;
+  h.messageID[1] = 0xA0;
   LANSUP_PrintLanHeader(&h);
   EXPECT_EQ(log.Lines().at(0), "Print Header information for message");
   EXPECT_TRUE(log.Contains("Print functionCode -2\n"));

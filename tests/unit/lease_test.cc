@@ -60,7 +60,10 @@ uint32_t g_now = 1000;
 // FS_UnlockMap of fake library N records N and the file cookie's first byte.
 std::vector<std::pair<int, int>> g_unlocks;
 template <int N>
-FSLONG Unlock(const uint8_t*, const uint8_t* f) { return g_unlocks.emplace_back(N, f[0]), 0; }
+FSLONG Unlock(const uint8_t*, const uint8_t* f) {
+  g_unlocks.emplace_back(N, f[0]);
+  return 0;
+}
 
 class LeaseListTest : public ::testing::Test {
  protected:
