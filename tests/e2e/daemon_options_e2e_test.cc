@@ -59,8 +59,7 @@ TEST(DaemonOptionsE2E, LogFileNameOf99CharactersAndATakenPort) {
       "Error DGRAM_BindListener failed 1104.  May be another kestrixd running.\n"));
 }
 
-// A log file that cannot be opened does not silence the daemon: its lines
-// go to standard output instead.
+// A log file that cannot be opened sends the lines to standard output.
 TEST(DaemonOptionsE2E, ALogFileThatCannotBeOpenedFallsBackToStandardOutput) {
   TempDir dir;
   DaemonProcess daemon;

@@ -1,6 +1,5 @@
-// Every unit test starts with the service provider and the plug-in loader
-// as a fresh daemon has them, so the tests pass alike one per process and
-// all in one process, in any order.
+// Every unit test starts with the service provider and the loader as fresh,
+// so the tests pass one per process and all in one process alike.
 #include <gtest/gtest.h>
 
 #include "sp/sp_state.h"

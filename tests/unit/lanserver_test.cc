@@ -1,9 +1,5 @@
-// LAN server dispatch and the duplicate tracker driven in process: what the
-// wire cannot arrange (a copy arriving while its original is handled, replies
-// lost) and the tracker's exact bound; and the listener threads with and
-// without the receive lock; the header print for plug-ins (the header's
-// converter and dump are seen end to end). Failed allocations:
-// allocation_failures_test.cc.
+// LAN server, tracker and listeners driven in process, for what the wire
+// cannot arrange; failed allocations are in allocation_failures_test.cc.
 #include "utils/lanserver.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,6 @@
-// Leases in process, for what the end-to-end tests cannot arrange: durations
-// from the libraries' maxima, key wrap-around, a negative duration, no
-// memory, the caller's library on the last unlock, unknown keys leaving every
-// output alone, the indexes finding what a walk of the newest-first list
-// would, and the purge at the exact millisecond, across a clock wrap.
+// Leases in process, for what the end-to-end tests cannot arrange: library
+// maxima, key wrap, no memory, the unlock's library, the indexes against a
+// walk of the list, the purge at the exact millisecond across a clock wrap.
 #include "sp/lease.h"
 #include "sp/lease_expiry.h"
 
@@ -18,8 +16,15 @@
 
 namespace {
 
-// A CalcLease case. lib: none, the fake (answering result, read, write), no slot, no cookie.
-struct Row { FSLONG asked; FSULONG intention; int lib; FSLONG result, read, write, lease; };
+// kFake's FS_GetMaxLeases answers result, read, write; kNoSlot has none;
+// kNoCookie is kFake asked without a cookie. Intention 1 reads, 0 writes.
+enum Lib { kNone, kFake, kNoSlot, kNoCookie };
+struct Row {
+  FSLONG asked;
+  FSULONG intention;
+  Lib lib;
+  FSLONG result = 0, read = 0, write = 0, lease;
+};
 const Row* g_row = nullptr;
 FSLONG FakeGetMaxLeases(const uint8_t*, FSLONG* readMax, FSLONG* writeMax) {
   *readMax = g_row->read;
@@ -35,22 +40,26 @@ TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
   // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day,
   // as is any lease without a maximum. A negative request is over-long, not exempt.
   const Row rows[] = {
-      {0, 1, 0, 0, 0, 0, 5000},
-      {0, 0, 0, 0, 0, 0, 3600000},
-      {20000, 1, 1, 0, 10, 1000, 10000},
-      {0, 0, 1, 0, 0, 0, 3600000},
-      {100000000, 0, 1, 0, 0, 0, 86400000},
-      {-5, 1, 1, 0, 10, 10, 10000},
-      {-5, 1, 0, 0, 0, 0, 86400000},
-      {20000, 1, 1, 3, 1, 1, 20000},
-      {-5, 1, 1, 3, 1, 1, 86400000},
-      {99999, 1, 2, 0, 1, 1, 99999},
-      {99999, 1, 3, 0, 1, 1, 99999},
-      {800000000, 1, 1, 0, 5000000, 1, 705032704}};  // 5000000 s wraps to a positive count
+      {.asked = 0, .intention = 1, .lib = kNone, .lease = 5000},
+      {.asked = 0, .intention = 0, .lib = kNone, .lease = 3600000},
+      {.asked = 20000, .intention = 1, .lib = kFake, .read = 10, .write = 1000, .lease = 10000},
+      {.asked = 0, .intention = 0, .lib = kFake, .lease = 3600000},
+      {.asked = 100000000, .intention = 0, .lib = kFake, .lease = 86400000},
+      {.asked = -5, .intention = 1, .lib = kFake, .read = 10, .write = 10, .lease = 10000},
+      {.asked = -5, .intention = 1, .lib = kNone, .lease = 86400000},
+      {.asked = 20000, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
+       .lease = 20000},
+      {.asked = -5, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
+       .lease = 86400000},
+      {.asked = 99999, .intention = 1, .lib = kNoSlot, .read = 1, .write = 1, .lease = 99999},
+      {.asked = 99999, .intention = 1, .lib = kNoCookie, .read = 1, .write = 1, .lease = 99999},
+      // 5000000 s wraps to a positive count of milliseconds.
+      {.asked = 800000000, .intention = 1, .lib = kFake, .read = 5000000, .write = 1,
+       .lease = 705032704}};
   for (const Row& r : rows) {
     g_row = &r;
-    EXPECT_EQ(r.lease, CalcLease(r.asked, r.intention, libs[r.lib], r.lib == 3 ? nullptr : vol))
-        << "row " << &r - rows;
+    const uint8_t* const cookie = r.lib == kNoCookie ? nullptr : vol;
+    EXPECT_EQ(r.lease, CalcLease(r.asked, r.intention, libs[r.lib], cookie)) << &r - rows;
   }
 }
 

@@ -51,8 +51,7 @@ TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   EXPECT_FALSE(log.Contains("MAXDGRAM 65536 "));
 }
 
-// A client's text cannot start a log line of its own: a line end in it is
-// escaped, other characters come out as UTF-8.
+// A client's line end is escaped; other characters come out as UTF-8.
 TEST(PrintFsuniTest, EscapesControlCharactersLikeEveryLogLine) {
   LogCapture log(KSX_SP);
   const FSUNI text[] = {'a', '\n', 'b', 0x00e9, 0};

@@ -83,9 +83,8 @@ TEST(SolKsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
   EXPECT_EQ(ksxmem_free(s) + ksxmem_free(l), 8);
 }
 
-// Before the first allocation the allocator cannot know a header's size, so
-// a free is refused without reading the caller's memory. Only a fresh process
-// has an untouched allocator: the check runs in one started for it.
+// A free before the first allocation is refused without reading the caller's
+// memory; only a fresh process, started for the check, has such an allocator.
 TEST(SolKsxmemTest, AFreeBeforeAnyAllocationIsRefused) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
