@@ -1,10 +1,10 @@
-// The ten entry points of one loaded filesystem library.
+// FsLibrary: the function table the loader fills from one plug-in.
 //
-// A filesystem library is a C-linkage shared object exporting functions of
-// these names and types. FS_SetLog and FS_GetMaxLeases are optional (their
-// slots may be null); all others are mandatory. Every entry point returns a
-// signed 32-bit value: the version for FS_GetVersion, else a status, 0 for
-// success.
+// Each slot is found by its name among the plug-in's C-linkage symbols. A
+// plug-in lacking FS_SetLog or FS_GetMaxLeases still loads, with that slot
+// null; lacking any other name, it is skipped. FS_GetVersion answers the
+// plug-in's version; every other call answers a status (FSLONG) where 0
+// means it worked.
 #ifndef KESTRIX_INCLUDE_FSLIBRARY_H_
 #define KESTRIX_INCLUDE_FSLIBRARY_H_
 

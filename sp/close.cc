@@ -1,24 +1,18 @@
 // Close: a client gives up its lease, optionally setting the file's final
 // size (the allocation follows it); the last lease on a file to go unlocks
-// its map in the library. Also SP_LanDumpInfo, which logs the lease list and
-// the duplicate counters; no function code is registered for it.
+// its map in the library.
 #include "sp/fsmdcsp.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
-#include "utils/lanserver.h"
 #include "utils/log.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(CloseMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<CloseMsg>);
 
-namespace {
-constexpr FS64LONG kUnchanged = -1;
-}  // namespace
+using kestrix::kUnchanged;
 
 extern "C" {
 
@@ -60,20 +54,9 @@ LanHeader* SP_LanClose(LanHeader* request, const uint8_t* commCookie) {
     if (result == 0 && sizeStatus != 0) result = sizeStatus;
   }
 
-  auto* reply = reinterpret_cast<CloseReply*>(SP_InitReply(request, SP_CLOSE_REPLY_SIZE, library));
-  if (reply != nullptr) {
-    reply->result = result;
-    SPSUP_DumpCloseReply(reply, SP_CLOSE_REPLY_SIZE);
-  }
-  return reinterpret_cast<LanHeader*>(reply);
-}
-
-LanHeader* SP_LanDumpInfo(LanHeader* request, const uint8_t* /*commCookie*/) {
-  FSMDCSP_DumpKeyList();
-  LAN_DumpInfo();
-  auto* reply = reinterpret_cast<CloseReply*>(SP_InitReply(request, SP_CLOSE_REPLY_SIZE, nullptr));
-  if (reply != nullptr) reply->result = SP_RESULT_OK;
-  return reinterpret_cast<LanHeader*>(reply);
+  auto* reply = kestrix::NewReply<CloseReply>(request, SP_CLOSE_REPLY_SIZE, library, result);
+  if (reply != nullptr) SPSUP_DumpCloseReply(reply, SP_CLOSE_REPLY_SIZE);
+  return kestrix::AsHeader(reply);
 }
 
 }  // extern "C"

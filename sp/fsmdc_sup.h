@@ -7,6 +7,8 @@
 #ifndef KESTRIX_SP_FSMDC_SUP_H_
 #define KESTRIX_SP_FSMDC_SUP_H_
 
+#include "utils/plugin_api.h"
+
 #include <stdint.h>
 
 #include "fsmdc.h"
@@ -27,7 +29,7 @@ void FSMDCSUP_DumpVolInfo(const VolInfo* info);
 void FSMDCSUP_DumpFSDisk(const FSDisk* disk);
 // "%02X " for each of count bytes, untrimmed; text must hold 3 * count + 1.
 char* FSMDCSUP_DiskIdToString(const uint8_t* bytes, int count, char* text);
-void FSMDCSUP_DumpFSMapInfo(const FSMapInfo* map);
+KESTRIX_FOR_PLUGINS void FSMDCSUP_DumpFSMapInfo(const FSMapInfo* map);
 void FSMDCSUP_DumpCompactExtent(const CompactExtent* extent);
 void FSMDCSUP_DumpSimpleExtent(const SimpleExtent* extent);
 void FSMDCSUP_DumpVerboseExtent(const VerboseExtent* extent);

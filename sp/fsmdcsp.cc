@@ -2,59 +2,57 @@
 // filesystem libraries, starts the lease purge thread, remembers which
 // library serves which volume, and makes the reply buffers of the handlers.
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "utils/dlist.h"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "sp/lease.h"
-#include "unixmdc/loadlib.h"
+#include "sp/lease_expiry.h"
+#include "sp/sp_state.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/osl.h"
 
 extern "C" {
 
-FsLibrary* libs[FSMDCSP_MAX_LIBS] = {};
-FSLONG libCount = 0;
-VolumeDispatcher dispatchListHeadGlb = {};
-void* dispatchListLock = nullptr;
-
-static bool s_purgeThreadStarted = false;
-
 int CompareVolCookies(const uint8_t* a, const uint8_t* b) {
   return std::memcmp(a, b, FS_COOKIE_SIZE);
 }
 
-int FSMDCSP_Init(void) {
+int FSMDCSP_Init(LibrarySource nextLibrary) {
   maxDgramSize();  // read MAXDGRAM now, before any listener thread runs
   kestrix::InitDispatchList();
   kestrix::InitLeaseList();
 
   int result = 0;
   for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
-    FsLibrary* library = FSMDCSP_LoadNextLibrary();
-    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d libs[%d]:%x\n", i, libCount,
+    FsLibrary* library = nextLibrary != nullptr ? nextLibrary() : nullptr;
+    OSL_Log(KSX_SP, "FSMDCSP_Init i:%d libs[%d]:%x\n", i, kestrix::spState.libCount,
             static_cast<unsigned>(reinterpret_cast<uintptr_t>(library)));
     if (library == nullptr) break;
     bool refused = library->FS_GetVersion() > FS_MAX_LIBRARY_VERSION || library->FS_Init() != 0;
     if (refused) {
-      std::free(library);  // the library stays open but is never called again
+      std::free(library);  // refused: the table goes, the code stays mapped, unused
       result = FSMDCSP_RESULT_LIB_REFUSED;
       continue;
     }
-    libs[libCount++] = library;
+    kestrix::spState.libs[kestrix::spState.libCount++] = library;
     if (library->FS_SetLog != nullptr) library->FS_SetLog(g_LogLevel, nullptr);
   }
-  s_purgeThreadStarted = OSL_CreateThread(PurgeLeaseThread, nullptr) == 0;
+  kestrix::spState.purgeRunning = true;
+  kestrix::spState.purgeThreadStarted = OSL_CreateThread(PurgeLeaseThread, nullptr) == 0;
+  if (!kestrix::spState.purgeThreadStarted) kestrix::spState.purgeRunning = false;
   return result;
 }
 
 int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
-  kestrix::SemGuard lock(dispatchListLock);
-  for (VolumeDispatcher* d = dispatchListHeadGlb.next; d != &dispatchListHeadGlb; d = d->next) {
+  kestrix::SemGuard lock(kestrix::spState.dispatchLock);
+  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next;
+       d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) {
-      d->library = library;  // a later claim replaces an earlier one
+      d->library = library;  // the newest library to claim a volume serves it
       std::memcpy(d->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
       return 0;
     }
@@ -64,13 +62,14 @@ int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library) {
   if (entry == nullptr) return 0;  // the allocator has logged the failure
   entry->library = library;
   std::memcpy(entry->volumeCookie, volumeCookie, FS_COOKIE_SIZE);
-  kestrix::dlist::InsertFront(&dispatchListHeadGlb, entry);
+  kestrix::dlist::InsertFront(&kestrix::spState.dispatchHead, entry);
   return 0;
 }
 
 FsLibrary* GetLibrary(const uint8_t* volumeCookie) {
-  kestrix::SemGuard lock(dispatchListLock);
-  for (VolumeDispatcher* d = dispatchListHeadGlb.next; d != &dispatchListHeadGlb; d = d->next) {
+  kestrix::SemGuard lock(kestrix::spState.dispatchLock);
+  for (VolumeDispatcher* d = kestrix::spState.dispatchHead.next;
+       d != &kestrix::spState.dispatchHead; d = d->next) {
     if (CompareVolCookies(d->volumeCookie, volumeCookie) == 0) return d->library;
   }
   return nullptr;
@@ -97,12 +96,13 @@ LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* libra
 namespace kestrix {
 
 bool ServiceProviderReady() {
-  return dispatchListLock != nullptr && leaseListLock != nullptr && s_purgeThreadStarted;
+  return kestrix::spState.dispatchLock != nullptr && kestrix::spState.leaseLock != nullptr &&
+         kestrix::spState.purgeThreadStarted;
 }
 
 void InitDispatchList() {
-  dispatchListLock = OSL_SemCreate(1);
-  kestrix::dlist::MakeEmpty(&dispatchListHeadGlb);
+  kestrix::spState.dispatchLock = OSL_SemCreate(1);
+  kestrix::dlist::MakeEmpty(&kestrix::spState.dispatchHead);
 }
 
 }  // namespace kestrix

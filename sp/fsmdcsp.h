@@ -1,6 +1,6 @@
 // The metadata service provider: start-up, the library table, the volume
-// dispatcher list, reply buffers and the request path helpers. The lease
-// list lives in sp/lease.h; the handlers in sp/handlers.h.
+// dispatcher list and reply buffers. The lease list lives in sp/lease.h, the
+// handlers in sp/handlers.h, the path helpers in sp/path_helpers.h.
 #ifndef KESTRIX_SP_FSMDCSP_H_
 #define KESTRIX_SP_FSMDCSP_H_
 
@@ -18,9 +18,6 @@ enum {
   FSMDCSP_RESULT_LIB_REFUSED = 408,
 };
 
-// Accepted libraries in load order; slots libCount..31 are null.
-extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
-extern FSLONG libCount;
 
 // Which library claimed which volume cookie.
 typedef struct VolumeDispatcher {
@@ -30,40 +27,34 @@ typedef struct VolumeDispatcher {
   FsLibrary* library;
 } VolumeDispatcher;
 
+// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
+// outside the daemon that looks them up; the daemon uses spState.
+extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
+extern FSLONG libCount;
 extern VolumeDispatcher dispatchListHeadGlb;
 extern void* dispatchListLock;
 
-int FSMDCSP_Init(void);
+// Where the service provider gets its filesystem libraries: each call
+// returns the next one that loaded (malloc'd, handed over), null when no
+// more are left. The daemon passes its plug-in loader.
+typedef FsLibrary* (*LibrarySource)(void);
+
+// Accepts the libraries nextLibrary gives (up to FSMDCSP_MAX_LIBS), empties
+// the dispatcher and lease lists and starts the lease purge thread.
+int FSMDCSP_Init(LibrarySource nextLibrary);
 int AddVolumeDispatcherToList(const uint8_t* volumeCookie, FsLibrary* library);
 FsLibrary* GetLibrary(const uint8_t* volumeCookie);
 int CompareVolCookies(const uint8_t* a, const uint8_t* b);
-// A zero-filled reply of size bytes opened by a copy of the request header,
-// with the library's version as revision when a library is given; or null.
+// Allocates size bytes of zeros for a reply, copies the request's header in,
+// turns it into a reply header (negated code, our byte order, size as the
+// length) and stamps the library's version as revision if there is a
+// library. Null, after a log line, when memory runs out.
 LanHeader* SP_InitReply(const LanHeader* request, FSULONG size, FsLibrary* library);
-
-// Request path helpers (sp/path_helpers.cc).
-FSULONG maxDgramSize(void);
-FSUNI* GetNextString(FSUNI* area, FSULONG capacityBytes);
-FSUNI* ConcatFilenameToPath(const FSUNI* name, const FSUNI* mountPoint, FSUNI separator,
-                            FSUNI* out, FSULONG capacityBytes);
-FSUNI* ConcatFilenameToPathOld(const FSUNI* name, const FSUNI* mountPoint, FSUNI* out,
-                               FSULONG capacityBytes);
-void printFSUNI(const FSUNI* text);
-void printFSUNIBytes(const FSUNI* text);
 
 #ifdef __cplusplus
 }  // extern "C"
 
 namespace kestrix {
-// Bounds applied to a MAXDGRAM value: room for the largest fixed reply part
-// plus useful map room, and at most the default. Replies are cut to what one
-// UDP datagram carries whatever their buffer, so the default buffer is the
-// largest worth having, and setting it explicitly changes nothing.
-inline constexpr FSULONG kDefaultMaxDgram = 65536;
-inline constexpr FSULONG kMinMaxDgram = 1024;
-inline constexpr FSULONG kMaxMaxDgram = kDefaultMaxDgram;
-// The size a MAXDGRAM text asks for, after the bounds (logs what was used).
-FSULONG MaxDgramFromText(const char* text);
 // Creates the dispatcher lock and empties the dispatcher list.
 void InitDispatchList();
 // After FSMDCSP_Init: both locks were created and the purge thread runs.

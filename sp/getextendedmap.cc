@@ -1,11 +1,15 @@
-// GetExtendedMap: the map of a further range of a file whose lease a client
-// holds, with optional new sizes, and the renewal of that lease.
+// GetExtendedMap handler: more extents of an already opened file. The lease
+// holder names a range (and may set new sizes on the way); the library
+// writes that part of the map into the reply and the lease is extended.
 #include <algorithm>
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
@@ -13,13 +17,11 @@
 #include "utils/log.h"
 #include "utils/osl.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(GetExtendedMapMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<GetExtendedMapMsg>);
+
+using kestrix::kUnchanged;
 
 namespace {
-constexpr FS64LONG kUnchanged = -1;
 constexpr FSULONG kReadRules = 1;
 constexpr FSULONG kWriteRules = 0;
 }  // namespace
@@ -45,7 +47,7 @@ extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* co
   result = status;
   if (status == 0) {
     replySize = maxDgramSize();
-    reply = reinterpret_cast<GetExtendedMapReply*>(SP_InitReply(request, replySize, nullptr));
+    reply = kestrix::NewReply<GetExtendedMapReply>(request, replySize, nullptr, 0);
     if (reply == nullptr) result = SP_RESULT_NO_MEMORY;
   }
   if (reply != nullptr) {
@@ -85,7 +87,7 @@ extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* co
 
   if (reply == nullptr) {
     replySize = SP_GETEXTENDEDMAP_REPLY_SIZE;
-    reply = reinterpret_cast<GetExtendedMapReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetExtendedMapReply>(request, replySize, library, 0);
   } else {
     reply->header.length = kestrix::GetExtendedMapReplyLength(reply, replySize);
     // A map delivered with status 1 goes out whole or not at all.
@@ -94,12 +96,12 @@ extern "C" LanHeader* SP_LanGetExtendedMap(LanHeader* request, const uint8_t* co
       ksxmem_free(reply);
       result = 1;
       replySize = SP_GETEXTENDEDMAP_REPLY_SIZE;
-      reply = reinterpret_cast<GetExtendedMapReply*>(SP_InitReply(request, replySize, library));
+      reply = kestrix::NewReply<GetExtendedMapReply>(request, replySize, library, 0);
     }
   }
   if (reply != nullptr) {
     reply->result = result;
     SPSUP_DumpGetExtendedMapReply(reply, replySize);
   }
-  return reinterpret_cast<LanHeader*>(reply);
+  return kestrix::AsHeader(reply);
 }

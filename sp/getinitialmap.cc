@@ -1,14 +1,20 @@
-// GetInitialMap: opens a file for a client. Finds the library that knows
-// the file under the share, records a lease, has the library lock the
-// file's map and write it straight into the reply, applies requested sizes,
-// and returns the lease key, the granted lease, both cookies and the map.
+// GetInitialMap handler: a client's open of a file. The first library that
+// recognises the name below the share serves it; a provisional lease is
+// taken before any library call, so the purge cannot end it half way; the
+// library locks the map and writes the extents directly into the reply
+// buffer; sizes the client sent are applied; the answer carries the key,
+// the lease granted, both cookies and the extents.
 #include <cstring>
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
 #include "utils/ksxmem.h"
@@ -16,17 +22,15 @@
 #include "utils/osl.h"
 #include "utils/osl_share.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(GetInitialMapMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<GetInitialMapMsg>);
+
+using kestrix::kUnchanged;
 
 namespace {
 
 constexpr int32_t kNameBytes = 2 * SP_PATH_UNITS;
 constexpr FSULONG kLeaseMargin = 30000;  // the provisional lease covers the library calls
 constexpr FSULONG kSecondMapFlag = 2;    // set on the map fetched again after an allocation
-constexpr FS64LONG kUnchanged = -1;
 
 bool Delivered(FSLONG status) { return status == 0 || status == 1; }
 
@@ -52,14 +56,14 @@ FsLibrary* FindLibrary(GetInitialMapMsg* msg, FSUNI* mountPoint, FSUNI* fullPath
   ConcatFilenameToPath(fileName, mountPoint, separator, fullPath, kNameBytes);
 
   FSLONG status = 0;
-  for (int i = 0; i < libCount; ++i) {
+  for (int i = 0; i < kestrix::spState.libCount; ++i) {
     // Nothing a refusing library left behind may name the volume.
     std::memset(volumeCookie, 0, FS_COOKIE_SIZE);
     std::memset(fileCookie, 0, FS_COOKIE_SIZE);
-    status = libs[i]->FS_GetCookies(fullPath, volumeCookie, fileCookie);
+    status = kestrix::spState.libs[i]->FS_GetCookies(fullPath, volumeCookie, fileCookie);
     if (status == 0) {
-      AddVolumeDispatcherToList(volumeCookie, libs[i]);
-      return libs[i];
+      AddVolumeDispatcherToList(volumeCookie, kestrix::spState.libs[i]);
+      return kestrix::spState.libs[i];
     }
     OSL_Log(KSX_DEBUG1, "SP_LanGetInitialMap: FS_GetCookies lib[%d] returned %d\n", i, status);
   }
@@ -125,7 +129,7 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
     replySize = maxDgramSize();
     FSLONG lease = CalcLease(static_cast<FSLONG>(msg->lease), msg->intention, library,
                              volumeCookie);
-    reply = reinterpret_cast<GetInitialMapReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetInitialMapReply>(request, replySize, library, 0);
     FSULONG key = 0;
     if (reply == nullptr) {
       OSL_Log(KSX_DEBUG1, "out of memory case\n");
@@ -167,7 +171,7 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
 
   if (reply == nullptr) {
     replySize = SP_GETINITIALMAP_REPLY_SIZE;
-    reply = reinterpret_cast<GetInitialMapReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetInitialMapReply>(request, replySize, library, 0);
   } else {
     reply->header.length = kestrix::GetInitialMapReplyLength(reply, replySize);
   }
@@ -179,5 +183,5 @@ extern "C" LanHeader* SP_LanGetInitialMap(LanHeader* request, const uint8_t* com
   }
   ksxmem_free(fullPath);
   ksxmem_free(mountPoint);
-  return reinterpret_cast<LanHeader*>(reply);
+  return kestrix::AsHeader(reply);
 }

@@ -5,18 +5,18 @@
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/sp_sup.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/osl_share.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(GetVolumeMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<GetVolumeMsg>);
 
 namespace {
 constexpr int32_t kMountPointBytes = 2 * SP_PATH_UNITS;
@@ -51,12 +51,12 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
         // The request's cookie field receives each library's answer in turn,
         // cleared first: what a refusing library leaves there names no volume.
         bool accepted = false;
-        for (int i = 0; i < libCount && !accepted; ++i) {
+        for (int i = 0; i < kestrix::spState.libCount && !accepted; ++i) {
           memset(msg->volumeCookie, 0, FS_COOKIE_SIZE);
-          FSLONG rc = libs[i]->FS_GetVolCookie(mountPoint, msg->volumeCookie);
+          FSLONG rc = kestrix::spState.libs[i]->FS_GetVolCookie(mountPoint, msg->volumeCookie);
           accepted = rc == 0;
           if (accepted) {
-            AddVolumeDispatcherToList(msg->volumeCookie, libs[i]);
+            AddVolumeDispatcherToList(msg->volumeCookie, kestrix::spState.libs[i]);
           } else {
             OSL_Log(KSX_ERROR, "SP_LanGetVolume: FS_GetVolCookie call to lib[%d] returned %d\n",
                     i, rc);
@@ -76,7 +76,7 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
       } else {
         replySize = maxDgramSize();
         FSULONG room = replySize - SP_GETVOLUME_REPLY_SIZE;
-        reply = reinterpret_cast<GetVolumeReply*>(SP_InitReply(request, replySize, library));
+        reply = kestrix::NewReply<GetVolumeReply>(request, replySize, library, 0);
         if (reply == nullptr) {
           OSL_Log(KSX_ERROR, "Out of memory while getting volume information\n");
           result = SP_RESULT_NO_MEMORY;
@@ -89,7 +89,7 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
 
   if (reply == nullptr) {
     replySize = SP_GETVOLUME_REPLY_SIZE;
-    reply = reinterpret_cast<GetVolumeReply*>(SP_InitReply(request, replySize, library));
+    reply = kestrix::NewReply<GetVolumeReply>(request, replySize, library, 0);
   }
   if (reply != nullptr) {
     reply->header.length = kestrix::GetVolumeReplyLength(reply, replySize);
@@ -97,5 +97,5 @@ extern "C" LanHeader* SP_LanGetVolume(LanHeader* request, const uint8_t* /*commC
     SPSUP_DumpGetVolumeReply(reply, replySize);
   }
   ksxmem_free(mountPoint);
-  return reinterpret_cast<LanHeader*>(reply);
+  return kestrix::AsHeader(reply);
 }

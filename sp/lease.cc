@@ -1,6 +1,6 @@
 // The lease list: making, finding, renewing, removing and dumping leases.
 //
-// Every operation of the first group takes leaseListLock for its whole
+// Every operation of the first group takes spState.leaseLock for its whole
 // search; a removal calls the library's FS_UnlockMap only after releasing
 // it, and only when no other lease still holds the same file. A lease is
 // answered only to the sender that made it, and keys start at a random value
@@ -8,8 +8,9 @@
 // can name a lease it does not hold.
 #include "sp/lease.h"
 #include "sp/lease_limits.h"
+#include "sp/sp_state.h"
 #include "sp/unlock_order.h"
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "utils/dlist.h"
 #include "utils/hash_index.h"
 
@@ -24,15 +25,6 @@
 #include "utils/log.h"
 #include "utils/osl.h"
 #include "utils/utils.h"
-
-extern "C" {
-
-LeaseEntry leaseListHeadGlb = {&leaseListHeadGlb, &leaseListHeadGlb, nullptr, {}, {}, {}, {},
-                               0, 0, 0, 0, nullptr, nullptr, nullptr, 0, {}};
-void* leaseListLock = nullptr;
-FSULONG globalKey = 0;
-
-}  // extern "C"
 
 namespace {
 
@@ -62,7 +54,7 @@ uint64_t LeaseRequestHash(const LeaseEntry* e) {
   return RequestHash(e->fileCookie, e->messageCookie, e->commCookie);
 }
 
-// The indexes, guarded by leaseListLock like the list. A lease is in all
+// The indexes, guarded by spState.leaseLock like the list. A lease is in all
 // three exactly while it is on the list.
 KxHashIndex s_byKey, s_byFile, s_byRequest;
 using KeyIndex = kestrix::HashIndex<LeaseEntry, &LeaseEntry::keyNext, LeaseKeyHash>;
@@ -92,19 +84,19 @@ FSULONG RandomKeyStart() {
 namespace kestrix {
 
 void InitLeaseList() {
-  leaseListLock = OSL_SemCreate(1);
-  kestrix::dlist::MakeEmpty(&leaseListHeadGlb);
+  kestrix::spState.leaseLock = OSL_SemCreate(1);
+  kestrix::dlist::MakeEmpty(&kestrix::spState.leaseHead);
   KeyIndex(&s_byKey).Reset();
   FileIndex(&s_byFile).Reset();
   RequestIndex(&s_byRequest).Reset();
   kestrix::InitLeaseLimits(kestrix::MaxLeasesPerClient(), kestrix::MaxLeases());
-  globalKey = RandomKeyStart();
+  kestrix::spState.nextKey = RandomKeyStart();
 }
 
 // Entries of equal keys sit newest first in each chain, as on the list, so
 // every lookup finds the lease a walk from the front would find first.
 void LinkLease(LeaseEntry* lease) {
-  kestrix::dlist::InsertFront(&leaseListHeadGlb, lease);
+  kestrix::dlist::InsertFront(&kestrix::spState.leaseHead, lease);
   KeyIndex(&s_byKey).Insert(lease);
   FileIndex(&s_byFile).Insert(lease);
   RequestIndex(&s_byRequest).Insert(lease);
@@ -119,9 +111,10 @@ void UnlinkLease(LeaseEntry* lease) {
 }
 
 int LeaseCount() {
-  SemGuard guard(leaseListLock);
+  SemGuard guard(kestrix::spState.leaseLock);
   int n = 0;
-  for (const LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) ++n;
+  const LeaseEntry* const head = &kestrix::spState.leaseHead;
+  for (const LeaseEntry* e = head->next; e != head; e = e->next) ++n;
   return n;
 }
 
@@ -203,13 +196,14 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
   fresh->openedTime = OSL_MSeconds();
   if (fileName != nullptr) fsuni2mb(fresh->path, fileName, LEASE_PATH_BYTES);
 
-  kestrix::SemGuard guard(leaseListLock);
+  kestrix::SemGuard guard(kestrix::spState.leaseLock);
   // A file whose last lease has just gone is locked again only after its unlock.
   kestrix::WaitForUnlock(fileCookie);
   if (addInCriticalSection) OSL_Log(KSX_ERROR, "Semaphore breakdown in AddLeaseToList\n");
   addInCriticalSection = true;
 
-  // The same request of the same sender, sent again, renews its own lease.
+  // A repeat of a request this sender already made for this file (same
+  // message ID) gets that lease back, renewed, instead of a second one.
   LeaseEntry* lease = nullptr;
   const bool reused =
       MoreCookiesInList2(volumeCookie, fileCookie, messageCookie, commCookie, &lease) != 0;
@@ -226,8 +220,8 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
     }
     lease = fresh;
     // After a wrap a key may still be held; it is never handed out twice.
-    while (GetLeasePointer(globalKey) != nullptr) ++globalKey;
-    lease->key = globalKey++;
+    while (GetLeasePointer(kestrix::spState.nextKey) != nullptr) ++kestrix::spState.nextKey;
+    lease->key = kestrix::spState.nextKey++;
   }
 
   lease->intention = intention;
@@ -255,7 +249,7 @@ int AddLeaseToList(const uint8_t* volumeCookie, const uint8_t* fileCookie,
 }
 
 int GetLeaseCopy(FSULONG key, LeaseEntry* copy) {
-  kestrix::SemGuard guard(leaseListLock);
+  kestrix::SemGuard guard(kestrix::spState.leaseLock);
   const LeaseEntry* lease = GetLeasePointer(key);
   if (lease == nullptr) return LEASE_NOT_FOUND_COPY;
   *copy = *lease;
@@ -263,7 +257,7 @@ int GetLeaseCopy(FSULONG key, LeaseEntry* copy) {
 }
 
 int GetOwnLeaseCopy(FSULONG key, const uint8_t* commCookie, LeaseEntry* copy) {
-  kestrix::SemGuard guard(leaseListLock);
+  kestrix::SemGuard guard(kestrix::spState.leaseLock);
   const LeaseEntry* lease = GetLeasePointer(key);
   if (lease == nullptr) return LEASE_NOT_FOUND_COPY;
   if (LAN_CompareCommCookies(lease->commCookie, commCookie) != 0) {
@@ -288,7 +282,7 @@ int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCook
   const bool canUnlock = library != nullptr && library->FS_UnlockMap != nullptr;
   bool unlock = false;
   {
-    kestrix::SemGuard guard(leaseListLock);
+    kestrix::SemGuard guard(kestrix::spState.leaseLock);
     LeaseEntry* lease = GetLeasePointer(key);
     if (lease == nullptr) return LEASE_NOT_FOUND_REMOVE;
 
@@ -319,7 +313,7 @@ int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCook
 }
 
 int ChangeLeaseEntry(FSULONG key, FSLONG duration) {
-  kestrix::SemGuard guard(leaseListLock);
+  kestrix::SemGuard guard(kestrix::spState.leaseLock);
   LeaseEntry* lease = GetLeasePointer(key);
   if (lease == nullptr) return -1;
   lease->creationTime = OSL_MSeconds();
@@ -333,12 +327,13 @@ void FSMDCSP_DumpKeyList(void) {
   auto* text = static_cast<char*>(ksxmem_memalign(-8, kDumpBufferBytes, "dklt"));
   if (text == nullptr) return;
   {
-    kestrix::SemGuard guard(leaseListLock);
-    if (leaseListHeadGlb.next == &leaseListHeadGlb) {
+    kestrix::SemGuard guard(kestrix::spState.leaseLock);
+    if (kestrix::spState.leaseHead.next == &kestrix::spState.leaseHead) {
       OSL_Log(KSX_SP, "Key list is empty\n");
     } else {
       OSL_Log(KSX_DEBUG1, "Key List Start\n");
-      for (LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
+      for (LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead;
+           e = e->next) {
         OSL_Log(KSX_DEBUG1, "  key: 0x%x\n", e->key);
         OSL_Log(KSX_DEBUG1, "  volcookie:%s\n",
                 bytesToString(e->volumeCookie, FS_COOKIE_SIZE, text));

@@ -1,14 +1,18 @@
-// The lease list: which client holds which file of which volume, through
-// which filesystem library, for how long; and the lease durations and expiry.
+// The lease list. A LeaseEntry records one open of a file by one client:
+// the cookies naming the file, the request and the sender, the library to
+// unlock through, and the duration. Durations and expiry live in
+// sp/lease_expiry.h.
 //
-// Leases live on a circular doubly linked list through the sentinel
-// leaseListHeadGlb, newest first, with hash indexes beside it that find the
-// first (newest) lease of a key, of a file cookie, or of a request.
-// leaseListLock guards the list, the indexes, every lease and globalKey.
+// The list hangs off spState.leaseHead with the newest lease first; three
+// hash indexes next to it answer "newest lease with this key / this file
+// cookie / from this request" without a walk. spState.leaseLock covers the
+// list, the indexes, each lease and spState.nextKey.
 // The first group of operations takes the lock itself; the second group is
 // for callers that already hold it.
 #ifndef KESTRIX_SP_LEASE_H_
 #define KESTRIX_SP_LEASE_H_
+
+#include "utils/plugin_api.h"
 
 #include "fslibrary.h"
 #include "fstypes.h"
@@ -47,11 +51,13 @@ enum {
   LEASE_NOT_FOUND_REMOVE = 408,
 };
 
+// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
+// outside the daemon that looks them up; the daemon uses spState.
 extern LeaseEntry leaseListHeadGlb;
 extern void* leaseListLock;
 extern FSULONG globalKey;  // the next key to hand out; random at start, wraps to 0
 
-// Take leaseListLock themselves.
+// Take spState.leaseLock themselves.
 // AddLeaseToList returns 0, -1 when there is no memory, or
 // SP_RESULT_LEASE_LIMIT when the sender or the daemon holds as many leases
 // as it may (sp/lease_limits.h).
@@ -63,13 +69,14 @@ int GetLeaseCopy(FSULONG key, LeaseEntry* copy);
 // GetLeaseCopy for a request: a lease held by another sender is answered
 // like an unknown key (407).
 int GetOwnLeaseCopy(FSULONG key, const uint8_t* commCookie, LeaseEntry* copy);
-int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut);
+KESTRIX_FOR_PLUGINS int GetCookiesFromList(FSULONG key, uint8_t* volumeCookieOut,
+                                           uint8_t* fileCookieOut);
 int RemoveLeaseFromList(FSULONG key, uint8_t* volumeCookieOut, uint8_t* fileCookieOut,
                         FsLibrary* library, const char* callerName);
 int ChangeLeaseEntry(FSULONG key, FSLONG duration);
 void FSMDCSP_DumpKeyList(void);
 
-// For callers that hold leaseListLock.
+// For callers that hold spState.leaseLock.
 LeaseEntry* GetLeasePointer(FSULONG key);
 int MoreCookiesInList(const uint8_t* fileCookie);
 int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
@@ -78,35 +85,20 @@ int MoreCookiesInList2(const uint8_t* volumeCookie, const uint8_t* fileCookie,
 void DumpKey(const LeaseEntry* lease);
 int CompareFileCookies(const uint8_t* a, const uint8_t* b);
 
-// Durations and expiry (sp/lease_expiry.cc). Leases are in milliseconds,
-// library maxima in seconds.
-extern const FSLONG defaultReadLease;   // 5000
-extern const FSLONG defaultWriteLease;  // 3600000
-FSLONG CalcLease(FSLONG requested, FSULONG intention, FsLibrary* library,
-                 const uint8_t* volumeCookie);
-int PurgeLeaseList(void);
-void* PurgeLeaseThread(void* ignored);
-
 #ifdef __cplusplus
 }  // extern "C"
 
 namespace kestrix {
 
-// A lease lives until duration + kLeaseGraceMs have passed since creationTime.
-inline constexpr FSULONG kLeaseGraceMs = 30000;
-inline constexpr int32_t kPurgePeriodMs = 5000;
-
-// Creates leaseListLock, empties the lease list, sets the lease bounds and
+// Creates spState.leaseLock, empties the lease list, sets the lease bounds and
 // a random first key; called once at start-up.
 void InitLeaseList();
 // Number of leases in the list.
 int LeaseCount();
 // Put a new lease at the front of the list and its indexes, and take one out
-// of both; the caller holds leaseListLock.
+// of both; the caller holds spState.leaseLock.
 void LinkLease(LeaseEntry* lease);
 void UnlinkLease(LeaseEntry* lease);
-// lease + ms (ms >= 0) without passing the largest lease, 2^31 - 1 ms.
-FSLONG LeasePlus(FSLONG lease, FSLONG ms);
 
 }  // namespace kestrix
 #endif

@@ -1,8 +1,9 @@
 // Listing and revocation of leases for the admin socket. Revocation follows
 // the purge's rules: the last lease on a file to go unlocks its map, under
-// leaseListLock, so no new lease on the file can slip between the removal
+// spState.leaseLock, so no new lease on the file can slip between the removal
 // and the unlock.
 #include "sp/lease_admin.h"
+#include "sp/sp_state.h"
 
 #include <arpa/inet.h>
 
@@ -43,9 +44,10 @@ std::string ClientAddress(const uint8_t* commCookie) {
 
 std::vector<LeaseView> ListLeases() {
   std::vector<LeaseView> leases;
-  SemGuard guard(leaseListLock);
+  SemGuard guard(kestrix::spState.leaseLock);
   const FSULONG now = OSL_MSeconds();
-  for (const LeaseEntry* e = leaseListHeadGlb.next; e != &leaseListHeadGlb; e = e->next) {
+  for (const LeaseEntry* e = kestrix::spState.leaseHead.next; e != &kestrix::spState.leaseHead;
+       e = e->next) {
     leases.push_back({e->key, ClientAddress(e->commCookie), e->path, e->intention, e->duration,
                       static_cast<int64_t>(e->duration) - Elapsed(e->creationTime, now),
                       Elapsed(e->openedTime, now)});
@@ -55,9 +57,9 @@ std::vector<LeaseView> ListLeases() {
 
 std::vector<FSULONG> RevokeLeases(const LeaseSelector& selector, const std::string& who) {
   std::vector<FSULONG> keys;
-  SemGuard guard(leaseListLock);
-  LeaseEntry* lease = leaseListHeadGlb.next;
-  while (lease != &leaseListHeadGlb) {
+  SemGuard guard(kestrix::spState.leaseLock);
+  LeaseEntry* lease = kestrix::spState.leaseHead.next;
+  while (lease != &kestrix::spState.leaseHead) {
     LeaseEntry* const next = lease->next;
     if (Matches(selector, lease)) {
       UnlinkLease(lease);

@@ -22,7 +22,7 @@ struct LeaseView {
   FSULONG ageMs = 0;   // time since the lease was first made
 };
 
-// A copy of the lease list, newest first, taken under leaseListLock.
+// A copy of the lease list, newest first, taken under spState.leaseLock.
 std::vector<LeaseView> ListLeases();
 
 // Which leases a revocation ends: one key, every lease of one client
@@ -36,7 +36,7 @@ struct LeaseSelector {
 
 // Ends every lease the selector matches: each is unlinked, logged with who
 // revoked it, counted, and the file's map is unlocked in its library when no
-// other lease still holds the file, all under leaseListLock as the purge
+// other lease still holds the file, all under spState.leaseLock as the purge
 // does. Returns the keys removed.
 std::vector<FSULONG> RevokeLeases(const LeaseSelector& selector, const std::string& who);
 

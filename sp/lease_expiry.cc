@@ -5,7 +5,9 @@
 
 #include <algorithm>
 
+#include "sp/lease_expiry.h"
 #include "sp/lease.h"
+#include "sp/sp_state.h"
 #include "utils/dlist.h"
 #include "utils/ksxmem.h"
 #include "utils/kxstats.h"
@@ -69,9 +71,9 @@ FSLONG CalcLease(FSLONG requested, FSULONG intention, FsLibrary* library,
 }
 
 int PurgeLeaseList(void) {
-  kestrix::SemGuard guard(leaseListLock);
-  LeaseEntry* lease = leaseListHeadGlb.next;
-  while (lease != &leaseListHeadGlb) {
+  kestrix::SemGuard guard(kestrix::spState.leaseLock);
+  LeaseEntry* lease = kestrix::spState.leaseHead.next;
+  while (lease != &kestrix::spState.leaseHead) {
     LeaseEntry* const next = lease->next;
     const FSULONG now = OSL_MSeconds();
     const FSULONG limit = lease->duration + kestrix::kLeaseGraceMs;  // wraps as unsigned
@@ -97,10 +99,17 @@ int PurgeLeaseList(void) {
 }
 
 void* PurgeLeaseThread(void* ignored) {
-  for (;;) {
+  // Sleeps in short slices so that a stop request is seen within one.
+  constexpr int32_t kSliceMs = 50;
+  while (!kestrix::spState.purgeStop) {
     PurgeLeaseList();
-    OSL_SleepMS(kestrix::kPurgePeriodMs);
+    for (int32_t slept = 0; slept < kestrix::kPurgePeriodMs && !kestrix::spState.purgeStop;
+         slept += kSliceMs) {
+      OSL_SleepMS(kSliceMs);
+    }
   }
+  kestrix::spState.purgeRunning = false;
+  return nullptr;
 }
 
 }  // extern "C"

@@ -7,6 +7,7 @@
 #include <cwchar>
 
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "utils/ksxmem.h"
 #include "utils/log.h"
 #include "utils/utils.h"
@@ -103,13 +104,11 @@ void printFSUNI(const FSUNI* text) {
   printFSUNIBytes(text);
   FSULONG count = fsunilength(text);
   if (count > 1024) return;
-  auto* wide = static_cast<wchar_t*>(
-      ksxmem_memalign(-8, static_cast<int32_t>((count + 1) * sizeof(wchar_t)), "fsun"));
-  if (wide == nullptr) return;
-  for (FSULONG i = 0; i < count; ++i) wide[i] = static_cast<wchar_t>(text[i]);
-  wide[count] = L'\0';
-  OSL_Log(KSX_SP, "printFSUNI fsmdcsp [%ls]", wide);
-  ksxmem_free(wide);
+  // The text usually came from a request: it is logged as UTF-8 and escaped
+  // like every other client text, so that it cannot start a line of its own.
+  char utf8[4 * 1024 + 1];
+  kestrix::Utf16ToUtf8(text, static_cast<int32_t>(count), utf8, sizeof utf8, false);
+  OSL_Log(KSX_SP, "printFSUNI fsmdcsp [%s]", kestrix::LogSafe(utf8).c_str());
 }
 
 }  // extern "C"

@@ -1,114 +1,31 @@
-// SendStringCmd: a command sent as text. The one command known is "LOG",
-// which sets the log level and destination of the daemon and of every
-// library that takes them; any text is answered with result 0.
-//
-// With KESTRIX_LOG_DIR set, a "LOG" file destination is taken only when it
-// resolves (".." and symbolic links followed) to a file inside that
-// directory; the file is then logged to by its resolved name.
-#include "sp/sendstringcmd.h"
-
-#include <limits.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-
+// SendStringCmd handler: free-form text commands from a client. Only "LOG"
+// does something (a new log level and destination, for the daemon and for
+// each library that has FS_SetLog); every command, known or not, gets 0.
+// A file destination is checked against KESTRIX_LOG_DIR (utils/log_dir.h)
+// and then logged to by its resolved name.
 #include <string>
 
 #include "sp/fsmdcsp.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "utils/dgram.h"
 #include "utils/log.h"
+#include "utils/log_dir.h"
+#include "utils/token.h"
 #include "utils/utils.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(SendStringCmdMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<SendStringCmdMsg>);
 
 namespace {
 
 constexpr int kCommandBytes = 1024;
 
-// Where every piece past the end of the text points.
-char s_emptyPiece[1] = "";
-
-char FoldAtoZ(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
-
-std::string RealPath(const std::string& path) {
-  char resolved[PATH_MAX];
-  return realpath(path.c_str(), resolved) != nullptr ? resolved : "";
-}
-
-// The file destination names, resolved, when it lies inside dir; "" when it
-// does not, or when either cannot be resolved. The file itself may be
-// missing, but not its directory; a symbolic link must lead somewhere.
-std::string FileInside(const std::string& destination, const std::string& dir) {
-  std::string base = RealPath(dir);
-  if (base.empty()) return "";
-  if (base.back() != '/') base += '/';
-
-  const size_t slash = destination.rfind('/');
-  const std::string leaf = slash == std::string::npos ? destination : destination.substr(slash + 1);
-  if (leaf.empty() || leaf == "." || leaf == "..") return "";
-  std::string path = RealPath(slash == std::string::npos ? "."
-                              : slash == 0               ? "/"
-                                                         : destination.substr(0, slash));
-  if (path.empty()) return "";
-  if (path.back() != '/') path += '/';
-  path += leaf;
-
-  struct stat st;
-  if (lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) path = RealPath(path);
-  if (path.size() <= base.size() || path.compare(0, base.size(), base) != 0) return "";
-  if (path.size() >= sizeof(g_filename)) return "";
-  return path;
-}
-
 }  // namespace
 
 extern "C" {
-
-int fsf_breakCommand(const char* pieces[FSF_COMMAND_PIECES], char* text) {
-  int count = 1;
-  char* rest = text;
-  for (int i = 0; i < FSF_COMMAND_PIECES; ++i) {
-    pieces[i] = rest;
-    char* separator = strchr(rest, '|');
-    if (separator == nullptr) separator = strchr(rest, ' ');
-    if (separator != nullptr) {
-      *separator = '\0';
-      ++count;
-      rest = separator + 1;
-    } else {
-      rest = s_emptyPiece;
-    }
-  }
-  return count;
-}
-
-int mystrcasecmp(const char* a, const char* b) {
-  for (; *a != '\0'; ++a, ++b) {
-    if (*b == '\0' || FoldAtoZ(*a) != FoldAtoZ(*b)) return -1;
-  }
-  return *b == '\0' ? 0 : -1;
-}
-
-int64_t myatoi(const char* text) {
-  uint64_t value = 0;  // unsigned, so that a long run of digits wraps
-  bool negative = false;
-  for (; *text != '\0'; ++text) {
-    if (*text == '-') {
-      negative = !negative;
-    } else if (*text >= '0' && *text <= '9') {
-      value = value * 10 + static_cast<uint64_t>(*text - '0');
-    } else {
-      break;
-    }
-  }
-  return static_cast<int64_t>(negative ? 0 - value : value);
-}
 
 LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/) {
   auto* msg = reinterpret_cast<SendStringCmdMsg*>(request);
@@ -137,7 +54,7 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
     bool taken = true;
     const std::string confined = kestrix::LogDirectory();
     if (!confined.empty() && kestrix::IsFileDestination(pieces[2])) {
-      destination = FileInside(destination, confined);
+      destination = kestrix::ConfinedLogFile(destination, confined);
       taken = !destination.empty();
       if (!taken) {
         OSL_Log(KSX_ERROR,
@@ -149,7 +66,7 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
     if (taken) OSL_SetLog(kestrix::LogLevelPointer(), destination.c_str(), "kestrixd");
 
     for (int i = 0; i < FSMDCSP_MAX_LIBS; ++i) {
-      FsLibrary* library = libs[i];
+      FsLibrary* library = kestrix::spState.libs[i];
       if (library == nullptr) continue;
       if (library->FS_GetVersion() <= FS_MAX_LIBRARY_VERSION && library->FS_SetLog != nullptr) {
         OSL_Log(KSX_PRINT, "setting lib %d log level to %d\n", i, level);
@@ -158,11 +75,8 @@ LanHeader* SP_LanSendStringCmd(LanHeader* request, const uint8_t* /*commCookie*/
     }
   }
 
-  auto* reply = reinterpret_cast<SendStringCmdReply*>(
-      SP_InitReply(request, SP_SENDSTRINGCMD_REPLY_SIZE, nullptr));
-  if (reply == nullptr) return nullptr;
-  reply->result = SP_RESULT_OK;
-  return &reply->header;
+  return kestrix::AsHeader(kestrix::NewReply<SendStringCmdReply>(
+      request, SP_SENDSTRINGCMD_REPLY_SIZE, nullptr, SP_RESULT_OK));
 }
 
 }  // extern "C"

@@ -1,21 +1,20 @@
-// SetSize: a client that holds a lease sets a new size for the file (the
-// allocation stays) and has its lease renewed in the same exchange.
+// SetSize handler. The holder of a lease changes the file's length through
+// the library serving it, leaving the allocated space alone; when that
+// works the lease is extended too, so a writer growing a file keeps it
+// without a separate renewal.
 #include "sp/fsmdcsp.h"
+#include "sp/handler_common.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"
 #include "utils/dgram.h"
 #include "utils/log.h"
 
-// The request is read in place in the listener's buffer, also where the
-// datagram was shorter: every field then lies in bytes the listener zeroed.
-static_assert(sizeof(SetSizeMsg) <= kestrix::kDgramScrubBytes &&
-              kestrix::kDgramScrubBytes <= DGRAM_RECEIVE_BUFFER_SIZE);
+static_assert(kestrix::kReadableInPlace<SetSizeMsg>);
 
-namespace {
-constexpr FS64LONG kUnchanged = -1;
-}  // namespace
+using kestrix::kUnchanged;
 
 extern "C" LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* commCookie) {
   auto* msg = reinterpret_cast<SetSizeMsg*>(request);
@@ -47,12 +46,10 @@ extern "C" LanHeader* SP_LanSetSize(LanHeader* request, const uint8_t* commCooki
     }
   }
 
-  auto* reply =
-      reinterpret_cast<SetSizeReply*>(SP_InitReply(request, SP_SETSIZE_REPLY_SIZE, library));
+  auto* reply = kestrix::NewReply<SetSizeReply>(request, SP_SETSIZE_REPLY_SIZE, library, result);
   if (reply != nullptr) {
     reply->lease = granted;
-    reply->result = result;
     SPSUP_DumpSetSizeReply(reply, SP_SETSIZE_REPLY_SIZE);
   }
-  return reinterpret_cast<LanHeader*>(reply);
+  return kestrix::AsHeader(reply);
 }

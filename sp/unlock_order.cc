@@ -6,6 +6,7 @@
 
 #include "fstypes.h"
 #include "sp/lease.h"
+#include "sp/sp_state.h"
 #include "utils/log.h"
 #include "utils/osl.h"
 
@@ -19,13 +20,13 @@ struct Mark {
   bool used;
   uint8_t fileCookie[FS_COOKIE_SIZE];
 };
-Mark s_marks[kMarks];  // guarded by leaseListLock, like the count of those used
+Mark s_marks[kMarks];  // guarded by spState.leaseLock, like the count of those used
 int s_used = 0;
 
-// leaseListLock as a lock that a condition variable can release and retake.
+// spState.leaseLock as a lock that a condition variable can release and retake.
 struct ListLock {
-  void lock() { OSL_SemDown(leaseListLock); }
-  void unlock() { OSL_SemUp(leaseListLock); }
+  void lock() { OSL_SemDown(kestrix::spState.leaseLock); }
+  void unlock() { OSL_SemUp(kestrix::spState.leaseLock); }
 };
 std::condition_variable_any s_unlocked;
 
@@ -53,7 +54,7 @@ bool BeginUnlock(const uint8_t* fileCookie) {
 
 void EndUnlock(const uint8_t* fileCookie) {
   {
-    SemGuard guard(leaseListLock);
+    SemGuard guard(kestrix::spState.leaseLock);
     if (Mark* m = Find(fileCookie)) {
       m->used = false;
       --s_used;

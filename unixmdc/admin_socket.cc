@@ -87,7 +87,8 @@ bool ReadRequest(int fd, std::string* line, std::string* why) {
                              deadline - std::chrono::steady_clock::now())
                              .count();
     pollfd p{fd, POLLIN, 0};
-    if (left <= 0 || poll(&p, 1, static_cast<int>(left)) == 0) return *why = "request timed out", false;
+    if (left <= 0 || poll(&p, 1, static_cast<int>(left)) == 0)
+      return *why = "request timed out", false;
     const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
@@ -128,7 +129,8 @@ void Serve(int fd) {
   socklen_t size = sizeof peer;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
       (peer.uid != 0 && peer.uid != geteuid())) {
-    OSL_Log(KSX_ERROR, "kestrixd: admin request from uid %u refused\n", static_cast<unsigned>(peer.uid));
+    OSL_Log(KSX_ERROR, "kestrixd: admin request from uid %u refused\n",
+            static_cast<unsigned>(peer.uid));
     return Send(fd, Error("permission denied"));
   }
   std::string line, why;

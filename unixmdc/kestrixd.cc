@@ -1,7 +1,7 @@
-// Daemon entry: reads the command line into the process-wide settings,
-// starts the log, forks into the background, wires the LAN server, the
-// service provider and the UDP listener together in a fixed order, and
-// bridges every received datagram to the LAN server and its reply back.
+// The daemon's main line: options into the process-wide settings, the log,
+// the fork into the background, then the LAN server, the service provider
+// and the UDP listeners set up one after the other; and the glue that hands
+// each datagram to the LAN server and sends back what it answers.
 #include "unixmdc/kestrixd.h"
 
 #include <getopt.h>
@@ -18,8 +18,9 @@
 #include "sp/handlers.h"
 #include "sp/lease.h"
 #include "unixmdc/admin_socket.h"
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "unixmdc/library_timing.h"
+#include "unixmdc/loadlib.h"
 #include "unixmdc/metrics.h"
 #include "utils/ksxmem.h"
 #include "utils/kxstats.h"
@@ -32,7 +33,6 @@ int g_ListenerThreads = 10;
 int g_LocalLogLevel = 2;
 char g_LocalLogName[KESTRIXD_LOG_NAME_SIZE] = "";
 int g_use_dgramServer_MessageHandler_sem = 1;
-int g_MaxDuplicateMessages = 100;
 void* g_kestrixdsem = nullptr;
 LanServerInfo* info = nullptr;
 
@@ -79,6 +79,7 @@ static void RaiseDescriptorLimit() {
 static bool s_listenerHoldsSem = false;
 
 void DgramServer_MessageHandler(void* data, int length, DgramAddress* sender, void* server) {
+  OSL_Log(KSX_SP, "LANSERVER: received data\n");
   uint8_t commCookie[LAN_COMMCOOKIE_SIZE];
   memset(commCookie, 0, sizeof commCookie);
   memcpy(commCookie, &sender->address.sin_addr.s_addr, 4);
@@ -123,16 +124,11 @@ void SetUpServer() {
   }
   RequireForStartup(info->trackerLock != nullptr, "the tracker lock");
   info->addressCompare = DGRAM_CompareAddresses;
-  FSMDCSP_Init();
+  FSMDCSP_Init(FSMDCSP_LoadNextLibrary);
   RequireForStartup(kestrix::ServiceProviderReady(),
                     "the service provider's locks or its lease purge thread");
   if (kestrix::stats::Enabled()) kestrix::TimeLibraryCalls();
-  LAN_RegisterMessageHandler(info, 1, SP_LanGetVolume);
-  LAN_RegisterMessageHandler(info, 2, SP_LanGetInitialMap);
-  LAN_RegisterMessageHandler(info, 3, SP_LanGetExtendedMap);
-  LAN_RegisterMessageHandler(info, 4, SP_LanSetSize);
-  LAN_RegisterMessageHandler(info, 5, SP_LanClose);
-  LAN_RegisterMessageHandler(info, 7, SP_LanSendStringCmd);
+  kestrix::RegisterHandlers(info);
 }
 
 }  // namespace kestrix
@@ -188,8 +184,8 @@ void StartOperatorInterfaces(const std::string& adminSocket, const std::string& 
   if (metrics.empty()) return;
   if (!StartMetricsEndpoint(metrics, &why)) {
     // Asked for and not there: as for a taken UDP port, the daemon does not run half-seen.
-    OSL_Log(KSX_ERROR, "kestrixd: cannot serve metrics on %s: %s\n", LogSafe(metrics.c_str()).c_str(),
-            LogSafe(why.c_str()).c_str());
+    OSL_Log(KSX_ERROR, "kestrixd: cannot serve metrics on %s: %s\n",
+            LogSafe(metrics.c_str()).c_str(), LogSafe(why.c_str()).c_str());
     exit(1);
   }
   OSL_Log(KSX_PRINT, "kestrixd: metrics on http://%s/metrics\n", LogSafe(metrics.c_str()).c_str());
@@ -222,8 +218,8 @@ Options ParseOptions(int argc, char** argv) {
 
   optind = 0;  // a fresh scan, also when called more than once in a process
   int c;
-  // The leading '+' stops the scan at the first word that is not an option,
-  // instead of letting the C library move later options forward.
+  // With '+' getopt ends at the first non-option word and leaves the order
+  // of argv alone.
   while ((c = getopt(argc, argv, "+dl:s:t:m:f:?")) != -1) {
     switch (c) {
       case 'd':

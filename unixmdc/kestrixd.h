@@ -1,5 +1,5 @@
-// The daemon core: command line, start-up order, and the bridge from a
-// received datagram to the LAN server and back.
+// The daemon's main line: options, start-up order, and the glue between
+// the UDP listeners and the LAN server.
 #ifndef KESTRIX_UNIXMDC_KESTRIXD_H_
 #define KESTRIX_UNIXMDC_KESTRIXD_H_
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "sp/fsmdcsp.h"
+#include "sp/sp_state.h"
 #include "utils/kxstats.h"
 
 namespace kestrix {
@@ -61,7 +62,7 @@ constexpr auto MakeWrappers(std::index_sequence<Slots...>) {
 
 void TimeLibraryCalls() {
   static constexpr auto kWrappers = MakeWrappers(std::make_index_sequence<FSMDCSP_MAX_LIBS>{});
-  for (int i = 0; i < libCount; ++i) kWrappers[i](libs[i]);
+  for (int i = 0; i < kestrix::spState.libCount; ++i) kWrappers[i](kestrix::spState.libs[i]);
 }
 
 }  // namespace kestrix

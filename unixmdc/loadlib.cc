@@ -17,7 +17,7 @@
 
 #include <string>
 
-#include "unixmdc/config.h"
+#include "utils/config.h"
 #include "utils/log.h"
 
 extern "C" {
@@ -117,7 +117,8 @@ extern "C" FsLibrary* FSMDCSP_LoadNextLibrary(void) {
   if (!g_directoryRead && !ReadDirectory()) return nullptr;
 
   FsLibrary* lib = nullptr;
-  if (!kestrix::dlist::IsEmpty(&libHead)) lib = static_cast<FsLibrary*>(calloc(1, sizeof(FsLibrary)));
+  if (!kestrix::dlist::IsEmpty(&libHead))
+    lib = static_cast<FsLibrary*>(calloc(1, sizeof(FsLibrary)));
   if (lib != nullptr) {
     bool loaded = false;
     while (!loaded && !kestrix::dlist::IsEmpty(&libHead)) {

@@ -1,9 +1,8 @@
-// The filesystem library loader.
-//
-// FSMDCSP_LoadNextLibrary reads the library directory once, keeps the files
-// that look like libraries on a pending list (newest listing entry first)
-// and on every call opens candidates until one resolves all mandatory entry
-// points. Loaded libraries are never closed.
+// The plug-in loader. The first call of FSMDCSP_LoadNextLibrary lists the
+// library directory once and queues every file whose name marks it as a
+// library, the last listed first; each call then dlopens from the queue
+// until a file has every mandatory entry point. Nothing is ever dlclosed:
+// a file that fails stays mapped and is simply not used.
 #ifndef KESTRIX_UNIXMDC_LOADLIB_H_
 #define KESTRIX_UNIXMDC_LOADLIB_H_
 
@@ -25,9 +24,9 @@ typedef struct LibPathEntry {
 // Sentinel of the pending-candidate list.
 extern LibPathEntry libHead;
 
-// Returns a malloc'd record of the next library that loads, owned by the
-// caller, or null when none is left, the directory cannot be opened or
-// memory runs out.
+// Opens candidates until one has every mandatory entry point and returns
+// its table (malloc'd; the caller frees it). Null once the candidates are
+// used up, when the directory cannot be read, or when memory runs out.
 FsLibrary* FSMDCSP_LoadNextLibrary(void);
 
 #ifdef __cplusplus

@@ -50,7 +50,8 @@ ClientMetric Histogram(const stats::Histogram& h, std::vector<ClientMetric::Labe
     m.histogram.bucket.push_back({cumulative, bound});
   }
   m.histogram.sample_count = cumulative;
-  m.histogram.sample_sum = static_cast<double>(h.sumNs.load(std::memory_order_relaxed)) / kNsPerSecond;
+  m.histogram.sample_sum =
+      static_cast<double>(h.sumNs.load(std::memory_order_relaxed)) / kNsPerSecond;
   return m;
 }
 
@@ -90,8 +91,8 @@ void AddLibraryCalls(std::vector<MetricFamily>* out) {
                                 MetricType::Histogram);
   for (int entry = stats::kFirstTimedEntry; entry < stats::kLibraryEntries; ++entry) {
     const char* name = stats::LibraryEntryName(entry);
-    calls.metric.push_back(
-        Value(MetricType::Counter, static_cast<double>(stats::LibraryCalls(entry)), {{"entry", name}}));
+    calls.metric.push_back(Value(
+        MetricType::Counter, static_cast<double>(stats::LibraryCalls(entry)), {{"entry", name}}));
     latency.metric.push_back(Histogram(stats::LibraryLatency(entry), {{"entry", name}}));
   }
   out->push_back(std::move(calls));
@@ -116,7 +117,8 @@ void AddState(std::vector<MetricFamily>* out) {
 
   double reading = 0, writing = 0;
   for (const LeaseView& lease : ListLeases()) (lease.intention == 1 ? reading : writing) += 1;
-  MetricFamily leases = Family("kestrix_leases_open", "Leases held, by intention", MetricType::Gauge);
+  MetricFamily leases =
+      Family("kestrix_leases_open", "Leases held, by intention", MetricType::Gauge);
   leases.metric.push_back(Value(MetricType::Gauge, reading, {{"intention", "read"}}));
   leases.metric.push_back(Value(MetricType::Gauge, writing, {{"intention", "write"}}));
   out->push_back(std::move(leases));
@@ -188,8 +190,9 @@ nlohmann::json MetricsJson() {
         nlohmann::json buckets = nlohmann::json::array();
         for (const auto& b : m.histogram.bucket) {
           // JSON has no infinity; the last bucket's bound is written as null.
-          buckets.push_back({std::isinf(b.upper_bound) ? nlohmann::json() : nlohmann::json(b.upper_bound),
-                             b.cumulative_count});
+          buckets.push_back(
+              {std::isinf(b.upper_bound) ? nlohmann::json() : nlohmann::json(b.upper_bound),
+               b.cumulative_count});
         }
         sample["buckets"] = std::move(buckets);
       } else {

@@ -125,7 +125,6 @@ void* PrimaryListener(void* listenerInfo) {
       sender.local = info.ipi_spec_dst;  // the local address, also for a broadcast
     }
     OSL_Log(KSX_SP, "DGRAM: Server received message. size %d\n", size);
-    OSL_Log(KSX_SP, "LANSERVER: received data\n");
     dumpData(buffer, size);
     listener->handler(buffer, size, &sender, listener->serverArg);
   }

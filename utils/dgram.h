@@ -3,6 +3,8 @@
 #ifndef KESTRIX_UTILS_DGRAM_H_
 #define KESTRIX_UTILS_DGRAM_H_
 
+#include "utils/plugin_api.h"
+
 #include <netinet/in.h>
 #include <stdint.h>
 
@@ -40,10 +42,11 @@ enum {
   DGRAM_RECEIVE_BUFFER_SIZE = 65536,
 };
 
-int DGRAM_Init(void);
+KESTRIX_FOR_PLUGINS int DGRAM_Init(void);
 int DGRAM_BindListener(uint16_t port, DgramHandler handler, void* serverArg, int threads);
 int makeListenerSocket(uint16_t port, int* socketOut);
-// Body of every listener thread; returns only when its buffer cannot be had.
+// Thread function of each listener: receives and dispatches forever; the
+// one way out is failing to get its receive buffer.
 void* PrimaryListener(void* listenerInfo);
 int DGRAM_SendReply(DgramAddress* sender, const void* data, int length);
 int DGRAM_CompareAddresses(const DgramAddress* a, const DgramAddress* b);

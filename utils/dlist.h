@@ -1,6 +1,8 @@
-// Circular doubly linked lists through a sentinel of the entry's own type:
-// the tracker, the lease list, the dispatcher list and the loader's
-// candidates. An entry type has `next` and `prev` pointers of its own type.
+// Helpers for the daemon's intrusive ring lists (tracker, leases, volume
+// dispatchers, loader candidates). Each list has a sentinel of the same type
+// as its members, so an empty list is a sentinel pointing at itself and no
+// insertion or removal needs a special case. T needs `next` and `prev`
+// members of type T*.
 #ifndef KESTRIX_UTILS_DLIST_H_
 #define KESTRIX_UTILS_DLIST_H_
 

@@ -9,6 +9,8 @@
 #ifndef KESTRIX_UTILS_KSXMEM_H_
 #define KESTRIX_UTILS_KSXMEM_H_
 
+#include "utils/plugin_api.h"
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -46,11 +48,11 @@ void ksxmem_walk(int32_t ignored);
 void ksxmem_destroy(void);
 void ksxmem_stats(uint32_t* used, uint32_t* zero);
 char* ksxmem_gettag(void* p, char* destination);
-void* ksxmem_realloc(void* p, int32_t a, int32_t b);
+KESTRIX_FOR_PLUGINS void* ksxmem_realloc(void* p, int32_t a, int32_t b);
 void ksxmem_setDbg(int32_t ignored);
 void ksxmem_addmemory(void* p, int32_t size);
 int32_t ksxmem_check(void);
-void* ksxmem_GetMemory_cb(int32_t* size);
+KESTRIX_FOR_PLUGINS void* ksxmem_GetMemory_cb(int32_t* size);
 void ksxmem_sem(int32_t request);
 // Forms the four tag characters and a NUL in out (at least 5 bytes).
 char* tag(const char* field, char* out);

@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "spmsgs.h"
+
 namespace kestrix::stats {
 
 namespace {
@@ -30,9 +32,18 @@ std::array<Histogram, kLibraryEntries> s_library;
 std::atomic<uint64_t> s_headerRefused{0}, s_leasesExpired{0}, s_leasesRevoked{0};
 std::array<std::atomic<uint64_t>, kLogLevels> s_logLines{};
 
-constexpr const char* kFunctionNames[kFunctionSlots] = {
-    "other", "GetVolume", "GetInitialMap", "GetExtendedMap", "SetSize", "Close", nullptr,
-    "SendStringCmd"};
+// Indexed by function code; codes without a name count as "other".
+constexpr std::array<const char*, kFunctionSlots> kFunctionNames = [] {
+  std::array<const char*, kFunctionSlots> names{};
+  names[kOtherFunction] = "other";
+  names[SP_FUNC_GETVOLUME] = "GetVolume";
+  names[SP_FUNC_GETINITIALMAP] = "GetInitialMap";
+  names[SP_FUNC_GETEXTENDEDMAP] = "GetExtendedMap";
+  names[SP_FUNC_SETSIZE] = "SetSize";
+  names[SP_FUNC_CLOSE] = "Close";
+  names[SP_FUNC_SENDSTRINGCMD] = "SendStringCmd";
+  return names;
+}();
 constexpr const char* kEntryNames[kLibraryEntries] = {
     "FS_GetVersion", "FS_SetLog",    "FS_GetVolCookie", "FS_GetVolByCookie", "FS_GetCookies",
     "FS_GetLockedMap", "FS_UnlockMap", "FS_SetFileSizes", "FS_GetMaxLeases",  "FS_Init"};

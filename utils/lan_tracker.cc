@@ -4,6 +4,8 @@
 // The list runs from the oldest entry to the newest and is bounded by
 // g_MaxDuplicateMessages answered entries; a hash index beside it finds an
 // entry by message ID and sender without walking the list.
+#include "utils/lan_tracker.h"
+
 #include <cstring>
 
 #include "utils/ksxmem.h"
@@ -73,6 +75,9 @@ void LogOtherSenders(LanServerInfo* server, const uint8_t* commCookie, const Lan
 }  // namespace
 
 extern "C" {
+
+int g_MaxDuplicateMessages = 100;
+
 
 int CompareHeaderId(const LanHeader* a, const LanHeader* b) {
   return std::memcmp(a->messageID, b->messageID, LAN_MSGID_SIZE) == 0 ? 0 : 1;

@@ -1,10 +1,14 @@
-// The LAN server: header validation, dispatch by function code, and the
-// duplicate-request tracker. One LanServerInfo per process, reached via info.
+// The LAN server: header validation and dispatch by function code. Its
+// record also holds the duplicate-request tracker (utils/lan_tracker.h).
+// One LanServerInfo per process, reached via info.
 #ifndef KESTRIX_UTILS_LANSERVER_H_
 #define KESTRIX_UTILS_LANSERVER_H_
 
+#include "utils/plugin_api.h"
+
 #include "lanheader.h"
 #include "utils/hash_index.h"
+#include "utils/lan_tracker.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -12,12 +16,10 @@ extern "C" {
 
 struct DgramAddress;
 
-// Bound of the tracker (0 disables it); set by the daemon's command line.
-extern int g_MaxDuplicateMessages;
-
-// A handler gets the request (header converted, body not yet) and the
-// sender's 16-byte comm cookie, and returns a reply from the tracking
-// allocator (its header's length is the number of bytes to send) or null.
+// What LAN_ProcessMessage calls for a function code. The body is still in
+// the sender's byte order; commCookie identifies the sender (16 bytes). The
+// reply comes from the tracking allocator and its header's length is what
+// goes on the wire; null sends nothing.
 typedef LanHeader* (*MessageHandler)(LanHeader* request, const uint8_t* commCookie);
 
 // One tracked request. Entries are appended: the list runs oldest first.
@@ -44,7 +46,6 @@ extern int g_TrackMessages;
 extern int numDupsRepliedTo;
 extern int numDupsDropped;
 
-// Dispatch (utils/lanserver.cc).
 int LAN_InitServer(LanServerInfo** infoOut);
 int LAN_RegisterMessageHandler(LanServerInfo* server, int code, MessageHandler handler);
 LanHeader* LAN_ProcessMessage(void* message, int receivedLength, LanServerInfo* server,
@@ -53,29 +54,8 @@ LanHeader* ValidateHeader(void* message, LanServerInfo* server);
 LanHeader* BuildReply(const LanHeader* request, int result);
 void LAN_DumpInfo(void);
 
-// Duplicate-request tracker (utils/lan_tracker.cc).
-LanHeader* LAN_HandleDuplicate(LanServerInfo* server, const uint8_t* commCookie,
-                               const LanHeader* request, int* isDuplicate);
-int LAN_RegisterInProcess(LanServerInfo* server, const uint8_t* commCookie,
-                          const LanHeader* request);
-int LAN_RegisterComplete(LanServerInfo* server, const uint8_t* commCookie,
-                         const LanHeader* request, const LanHeader* reply);
-int PurgeTrackerList(LanServerInfo* server);
-int HeaderInList(LanServerInfo* server, const uint8_t* commCookie, const LanHeader* request);
-int CompareHeaderId(const LanHeader* a, const LanHeader* b);
-int LAN_CompareCommCookies(const uint8_t* a, const uint8_t* b);
-int LAN_CompareMessageCookies(const uint8_t* a, const uint8_t* b);
-LanHeader* LAN_MakeHeaderCopy(const LanHeader* header);
-LanHeader* LAN_MakeMessageCopy(const LanHeader* message);
-void DumpTrackerList(int ignored, LanServerInfo* server);
-
 #ifdef __cplusplus
 }  // extern "C"
-
-namespace kestrix {
-// Entries of the tracker holding a reply, and those still in process.
-void TrackerCounts(LanServerInfo* server, FSULONG* answered, FSULONG* inProcess);
-}  // namespace kestrix
 #endif
 
 #endif  // KESTRIX_UTILS_LANSERVER_H_

@@ -1,16 +1,17 @@
-// Logging: one call, OSL_Log, with a level from 0 (Panic) to 12 (High).
+// The daemon's logger. OSL_Log takes a severity, 0 (Panic) through 12
+// (High), and drops the line when that is above the level g_LogLevel points
+// at; the pointer is followed on each call, so a level change shows at once.
+// Lines go to syslog, to standard output, or to a file that is opened and
+// closed around every line. Panic (0) dumps core after logging.
 //
-// A message is written when its level is at most the current level, which is
-// read through g_LogLevel on every call. The destination is the system log,
-// standard output, or a file opened for each message. A level-0 message ends
-// the process with a core image.
-//
-// Threads may log while OSL_SetLog changes the destination: each line goes
-// whole to the destination in force when it is written, never to a half
-// changed one. Text that came from a request is passed through
-// kestrix::LogSafe so that it cannot start a line of its own.
+// OSL_SetLog may switch the destination while other threads log; a line is
+// never split between the old and the new one. Whatever a client sent is
+// wrapped in kestrix::LogSafe before it reaches a format, so it cannot fake
+// a log line.
 #ifndef KESTRIX_UTILS_LOG_H_
 #define KESTRIX_UTILS_LOG_H_
+
+#include "utils/plugin_api.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -42,7 +43,7 @@ extern const char* LogLevel2Str[13];
 void OSL_Log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void OSL_SetLog(int* levelPointer, const char* destination, const char* ident);
 int GetLogLevel(void);
-int syslogfile(void);
+KESTRIX_FOR_PLUGINS int syslogfile(void);
 void ksx_setLogLevel(void);
 void ForceCore(void) __attribute__((noreturn));
 

@@ -6,7 +6,7 @@
 
 #include "utils/ksxmem.h"
 #include "utils/log.h"
-#include "utils/osl.h"
+#include "utils/osl_sem.h"
 
 extern "C" {
 

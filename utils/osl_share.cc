@@ -37,8 +37,8 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-// Reads the next line (or 1023-character piece of one) and drops its last
-// character, the line feed of a complete line. False at end of file.
+// The next line of f, at most 1023 characters of it, without its final
+// character (the newline when the whole line fitted). False at end of file.
 bool ReadLine(FILE* f, char (&line)[kLineSize]) {
   if (fgets(line, kLineSize, f) == nullptr) return false;
   size_t n = strlen(line);
@@ -64,7 +64,7 @@ bool TakePath(const char* line, const char* fileName, const char* shareName, cha
   }
   const char* end = strchr(start, ' ');
   size_t len = end ? static_cast<size_t>(end - start) : strlen(start);
-  // A path that does not fit is refused rather than cut to another directory.
+  // Cutting a long path could name some other directory: refuse it instead.
   if (len > kNameSize - 1) {
     OSL_Log(KSX_ERROR,
             "parseSmbConfFile: The path for [%s] in [%s] is longer than %d bytes.\n",
@@ -76,8 +76,8 @@ bool TakePath(const char* line, const char* fileName, const char* shareName, cha
   return true;
 }
 
-// Looks the share name, without its first character, up as a user name in
-// the password file and takes that user's home directory.
+// For "[homes]": the share name minus its first character is a login name,
+// and that user's home directory from the password file is the answer.
 int32_t LookUpHome(const char* shareName, char* path) {
   const char* passwd = passwd_path.load();
   File f(fopen(passwd ? passwd : kDefaultPasswdPath, "r"));

@@ -1,10 +1,10 @@
-// Share names to local mount points.
+// From the name a client gives for a volume to a directory on this machine.
 //
-// A client names a volume by a path on this machine or by the name of a
-// share exported through Samba. A path passes through unchanged; a share
-// name is looked up in an smb.conf file and, when that file has a "[homes]"
-// section, as a user name in the password file. Nothing is cached and every
-// buffer is local to the call, so these are safe on any number of threads.
+// Names that are already local paths are used as they are. Anything else is
+// taken as a share: first its "path =" in the Samba configuration, then,
+// if the configuration has a "[homes]" section, the home directory of the
+// user of that name. Files are read afresh on every call and all buffers
+// live on the caller's stack, so any number of threads may call at once.
 #ifndef KESTRIX_UTILS_OSL_SHARE_H_
 #define KESTRIX_UTILS_OSL_SHARE_H_
 

@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-#include "utils/osl.h"
+#include "utils/osl_unix_user.h"
 
 namespace {
 

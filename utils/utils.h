@@ -6,6 +6,8 @@
 #ifndef KESTRIX_UTILS_UTILS_H_
 #define KESTRIX_UTILS_UTILS_H_
 
+#include "utils/plugin_api.h"
+
 #include "fstypes.h"
 
 #ifdef __cplusplus
@@ -13,11 +15,12 @@ extern "C" {
 #endif
 
 FSULONG fsunilength(const FSUNI* s);
-FSUNI* fsunicpy(FSUNI* destination, const FSUNI* source, FSULONG destinationBytes);
+KESTRIX_FOR_PLUGINS FSUNI* fsunicpy(FSUNI* destination, const FSUNI* source,
+                                    FSULONG destinationBytes);
 char* fsuni2mb(char* destination, const FSUNI* source, int32_t capacityBytes);
 int32_t utf16array_to_utf8asciz(const FSUNI* source, int32_t units, char* destination,
                                 int32_t capacityBytes);
-FSUNI* mb2fsuni(FSUNI* destination, const char* source, int32_t capacityUnits);
+KESTRIX_FOR_PLUGINS FSUNI* mb2fsuni(FSUNI* destination, const char* source, int32_t capacityUnits);
 int32_t utf8array_to_utf16asciz(const char* source, int32_t bytes, FSUNI* destination,
                                 int32_t capacityUnits);
 void doendian(void* field, int32_t width);
@@ -25,7 +28,7 @@ void endianizeFsUniArray(void* area, int32_t bytes);
 // Hex text of n bytes ("AB CD"), trailing '0' digits and blanks removed.
 // out must hold at least 3n + 1 bytes.
 char* bytesToString(const void* bytes, int32_t n, char* out);
-int32_t checkDataSizes(void);
+KESTRIX_FOR_PLUGINS int32_t checkDataSizes(void);
 
 #ifdef __cplusplus
 }  // extern "C"

@@ -22,7 +22,8 @@ std::string StartLine(const std::vector<std::string>& args, int timeoutMs = 1000
 TEST(DaemonOptionsE2E, ValuesAreClampedOrIgnoredAsTheStartLineShows) {
   const std::string start = "Print kestrixd started. ";
   EXPECT_EQ(StartLine({}), start + "Threads:10 Sem:TRUE Tracker:100");
-  EXPECT_EQ(StartLine({"-t", "150", "-m", "-1", "-s", "2", "-l", "12"}), start + "Threads:99 Sem:TRUE Tracker:0");
+  EXPECT_EQ(StartLine({"-t", "150", "-m", "-1", "-s", "2", "-l", "12"}),
+            start + "Threads:99 Sem:TRUE Tracker:0");
   // Options after the first word that is not one are not read.
   EXPECT_EQ(StartLine({"-t0", "-m2500", "-s0", "-d", "stray", "-t", "7"}),
             start + "Threads:10 Sem:FALSE Tracker:2000");
@@ -31,11 +32,14 @@ TEST(DaemonOptionsE2E, ValuesAreClampedOrIgnoredAsTheStartLineShows) {
 }
 
 TEST(DaemonOptionsE2E, BadCommandLinesPrintUsageAndExit1) {
-  for (const auto& args : std::vector<std::vector<std::string>>{{"-x"}, {"-d", "-t"}, {"-f", std::string(100, 'f')}}) {
+  for (const auto& args :
+       std::vector<std::vector<std::string>>{{"-x"}, {"-d", "-t"}, {"-f", std::string(100, 'f')}}) {
     RunResult r = RunToExit(KESTRIXD_BINARY, args, {{"KESTRIX_PORT", "1"}});
     EXPECT_EQ(r.exitStatus, 1) << args[0];
-    EXPECT_NE(r.standardError.find(std::string("Usage: ") + KESTRIXD_BINARY + " [-d] [-l(value)] [-t(value)]\n"),
-              std::string::npos) << r.standardError;
+    EXPECT_NE(r.standardError.find(std::string("Usage: ") + KESTRIXD_BINARY +
+                                   " [-d] [-l(value)] [-t(value)]\n"),
+              std::string::npos)
+        << r.standardError;
     EXPECT_TRUE(r.standardError.ends_with("-t:listener threads(1-99 default=10)\n")) << args[0];
   }
 }
@@ -45,12 +49,26 @@ TEST(DaemonOptionsE2E, LogFileNameOf99CharactersAndATakenPort) {
   const std::string name = dir.path() + "/" + std::string(98 - dir.path().size(), 'n');
   DaemonProcess first;
   ASSERT_FALSE(first.Start({"-f", name}, 1500));  // the last -f wins over the helper's
-  EXPECT_TRUE(PollUntil([&] { return ReadFile(name).find("kestrixd started.") != std::string::npos; }, 5000));
+  EXPECT_TRUE(PollUntil(
+      [&] { return ReadFile(name).find("kestrixd started.") != std::string::npos; }, 5000));
   DaemonProcess second;
   second.SetPort(first.port());
   EXPECT_FALSE(second.Start({}, 1000));
   EXPECT_EQ(second.WaitExit(5000), 1);
-  EXPECT_TRUE(second.WaitForLog("Error DGRAM_BindListener failed 1104.  May be another kestrixd running.\n"));
+  EXPECT_TRUE(second.WaitForLog(
+      "Error DGRAM_BindListener failed 1104.  May be another kestrixd running.\n"));
+}
+
+// A log file that cannot be opened sends the lines to standard output.
+TEST(DaemonOptionsE2E, ALogFileThatCannotBeOpenedFallsBackToStandardOutput) {
+  TempDir dir;
+  DaemonProcess daemon;
+  EXPECT_FALSE(daemon.Start({"-f", dir.File("missing/kestrixd.log")}, 1500));
+  EXPECT_TRUE(PollUntil(
+      [&] { return daemon.Stdout().find("Print kestrixd started. ") != std::string::npos; },
+      5000))
+      << daemon.Stdout();
+  EXPECT_FALSE(std::filesystem::exists(dir.File("missing")));
 }
 
 TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
@@ -58,8 +76,10 @@ TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
   const std::string log = dir.File("forked.log");
   const uint16_t port = FreeLoopbackPort();
   RunResult parent = RunToExit(KESTRIXD_BINARY, {"-f", log, "-l", "4"},
-                               {{"KESTRIX_PORT", std::to_string(port)}, {"KESTRIX_LIBDIR", dir.path()},
-                                {"KESTRIX_SMBPATH", dir.File("none.conf")}, {"KESTRIX_ADMIN_SOCKET", ""}});
+                               {{"KESTRIX_PORT", std::to_string(port)},
+                                {"KESTRIX_LIBDIR", dir.path()},
+                                {"KESTRIX_SMBPATH", dir.File("none.conf")},
+                                {"KESTRIX_ADMIN_SOCKET", ""}});
   EXPECT_EQ(parent.exitStatus, 0);
   // The child is found by its command line, which names the log.
   std::vector<pid_t> children;
@@ -67,13 +87,15 @@ TEST(DaemonOptionsE2E, WithoutDashDTheParentExitsAndTheChildServes) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
       std::string cmdline = ReadFile(entry.path().string() + "/cmdline");
       std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
-      if (cmdline.find(log) != std::string::npos && ReadFile(log).find("kestrixd started.") != std::string::npos)
+      if (cmdline.find(log) != std::string::npos &&
+          ReadFile(log).find("kestrixd started.") != std::string::npos)
         children.push_back(std::stoi(entry.path().filename()));
     }
     return !children.empty();
   }, 5000);
   ASSERT_EQ(children.size(), 1u) << ReadFile(log);
-  auto reply = client::Endpoint("127.0.0.1", port).Transact(client::MakeRequest(6, 48, 0, "forked"));
+  auto reply =
+      client::Endpoint("127.0.0.1", port).Transact(client::MakeRequest(6, 48, 0, "forked"));
   kill(children[0], SIGTERM);
   ASSERT_TRUE(reply.has_value());
   EXPECT_EQ(client::HeaderOf(*reply)->result, 8);

@@ -35,7 +35,9 @@ TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
   EXPECT_EQ(first.Calls("FS_GetVolCookie").at(0).Get("mount"), "/export/data");
   EXPECT_EQ(second.Calls("FS_GetVolByCookie").at(0).Get("vol"), "vol-b");
   EXPECT_EQ(second.Calls("FS_GetVolByCookie").at(0).Int("room"), 65536 - 272);
-  EXPECT_EQ(CountOf(daemon_.Log(), "Error SP_LanGetVolume: FS_GetVolCookie call to lib[0] returned 17\n"), 1);
+  EXPECT_EQ(
+      CountOf(daemon_.Log(), "Error SP_LanGetVolume: FS_GetVolCookie call to lib[0] returned 17\n"),
+      1);
 
   // Known by its cookie now: an empty path needs no share lookup and no FS_GetVolCookie.
   const int parses = CountOf(daemon_.Log(), "parseSmbConfFile: Opening");
@@ -46,23 +48,30 @@ TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
 
 TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
   // The cookie the library leaves when it refuses names a known volume: still 405.
-  Install("libtestfs.so", "liba.so", "volume /export/data vol-a\nmiss FS_GetVolCookie 2\nmisscookie vol-a\n");
+  Install("libtestfs.so", "liba.so",
+          "volume /export/data vol-a\nmiss FS_GetVolCookie 2\nmisscookie vol-a\n");
   Start();
-  for (auto [path, cookie, result] : {std::tuple{"data", "", 0}, {"nosuch", "", 3}, {"", "never-claimed", 405},
+  for (auto [path, cookie, result] : {std::tuple{"data", "", 0},
+                                      {"nosuch", "", 3},
+                                      {"", "never-claimed", 405},
                                       {"/export/elsewhere", "", 405}})
     EXPECT_EQ(Get(path, cookie), std::pair(result, size_t{272})) << path << cookie;
   EXPECT_EQ(Fs("liba.so").CountCalls("FS_GetVolByCookie"), 1);
-  EXPECT_TRUE(daemon_.WaitForLog("Error FTX1201W OSL_ShareNameToMountPoint failed name is : nosuch\n"));
+  EXPECT_TRUE(
+      daemon_.WaitForLog("Error FTX1201W OSL_ShareNameToMountPoint failed name is : nosuch\n"));
   // 1023 lone high surrogates cost one line, not one per unit.
   Bytes broken = client::MakeGetVolumeRequest("");
   for (size_t i = 0; i < 1023; ++i) client::Write<uint16_t>(broken, 180 + 2 * i, 0xD800);
   EXPECT_EQ(Read<int32_t>(Ask(broken), 48), 3);
-  EXPECT_EQ(CountOf(daemon_.Log(), "Error utf16array_to_utf8asciz: 1022 invalid surrogates in one text, "
-                                   "the first d800 , d800 \n"), 1);
+  EXPECT_EQ(CountOf(daemon_.Log(),
+                    "Error utf16array_to_utf8asciz: 1022 invalid surrogates in one text, "
+                    "the first d800 , d800 \n"),
+            1);
   EXPECT_EQ(CountOf(daemon_.Log(), "utf16array_to_utf8asciz"), 2);
 
-  Fs("liba.so").Configure("volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
-                          "result FS_GetVolByCookie 7\n");
+  Fs("liba.so").Configure(
+      "volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
+      "result FS_GetVolByCookie 7\n");
   const Bytes text = Ask(client::MakeGetVolumeRequest("data"));
   EXPECT_EQ(std::tuple(Read<int32_t>(text, 48), text.size(), Read<uint16_t>(text, 192)),
             std::tuple(7, 294u, uint16_t{u'0'}));  // 272 + 2 x (10 + 1)
@@ -83,7 +92,8 @@ TEST_F(GetVolumeE2E, MaxDgramBoundsTheRoom) {
     const int lines = *r.line != 0 ? 1 : 0;
     EXPECT_EQ(Get("data"), std::pair(0, r.reply)) << (r.maxdgram ? r.maxdgram : "unset");
     EXPECT_EQ(Fs("liba.so").Calls("FS_GetVolByCookie").back().Int("room"), r.room);
-    EXPECT_EQ(std::pair(CountOf(log, "MAXDGRAM"), CountOf(log, r.line)), std::pair(lines, lines)) << log;
+    EXPECT_EQ(std::pair(CountOf(log, "MAXDGRAM"), CountOf(log, r.line)), std::pair(lines, lines))
+        << log;
   }
 }
 

@@ -13,7 +13,9 @@ class LanServerE2E : public PluginDaemonTest {};
 TEST_F(LanServerE2E, HeaderErrorsByteOrderAndCodesWithoutHandler) {
   Start({"-l", "4"});
   Bytes shortOne = MakeRequest(3, 47, 0, "id-47");  // reserved bytes come back unchanged
-  shortOne[40] = 0xAB, shortOne[47] = 0xCD, HeaderOf(shortOne)->revision = 77;
+  shortOne[40] = 0xAB;
+  shortOne[47] = 0xCD;
+  HeaderOf(shortOne)->revision = 77;
   EXPECT_EQ(Ask(shortOne), ExpectedLanReply(shortOne, 6));
   for (int32_t code : {0, 99, -1, INT32_MIN, INT32_MAX}) {
     const Bytes request = MakeRequest(code, 48, 0, "code");

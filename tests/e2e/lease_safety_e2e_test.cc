@@ -46,12 +46,17 @@ TEST_F(LeaseSafetyE2E, NegativeLeaseRequestsAreCappedLikeLongOnes) {
   constexpr uint32_t kNegative = 4294901760u;  // -65536 ms read as signed
   TestFs fs = Serve(kFiles);
   Start();
-  for (auto [conf, cap] : {std::pair{"maxlease.read 60", 60000u}, {"result FS_GetMaxLeases 1", 86400000u}}) {
+  for (auto [conf, cap] :
+       {std::pair{"maxlease.read 60", 60000u}, {"result FS_GetMaxLeases 1", 86400000u}}) {
     fs.Configure(kFiles + conf + "\n");
     const client::MapReply open = Open("f", {-1, -1, kNegative, 1});
-    const auto extended = client::ParseMapReply(Send(client::MakeGetExtendedMapRequest(open.key, 0, 0, kNegative)));
-    const auto sized = client::ParseStatusReply(Send(client::MakeSetSizeRequest(open.key, 1, kNegative)));
-    EXPECT_EQ(std::tuple(open.lease, extended->lease - cap < 1000, sized->lease), std::tuple(cap, true, cap)) << conf;
+    const auto extended =
+        client::ParseMapReply(Send(client::MakeGetExtendedMapRequest(open.key, 0, 0, kNegative)));
+    const auto sized =
+        client::ParseStatusReply(Send(client::MakeSetSizeRequest(open.key, 1, kNegative)));
+    EXPECT_EQ(std::tuple(open.lease, extended->lease - cap < 1000, sized->lease),
+              std::tuple(cap, true, cap))
+        << conf;
   }
 }
 
@@ -80,7 +85,8 @@ TEST_F(LeaseSafetyE2E, ASenderAtItsBoundIsRefusedWhileOthersAreServed) {
 TEST_F(LeaseSafetyE2E, TheOpenFileLimitIsRaisedToTheHardLimit) {
   rlimit own{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &own), 0);
-  if (own.rlim_max <= 256) GTEST_SKIP() << "hard open file limit " << own.rlim_max << ": nothing to raise to";
+  if (own.rlim_max <= 256)
+    GTEST_SKIP() << "hard open file limit " << own.rlim_max << ": nothing to raise to";
   const rlimit low{256, own.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
   Start();  // the daemon inherits the low soft limit

@@ -1,6 +1,9 @@
 // The map requests end to end: GetInitialMap, GetExtendedMap, SetSize and
 // Close, their replies and the calls testfs records; leases across requests,
 // their expiry by the purge thread and many clients at once.
+#include <signal.h>
+
+#include <cstdio>
 #include <set>
 #include <thread>
 
@@ -19,16 +22,17 @@ const std::string kFile = "file /export/data/f vol-a file-f\n";
 
 TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
   TestFs fs = Serve("");
-  for (auto [size, alloc, flag, conf, result, calls] : {
-           std::tuple{-1, -1, 0u, "", 0, "map 0 -1 0|"},
-           {1000, -1, 0u, "result FS_SetFileSizes 400", 0, "map 0 -1 0|size 1000 -1|"},
-           {-1, 4096, 0u, "", 0, "map 0 -1 0|size -1 4096|map 0 -1 2|"},
-           {-1, 4096, 2u, "result FS_SetFileSizes 1", 0, "map 0 -1 2|size -1 4096|map 0 -1 2|"},
-           {-1, -1, 0u, "result FS_GetLockedMap 1", 1, "map 0 -1 0|"},
-           {-1, -1, 8u, "", 0, "map 0 -1 8|unlock|"},
-           {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
-           {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
-           {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9, "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
+  for (auto [size, alloc, flag, conf, result, calls] :
+       {std::tuple{-1, -1, 0u, "", 0, "map 0 -1 0|"},
+        {1000, -1, 0u, "result FS_SetFileSizes 400", 0, "map 0 -1 0|size 1000 -1|"},
+        {-1, 4096, 0u, "", 0, "map 0 -1 0|size -1 4096|map 0 -1 2|"},
+        {-1, 4096, 2u, "result FS_SetFileSizes 1", 0, "map 0 -1 2|size -1 4096|map 0 -1 2|"},
+        {-1, -1, 0u, "result FS_GetLockedMap 1", 1, "map 0 -1 0|"},
+        {-1, -1, 8u, "", 0, "map 0 -1 8|unlock|"},
+        {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
+        {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
+        {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9,
+         "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
     fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Restart();
@@ -39,7 +43,8 @@ TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
                          open.fileCookie[5], open.header.length),
               std::tuple(result, calls, delivered, delivered ? 'v' : 0, delivered ? 'f' : 0, 244u));
     // Only a lease still held can be mapped further.
-    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407) << calls;
+    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407)
+        << calls;
   }
 }
 
@@ -111,15 +116,49 @@ TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
     fs.Configure(kFile + conf + "\n");
     fs.ClearCalls();
     Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
-    client::HeaderOf(request)->revision = 77, client::HeaderOf(request)->result = 9;  // echoed, cleared
+    client::HeaderOf(request)->revision = 77;  // echoed in the reply
+    client::HeaderOf(request)->result = 9;     // cleared in the reply
     const Bytes bytes = Send(request);
     const client::MapReply r = client::ParseMapReply(bytes).value();
-    EXPECT_EQ(std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
-                         r.header.result),
-              std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
+    EXPECT_EQ(
+        std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
+                   r.header.result),
+        std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
   }
   const Bytes unknown = Send(client::MakeGetExtendedMapRequest(999, 0, 0));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 184u));
+}
+
+// The lease runs from when the client gets the reply: the time the library
+// spent on the map is added to the 5000 ms a read lease gets. The daemon's
+// clock counts whole seconds, so a map taking 1.1 s adds 1 or 2 of them.
+TEST_F(GetExtendedMapE2E, TheLibrarysTimeIsAddedToTheRenewedLease) {
+  constexpr uint32_t kReadLeaseMs = 5000, kMapDelayMs = 1100;
+  TestFs fs = Serve(kFile);
+  Start();
+  const uint32_t key = Open("f").key;
+  fs.Configure(kFile + "delay.map " + std::to_string(kMapDelayMs) + "\n");
+  const Bytes bytes = Send(client::MakeGetExtendedMapRequest(key, 0, 0));
+  const client::MapReply reply = client::ParseMapReply(bytes).value();
+  EXPECT_EQ(reply.result, 0);
+  EXPECT_GE(reply.lease, kReadLeaseMs + 1000);
+  EXPECT_LE(reply.lease, kReadLeaseMs + 2000);
+}
+
+// SIGUSR1 asks the running daemon for its state: the lease list with the
+// key of the one open file, the duplicate counters, the counts line.
+TEST_F(LeaseE2E, SigusrOneDumpsTheLeasesAndCounters) {
+  Serve(kFile);
+  Start();
+  const uint32_t key = Open("f").key;
+  ASSERT_EQ(kill(daemon_.pid(), SIGUSR1), 0);
+  ASSERT_TRUE(daemon_.WaitForLog("Print State: leases 1, ")) << daemon_.Log();
+  const std::string log = daemon_.Log();
+  char keyLine[32];
+  std::snprintf(keyLine, sizeof keyLine, "  key: 0x%x\n", key);
+  EXPECT_NE(log.find(keyLine), std::string::npos) << log;
+  EXPECT_NE(log.find("Print Number of duplicate messages responded to: 0\n"), std::string::npos);
+  EXPECT_NE(log.find("Print Number of duplicate messages dropped:      0\n"), std::string::npos);
 }
 
 TEST_F(SetSizeE2E, SizeCallAndRenewal) {
@@ -135,8 +174,9 @@ TEST_F(SetSizeE2E, SizeCallAndRenewal) {
     fs.ClearCalls();
     const auto r = client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, lease)));
     const CallRecord size = fs.Calls("FS_SetFileSizes").at(0);
-    EXPECT_EQ(std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
-              std::tuple(result, granted, "5000", -1, -1));
+    EXPECT_EQ(
+        std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
+        std::tuple(result, granted, "5000", -1, -1));
   }
   const Bytes unknown = Send(client::MakeSetSizeRequest(999, 1));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 72u));

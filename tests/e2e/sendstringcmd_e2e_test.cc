@@ -16,8 +16,11 @@ class SendStringCmdE2E : public PluginDaemonTest {
  protected:
   // Every text gets the same 2132-byte reply with result 0.
   void Command(const std::string& text, client::Endpoint* to = nullptr) {
-    Bytes reply = (to ? to : endpoint_.get())->Transact(client::MakeStringCommandRequest(text)).value_or(Bytes(60));
-    EXPECT_EQ(std::tuple(reply.size(), Read<int32_t>(reply, 24), Read<int32_t>(reply, 48)), std::tuple(2132u, -7, 0))
+    Bytes reply = (to ? to : endpoint_.get())
+                      ->Transact(client::MakeStringCommandRequest(text))
+                      .value_or(Bytes(60));
+    EXPECT_EQ(std::tuple(reply.size(), Read<int32_t>(reply, 24), Read<int32_t>(reply, 48)),
+              std::tuple(2132u, -7, 0))
         << text;
   }
   // No share is configured: logged at level 4 as "SP path NAME", result 3.
@@ -51,12 +54,13 @@ TEST_F(SendStringCmdE2E, LevelReachesLibrariesAndLinesFollowTheDestination) {
   EXPECT_EQ(Fs("libb.so").CountCalls("FS_SetLog"), 1);
   const auto indexOfA = std::find(order.begin(), order.end(), "liba.so") - order.begin();
   const std::string text = ReadFile(next);
-  EXPECT_EQ(CountOf(text, "Print setting lib " + std::to_string(indexOfA) + " log level to 5\n"), 1);
+  EXPECT_EQ(CountOf(text, "Print setting lib " + std::to_string(indexOfA) + " log level to 5\n"),
+            1);
   EXPECT_EQ(std::tuple(CountOf(text, "setting lib"), CountOf(text, "SP path at-five\n"),
                        CountOf(text, "Debug1 ")), std::tuple(1, 1, 0));
   EXPECT_EQ(daemon_.Log(), startLog);
-  for (const char* line : {"Debug1 strs 1:LOG 5  2:SCREEN  3:  4:\n", "Debug1 Got command [LOGX 5]\n",
-                           "Debug1 Got command []\n"})
+  for (const char* line : {"Debug1 strs 1:LOG 5  2:SCREEN  3:  4:\n",
+                           "Debug1 Got command [LOGX 5]\n", "Debug1 Got command []\n"})
     EXPECT_EQ(CountOf(daemon_.Stdout(), line), 1) << line;
   const std::string injected = ReadFile(inject);
   for (const char* line : {"SP path evil %s%n\\x0aInfo forged\n",
@@ -85,8 +89,11 @@ TEST_F(SendStringCmdE2E, LogDirTakesOnlyFilesInsideIt) {
   }
   const std::string text = ReadFile(logs + "/in.log");
   for (size_t i = 0; i < std::size(refused); ++i) {
-    EXPECT_EQ(CountOf(text, "Error LOG destination [" + refused[i] + "] is not a file inside "
-                            "KESTRIX_LOG_DIR [" + logs + "]; the log destination is unchanged\n"), 1);
+    EXPECT_EQ(CountOf(text, "Error LOG destination [" + refused[i] +
+                                "] is not a file inside "
+                                "KESTRIX_LOG_DIR [" +
+                                logs + "]; the log destination is unchanged\n"),
+              1);
     // The level changed all the same: level 4 shows the probe, level 3 not.
     EXPECT_EQ(CountOf(text, "SP path probe" + std::to_string(i) + "\n"), i % 2 == 0 ? 1 : 0);
   }
@@ -105,7 +112,9 @@ TEST_F(SendStringCmdE2E, DestinationSwitchesUnderLoadLoseAndTearNoLine) {
     clients.emplace_back([&, c] {
       client::Endpoint endpoint("127.0.0.1", daemon_.port());
       for (int n = c * kRequests; n < (c + 1) * kRequests; ++n)
-        EXPECT_TRUE(endpoint.Transact(client::MakeGetVolumeRequest("load-" + std::to_string(n))).has_value()) << n;
+        EXPECT_TRUE(endpoint.Transact(client::MakeGetVolumeRequest("load-" + std::to_string(n)))
+                        .has_value())
+            << n;
     });
   client::Endpoint switcher("127.0.0.1", daemon_.port());
   for (int i = 0; i < 90; ++i)

@@ -14,6 +14,7 @@
 //   vol.vendorStatus|nDisks N, vol.error TEXT (with a vendorStatus)
 //   map.msgLen|nExtents|extentType N
 //   delay.unlock MS   FS_UnlockMap sleeps this long before it returns
+//   delay.map MS      FS_GetLockedMap sleeps this long before it returns
 // Disk i (from 0): DiskID bytes 0x10 (i+1) + j, IDoffset 1000 (i+1),
 // BlockOffset 2000 (i+1), nBlocks 100000 (i+1). Extent i: {1000 (i+1), 8 (i+1)}
 // (type 0, the default) or {65536 i, 1048576 (i+1), 65536, i, 1} (type 1),
@@ -251,6 +252,7 @@ TESTFS_EXPORT FSLONG FS_GetCookies(const FSUNI* path, uint8_t* volumeCookieOut, 
 TESTFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t* fileCookie, FS64LONG start,
                                      FS64LONG length, FSULONG flags, struct FSMapInfo* map, FSULONG* room) {
   const Conf conf = ReadConf();
+  usleep(static_cast<useconds_t>(conf.Num("delay.map", 0) * 1000));
   const FSULONG bytes = room != nullptr ? *room : 0;
   const FSLONG result = Result(conf, "FS_GetLockedMap");
   WriteMap(conf, start, length, reinterpret_cast<uint8_t*>(map), bytes);

@@ -38,8 +38,8 @@ void Kill(pid_t pid, int signal) {
   }
 }
 
-RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
-                    int timeoutMs) {
+RunResult RunToExit(const std::string& program, const std::vector<std::string>& args,
+                    const Env& env, int timeoutMs) {
   TempDir dir;
   pid_t pid = Spawn(program, args, env, dir.File("out"), dir.File("err"));
   RunResult result;

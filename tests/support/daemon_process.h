@@ -34,8 +34,8 @@ int WaitFor(pid_t pid, int timeoutMs);
 void Kill(pid_t pid, int signal);
 
 // Runs a program to its end with the given environment additions.
-RunResult RunToExit(const std::string& program, const std::vector<std::string>& args, const Env& env,
-                    int timeoutMs = 20000);
+RunResult RunToExit(const std::string& program, const std::vector<std::string>& args,
+                    const Env& env, int timeoutMs = 20000);
 
 // A program running beside the test, its standard input (and output, when
 // outFd >= 0) on the test's descriptors; killed by its PID if still running

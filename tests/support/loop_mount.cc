@@ -34,16 +34,20 @@ bool LoopMount::Fail(const std::string& reason) {
 // mount(8) attaches the image to a free loop device that detaches itself
 // once the mount is gone.
 bool LoopMount::Mount(FsKind kind, int mib) {
-  const std::string mkfs = FindProgram(std::string("mkfs.") + FsName(kind)), mounter = FindProgram("mount");
+  const std::string mkfs = FindProgram(std::string("mkfs.") + FsName(kind)),
+                    mounter = FindProgram("mount");
   if (geteuid() != 0) return Fail("mounting needs root");
-  if (mkfs.empty() || mounter.empty()) return Fail(std::string("mkfs.") + FsName(kind) + " or mount is not installed");
+  if (mkfs.empty() || mounter.empty())
+    return Fail(std::string("mkfs.") + FsName(kind) + " or mount is not installed");
   WriteFile(image_, "");
-  if (truncate(image_.c_str(), off_t{mib > 0 ? mib : kind == FsKind::kExt4 ? 64 : 320} << 20) != 0) return Fail("no image file");
+  const off_t bytes = off_t{mib > 0 ? mib : kind == FsKind::kExt4 ? 64 : 320} << 20;
+  if (truncate(image_.c_str(), bytes) != 0) return Fail("no image file");
   RunResult made = RunToExit(mkfs, {"-q", kind == FsKind::kExt4 ? "-F" : "-f", image_}, {});
   if (made.exitStatus != 0) return Fail(mkfs + " failed: " + made.standardError);
   UsePrivateMounts();
   std::filesystem::create_directory(mountPoint_);
-  RunResult mounted = RunToExit(mounter, {"-o", "loop", "-t", FsName(kind), image_, mountPoint_}, {});
+  RunResult mounted =
+      RunToExit(mounter, {"-o", "loop", "-t", FsName(kind), image_, mountPoint_}, {});
   if (mounted.exitStatus != 0) return Fail("mount failed: " + mounted.standardError);
   for (const std::string& line : SplitLines(ReadFile("/proc/self/mounts"))) {
     std::istringstream fields(line);

@@ -79,7 +79,9 @@ inline bool PollUntil(const std::function<bool()>& done, int timeoutMs) {
 // lifetime of the object. The file's lines look like "Error text".
 class LogCapture {
  public:
-  explicit LogCapture(int level = 12) : level_(level) { OSL_SetLog(&level_, path_.c_str(), "kestrixd"); }
+  explicit LogCapture(int level = 12) : level_(level) {
+    OSL_SetLog(&level_, path_.c_str(), "kestrixd");
+  }
   ~LogCapture() {
     static int defaultLevel = 2;
     OSL_SetLog(&defaultLevel, "SCREEN", "kestrixd");
@@ -87,7 +89,9 @@ class LogCapture {
 
   std::string Text() const { return ReadFile(path_); }
   std::vector<std::string> Lines() const { return SplitLines(Text()); }
-  bool Contains(const std::string& needle) const { return Text().find(needle) != std::string::npos; }
+  bool Contains(const std::string& needle) const {
+    return Text().find(needle) != std::string::npos;
+  }
   void Clear() { std::filesystem::remove(path_); }
 
  private:

@@ -18,7 +18,9 @@ struct CallRecord {
   std::string function;
   std::map<std::string, std::string> fields;
 
-  std::string Get(const std::string& key) const { return fields.contains(key) ? fields.at(key) : ""; }
+  std::string Get(const std::string& key) const {
+    return fields.contains(key) ? fields.at(key) : "";
+  }
   int64_t Int(const std::string& key) const { return std::atoll(Get(key).c_str()); }
 };
 
@@ -49,7 +51,9 @@ class TestFs {
     }
     return records;
   }
-  int CountCalls(const std::string& function) const { return static_cast<int>(Calls(function).size()); }
+  int CountCalls(const std::string& function) const {
+    return static_cast<int>(Calls(function).size());
+  }
 
  private:
   std::string path_;
@@ -59,7 +63,8 @@ class TestFs {
 // test plug-in directory into libDir as name.
 inline void InstallTestPlugin(const std::string& variant, const std::string& libDir,
                               const std::string& name) {
-  std::filesystem::copy_file(std::string(KESTRIX_TEST_PLUGIN_DIR) + "/" + variant, libDir + "/" + name,
+  std::filesystem::copy_file(std::string(KESTRIX_TEST_PLUGIN_DIR) + "/" + variant,
+                             libDir + "/" + name,
                              std::filesystem::copy_options::overwrite_existing);
 }
 

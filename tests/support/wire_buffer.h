@@ -34,7 +34,9 @@ inline Buffer Fields(size_t n, Puts puts, bool turned) {
       end = std::min(hex.find(' ', k), hex.size());
       const bool keep = hex[k] == '=';
       uint8_t* field = b.bytes() + at;
-      for (k += keep; k < end; k += 2) b.bytes()[at++] = static_cast<uint8_t>(std::stoi(std::string(hex.substr(k, 2)), nullptr, 16));
+      for (k += keep; k < end; k += 2)
+        b.bytes()[at++] =
+            static_cast<uint8_t>(std::stoi(std::string(hex.substr(k, 2)), nullptr, 16));
       if (turned && !keep) std::reverse(field, b.bytes() + at);
     }
   return b;

@@ -30,15 +30,17 @@ constexpr uint8_t kComm[LAN_COMMCOOKIE_SIZE] = {127, 0, 0, 1};
 client::Bytes Request(int kind, uint32_t key = 0) {
   static const uint8_t kVola[FS_COOKIE_SIZE] = "VOLA";
   static int id = 1;
-  client::OpenOptions o{.fileSize = 4096, .allocSize = 8192, .flag = kind == kOpenUnlocked ? 8u : 0};
-  client::Bytes r = kind == kVolume || kind == kStoredDuplicate ? client::MakeGetVolumeRequest("data")
+  client::OpenOptions o{
+      .fileSize = 4096, .allocSize = 8192, .flag = kind == kOpenUnlocked ? 8u : 0};
+  client::Bytes r = kind == kVolume || kind == kStoredDuplicate
+                        ? client::MakeGetVolumeRequest("data")
                     : kind == kVolumeByCookie ? client::MakeGetVolumeRequest("", kVola)
                     : kind <= kOpenUnlocked   ? client::MakeGetInitialMapRequest("data", "f", o)
                     : kind == kMap            ? client::MakeGetExtendedMapRequest(key, 0, 0)
                     : kind == kSetSize        ? client::MakeSetSizeRequest(key, 1)
                     : kind == kClose          ? client::MakeCloseRequest(key)
                     : kind == kCommand        ? client::MakeStringCommandRequest("HI")
-                                              : client::MakeRequest(9, kind == kNoHandler ? 48 : 47);
+                                       : client::MakeRequest(9, kind == kNoHandler ? 48 : 47);
   client::Write(r, 8, kind == kStoredDuplicate ? 0 : ++id);
   client::Write<uint32_t>(r, 32, LAN_FLAG_TRACK);
   return r;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/testfs.h"
+#include "unixmdc/loadlib.h"
 #include "utils/ksxmem.h"
 
 namespace kestrix::test {
@@ -24,8 +25,9 @@ TEST_F(FsmdcspInitTest, RefusedLibrariesTakeNoSlotAndTheAcceptedOneGetsTheLogLev
   InstallTestPlugin("libtestfs.so", lib_.path(), "good.so");
   InstallTestPlugin("libtestfs_v231.so", lib_.path(), "v231.so");
   InstallTestPlugin("libtestfs_initfail.so", lib_.path(), "initfail.so");
-  EXPECT_EQ(FSMDCSP_Init(), FSMDCSP_RESULT_LIB_REFUSED);
-  EXPECT_EQ(std::tuple(libCount, Fs("v231.so").CountCalls("FS_Init"), Fs("initfail.so").CountCalls("FS_SetLog")),
+  EXPECT_EQ(FSMDCSP_Init(FSMDCSP_LoadNextLibrary), FSMDCSP_RESULT_LIB_REFUSED);
+  EXPECT_EQ(std::tuple(libCount, Fs("v231.so").CountCalls("FS_Init"),
+                       Fs("initfail.so").CountCalls("FS_SetLog")),
             std::tuple(1, 0, 0));  // too new: refused before FS_Init
   std::vector<CallRecord> calls = Fs("good.so").Calls();
   ASSERT_EQ(calls.size(), 3u);  // FS_GetVersion, FS_Init, then FS_SetLog
@@ -36,7 +38,7 @@ TEST_F(FsmdcspInitTest, RefusedLibrariesTakeNoSlotAndTheAcceptedOneGetsTheLogLev
 TEST_F(FsmdcspInitTest, AtMostThirtyTwoLibrariesAreLoadedWithoutFsSetLog) {
   for (int i = 0; i <= FSMDCSP_MAX_LIBS; ++i)
     InstallTestPlugin("libtestfs_noopt.so", lib_.path(), "lib" + std::to_string(i) + ".so");
-  EXPECT_EQ(FSMDCSP_Init(), 0);
+  EXPECT_EQ(FSMDCSP_Init(FSMDCSP_LoadNextLibrary), 0);
   EXPECT_EQ(libCount, FSMDCSP_MAX_LIBS);
   EXPECT_EQ(CountOf(log_.Text(), "Info opened lib "), FSMDCSP_MAX_LIBS);  // not the 33rd
   EXPECT_TRUE(ServiceProviderReady());
@@ -46,7 +48,9 @@ TEST(DispatchListTest, LaterClaimReplacesTheEarlierOneAndUnknownCookiesFindNothi
   InitDispatchList();
   FsLibrary first{}, second{};
   std::vector<uint8_t> a(FS_COOKIE_SIZE, 'v'), b = a, unknown = a;
-  b.back() = 1, unknown.back() = 2;  // each differs from a in the last byte only
+  // Each differs from a in the last byte only.
+  b.back() = 1;
+  unknown.back() = 2;
   AddVolumeDispatcherToList(a.data(), &first);
   AddVolumeDispatcherToList(b.data(), &first);
   const int32_t before = g_kmemstat;

@@ -19,7 +19,8 @@ TEST(KestrixdDeathTest, StartupWithoutItsRecordOrALockEndsWithStatus1) {
   for (auto [failing, line] : {std::pair<int, std::string>{1, "no memory for the LAN server"},
                                {2, "cannot create the tracker lock"}, {3, locks}, {4, locks}}) {
     LogCapture log(2);
-    EXPECT_EXIT((FailGetmem(failing), DgramServer(FreeLoopbackPort())), ::testing::ExitedWithCode(1), "");
+    EXPECT_EXIT((FailGetmem(failing), DgramServer(FreeLoopbackPort())),
+                ::testing::ExitedWithCode(1), "");
     EXPECT_TRUE(log.Contains("Error kestrixd: " + line + ".\n")) << failing << ": " << log.Text();
   }
 }

@@ -1,9 +1,5 @@
-// LAN server dispatch and the duplicate tracker driven in process: what the
-// wire cannot arrange (a copy arriving while its original is handled, replies
-// lost) and the tracker's exact bound; and the listener threads with and
-// without the receive lock; the header print for plug-ins (the header's
-// converter and dump are seen end to end). Failed allocations:
-// allocation_failures_test.cc.
+// LAN server, tracker and listeners driven in process, for what the wire
+// cannot arrange; failed allocations are in allocation_failures_test.cc.
 #include "utils/lanserver.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +31,10 @@ LanHeader* Counting(LanHeader* request, const uint8_t*) {
   reply->revision = ++g_calls;  // tells the replies of different runs apart
   return reply;
 }
-LanHeader* Lost(LanHeader*, const uint8_t*) { return ++g_calls, nullptr; }
+LanHeader* Lost(LanHeader*, const uint8_t*) {
+  ++g_calls;
+  return nullptr;
+}
 LanHeader* Reentrant(LanHeader* request, const uint8_t* comm) {
   LanHeader copy = *request;
   g_nested = LAN_ProcessMessage(&copy, 48, g_server, comm);
@@ -46,6 +45,9 @@ class LanServerTest : public ::testing::Test {
  protected:
   void Init(int bound, MessageHandler handler) {
     g_MaxDuplicateMessages = bound;
+    g_calls = 0;
+    numDupsRepliedTo = 0;
+    numDupsDropped = 0;
     LAN_InitServer(&g_server);
     ASSERT_NE(g_server, nullptr);
     LAN_RegisterMessageHandler(g_server, 9, handler);
@@ -53,7 +55,10 @@ class LanServerTest : public ::testing::Test {
   // The reply's revision (the handler run that made it), 0 for no reply.
   static int Run(const std::string& id, const uint8_t* comm = kHostA) {
     LanHeader h{};
-    h.byteOrder = 1, h.functionCode = 9, h.length = 48, h.flags = LAN_FLAG_TRACK;
+    h.byteOrder = 1;
+    h.functionCode = 9;
+    h.length = 48;
+    h.flags = LAN_FLAG_TRACK;
     std::memcpy(h.messageID, id.data(), id.size());
     LanHeader* reply = LAN_ProcessMessage(&h, 48, g_server, comm);
     const int revision = reply == nullptr ? 0 : reply->revision;
@@ -64,7 +69,8 @@ class LanServerTest : public ::testing::Test {
 
 TEST_F(LanServerTest, RegistrationBounds) {
   Init(100, Lost);
-  for (int code : {100, -1}) EXPECT_EQ(LAN_RegisterMessageHandler(g_server, code, Counting), 1) << code;
+  for (int code : {100, -1})
+    EXPECT_EQ(LAN_RegisterMessageHandler(g_server, code, Counting), 1) << code;
   EXPECT_EQ(LAN_RegisterMessageHandler(g_server, 9, Counting), 0);  // replaces Lost
   EXPECT_EQ(Run("r"), 1);
 }
@@ -114,7 +120,8 @@ void SlowCallback(void*, int, DgramAddress*, void*) {
 TEST(ListenerTest, TheReceiveLockSerialisesCallbacksWithoutLosingDatagrams) {
   void* lock = OSL_SemCreate(1);
   for (bool locked : {true, false}) {
-    g_most = 0, g_handled = 0;
+    g_most = 0;
+    g_handled = 0;
     SetReceiveLock(locked ? lock : nullptr);
     const uint16_t port = client::FreeLoopbackPort();
     ASSERT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), 0);
@@ -131,7 +138,8 @@ TEST(LanSupTest, PrintWritesTheHeaderAtPrintLevel) {
   test::LogCapture log(1);
   LanHeader h{};
   h.functionCode = -2;
-  h.messageID[0] = 0x12, h.messageID[1] = 0xA0;
+  h.messageID[0] = 0x12;
+  h.messageID[1] = 0xA0;
   LANSUP_PrintLanHeader(&h);
   EXPECT_EQ(log.Lines().at(0), "Print Header information for message");
   EXPECT_TRUE(log.Contains("Print functionCode -2\n"));

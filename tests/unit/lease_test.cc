@@ -1,9 +1,8 @@
-// Leases in process, for what the end-to-end tests cannot arrange: durations
-// from the libraries' maxima, key wrap-around, a negative duration, no
-// memory, the caller's library on the last unlock, unknown keys leaving every
-// output alone, the indexes finding what a walk of the newest-first list
-// would, and the purge at the exact millisecond, across a clock wrap.
+// Leases in process, for what the end-to-end tests cannot arrange: library
+// maxima, key wrap, no memory, the unlock's library, the indexes against a
+// walk of the list, the purge at the exact millisecond across a clock wrap.
 #include "sp/lease.h"
+#include "sp/lease_expiry.h"
 
 #include <gtest/gtest.h>
 #include <string.h>
@@ -17,8 +16,15 @@
 
 namespace {
 
-// A CalcLease case. lib: none, the fake (answering result, read, write), no slot, no cookie.
-struct Row { FSLONG asked; FSULONG intention; int lib; FSLONG result, read, write, lease; };
+// kFake's FS_GetMaxLeases answers result, read, write; kNoSlot has none;
+// kNoCookie is kFake asked without a cookie. Intention 1 reads, 0 writes.
+enum Lib { kNone, kFake, kNoSlot, kNoCookie };
+struct Row {
+  FSLONG asked;
+  FSULONG intention;
+  Lib lib;
+  FSLONG result = 0, read = 0, write = 0, lease;
+};
 const Row* g_row = nullptr;
 FSLONG FakeGetMaxLeases(const uint8_t*, FSLONG* readMax, FSLONG* writeMax) {
   *readMax = g_row->read;
@@ -34,15 +40,26 @@ TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
   // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day,
   // as is any lease without a maximum. A negative request is over-long, not exempt.
   const Row rows[] = {
-      {0, 1, 0, 0, 0, 0, 5000}, {0, 0, 0, 0, 0, 0, 3600000}, {20000, 1, 1, 0, 10, 1000, 10000},
-      {0, 0, 1, 0, 0, 0, 3600000}, {100000000, 0, 1, 0, 0, 0, 86400000}, {-5, 1, 1, 0, 10, 10, 10000},
-      {-5, 1, 0, 0, 0, 0, 86400000}, {20000, 1, 1, 3, 1, 1, 20000}, {-5, 1, 1, 3, 1, 1, 86400000},
-      {99999, 1, 2, 0, 1, 1, 99999}, {99999, 1, 3, 0, 1, 1, 99999},
-      {800000000, 1, 1, 0, 5000000, 1, 705032704}};  // 5000000 s wraps to a positive count
+      {.asked = 0, .intention = 1, .lib = kNone, .lease = 5000},
+      {.asked = 0, .intention = 0, .lib = kNone, .lease = 3600000},
+      {.asked = 20000, .intention = 1, .lib = kFake, .read = 10, .write = 1000, .lease = 10000},
+      {.asked = 0, .intention = 0, .lib = kFake, .lease = 3600000},
+      {.asked = 100000000, .intention = 0, .lib = kFake, .lease = 86400000},
+      {.asked = -5, .intention = 1, .lib = kFake, .read = 10, .write = 10, .lease = 10000},
+      {.asked = -5, .intention = 1, .lib = kNone, .lease = 86400000},
+      {.asked = 20000, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
+       .lease = 20000},
+      {.asked = -5, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
+       .lease = 86400000},
+      {.asked = 99999, .intention = 1, .lib = kNoSlot, .read = 1, .write = 1, .lease = 99999},
+      {.asked = 99999, .intention = 1, .lib = kNoCookie, .read = 1, .write = 1, .lease = 99999},
+      // 5000000 s wraps to a positive count of milliseconds.
+      {.asked = 800000000, .intention = 1, .lib = kFake, .read = 5000000, .write = 1,
+       .lease = 705032704}};
   for (const Row& r : rows) {
     g_row = &r;
-    EXPECT_EQ(r.lease, CalcLease(r.asked, r.intention, libs[r.lib], r.lib == 3 ? nullptr : vol))
-        << "row " << &r - rows;
+    const uint8_t* const cookie = r.lib == kNoCookie ? nullptr : vol;
+    EXPECT_EQ(r.lease, CalcLease(r.asked, r.intention, libs[r.lib], cookie)) << &r - rows;
   }
 }
 
@@ -52,12 +69,17 @@ uint32_t g_now = 1000;
 // FS_UnlockMap of fake library N records N and the file cookie's first byte.
 std::vector<std::pair<int, int>> g_unlocks;
 template <int N>
-FSLONG Unlock(const uint8_t*, const uint8_t* f) { return g_unlocks.emplace_back(N, f[0]), 0; }
+FSLONG Unlock(const uint8_t*, const uint8_t* f) {
+  g_unlocks.emplace_back(N, f[0]);
+  return 0;
+}
 
 class LeaseListTest : public ::testing::Test {
  protected:
   void SetUp() override {
     kestrix::SetClockForTesting([] { return g_now; });
+    g_now = 1000;
+    g_unlocks.clear();
     kestrix::InitLeaseList();
     globalKey = 0;  // the cases count keys from 0
     libA_.FS_UnlockMap = Unlock<0>;
@@ -162,7 +184,8 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_TRUE(log_.Contains("Debug1 Key List Start\nDebug1   key: 0x0\nDebug1   volcookie:09\n"
                             "Debug1   filecookie:08\nDebug1 \nDebug1 Key List End\n"));
   const int32_t start = g_kmemstat;
-  for (auto [file, sender] : {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
+  for (auto [file, sender] :
+       {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
     Add(file, sender);
   // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
   g_now = 0xFFFFFC17u;
@@ -177,10 +200,12 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_EQ(0, PurgeLeaseList());
   EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4) && !Holds(5));
   EXPECT_EQ(start, g_kmemstat);
-  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}), g_unlocks);  // one unlock per file
+  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}),
+            g_unlocks);                                        // one unlock per file
   EXPECT_FALSE(log_.Contains("purging expired lease 0x3\n"));  // met first, leaves it to key 2
-  EXPECT_TRUE(log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "
-                            "time:36000\nDebug1 purging expired lease 0x1\n"));
+  EXPECT_TRUE(
+      log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "
+                    "time:36000\nDebug1 purging expired lease 0x1\n"));
 }
 
 }  // namespace

@@ -42,21 +42,26 @@ class LoadLibTest : public ::testing::Test {
 TEST_F(LoadLibTest, CandidatesOrderAndBrokenLibraries) {
   for (const char* name : {"libb.so", "liba.so", "libfs.so.1", "ksxcvt.so"})
     InstallTestPlugin("libtestfs_callback.so", dir_, name);
-  for (const char* name : {"libbad1.so", "libbad2.so"}) InstallTestPlugin("libtestfs_nounlock.so", dir_, name);
+  for (const char* name : {"libbad1.so", "libbad2.so"})
+    InstallTestPlugin("libtestfs_nounlock.so", dir_, name);
   WriteFile(Path("README"), "not a library\n");
   WriteFile(Path("libfs.a"), "!<arch>\njunk\n");
   std::vector<std::string> want;
   for (const auto& e : std::filesystem::directory_iterator(dir_)) {
     const std::string name = e.path().filename();
-    if (name.starts_with("lib") && !name.starts_with("libbad") && name != "libfs.a") want.insert(want.begin(), e.path());
+    if (name.starts_with("lib") && !name.starts_with("libbad") && name != "libfs.a")
+      want.insert(want.begin(), e.path());
   }
   EXPECT_EQ(LoadAll(), want);
   EXPECT_EQ(std::tuple(Logged("Print testfs callback: allocated 64 bytes"),
                        CountOf(log_.Text(), "ksxcvt") + CountOf(log_.Text(), "README")),
             std::tuple(1, 0));
   for (const char* bad : {"libfs.a", "libbad1.so", "libbad2.so"})
-    EXPECT_EQ(Logged("Error Library " + Path(bad) + " failed to load properly it will be removed from the list"), 1);
-  EXPECT_TRUE(log_.Contains("Error dlopen of library " + Path("libfs.a") + " failed " + Path("libfs.a")));
+    EXPECT_EQ(Logged("Error Library " + Path(bad) +
+                     " failed to load properly it will be removed from the list"),
+              1);
+  EXPECT_TRUE(
+      log_.Contains("Error dlopen of library " + Path("libfs.a") + " failed " + Path("libfs.a")));
   EXPECT_TRUE(log_.Contains("Info Got FS_SetFileSizes "));
 }
 
@@ -67,13 +72,16 @@ TEST_F(LoadLibTest, MissingEmptyAndOverlongDirectoryEntries) {
   UseDirectory(lib_.path());  // holds a README only
   WriteFile(Path("README"), "x");
   EXPECT_EQ(LoadAll().size() + LoadAll().size(), 0u);
-  EXPECT_EQ(Logged("Error Ensure your library directory has the correct entries in it, it seems to be empty."), 2);
+  EXPECT_EQ(Logged("Error Ensure your library directory has the correct entries in it, it seems to "
+                   "be empty."),
+            2);
 
   std::string dir = lib_.path();
   while (dir.size() < 780) dir += "/" + std::string(std::min<size_t>(200, 781 - dir.size()), 'd');
   std::filesystem::create_directories(dir);
   UseDirectory(dir);
-  const std::string fitting = std::string(1023 - dir.size() - 4, 'f') + ".so", overlong = "o" + fitting;
+  const std::string fitting = std::string(1023 - dir.size() - 4, 'f') + ".so",
+                    overlong = "o" + fitting;
   InstallTestPlugin("libtestfs.so", dir_, fitting);
   InstallTestPlugin("libtestfs.so", dir_, overlong);
   EXPECT_EQ(LoadAll(), std::vector{Path(fitting)});  // 1023 bytes fit with the terminator

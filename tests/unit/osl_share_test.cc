@@ -68,7 +68,8 @@ TEST_F(ShareTest, SectionsAndPathLinesAreReadLineByLine) {
   EXPECT_TRUE(Logged("sambaCheck: Could not find a samba share" + in + "."));
   EXPECT_TRUE(Logged("parseSmbConfFile: The path line" + in + " holds no absolute path."));
   EXPECT_TRUE(Logged("parseSmbConfFile: The path" + in + " is longer than 255 bytes."));
-  EXPECT_TRUE(Logged("OSL_ShareNameToMountPoint: The mount point [/export/data] does not fit in 12 units."));
+  EXPECT_TRUE(Logged(
+      "OSL_ShareNameToMountPoint: The mount point [/export/data] does not fit in 12 units."));
   EXPECT_TRUE(log_.Contains("is not valid UTF-8.\n"));
 }
 
@@ -102,9 +103,11 @@ TEST_F(ShareTest, HomesUsesTheHomeDirectoryFromThePasswordFile) {
 
 // The edges of separated lines that the password file rarely shows.
 TEST(TokenTest, CountsAndCutsTokens) {
-  for (auto [text, count] : {std::pair{"a:b:", 2}, {":", 1}, {"", 0}}) EXPECT_EQ(token_getNumTokens(text, ':'), count) << text;
+  for (auto [text, count] : {std::pair{"a:b:", 2}, {":", 1}, {"", 0}})
+    EXPECT_EQ(token_getNumTokens(text, ':'), count) << text;
   // A token is cut to the buffer; an index past the end gives the empty token.
-  for (const auto& [text, index, size, want] : std::vector<std::tuple<const char*, int32_t, int32_t, std::string>>{
+  for (const auto& [text, index, size, want] :
+       std::vector<std::tuple<const char*, int32_t, int32_t, std::string>>{
            {"ab:cdef", 1, 3, "cd"}, {"a:b", 3, 64, ""}, {"a:b", -1, 64, ""}, {"abc", 0, 0, "x"}}) {
     char out[64] = "x";  // a size of 0 leaves the buffer alone
     EXPECT_EQ(token_getToken(text, ':', index, out, size), out);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "sp/fsmdcsp.h"
+#include "sp/path_helpers.h"
 #include "support/test_util.h"
 
 namespace kestrix::test {
@@ -43,10 +44,19 @@ TEST(GetNextStringTest, NeedsRoomForAStringAfterTheFirstZeroUnit) {
 
 TEST(MaxDgramFromTextTest, ValuesAreKeptInsideTheBounds) {
   LogCapture log(2);
-  for (const char* text : {"65536", "65537", "4294975488"})  // the last not as its low 32 bits, 8192
+  for (const char* text :
+       {"65536", "65537", "4294975488"})  // the last not as its low 32 bits, 8192
     EXPECT_EQ(MaxDgramFromText(text), 65536u) << text;
   EXPECT_TRUE(log.Contains("Error MAXDGRAM 65537 is outside 1024 to 65536; using 65536\n"));
   EXPECT_FALSE(log.Contains("MAXDGRAM 65536 "));
+}
+
+// A client's line end is escaped; other characters come out as UTF-8.
+TEST(PrintFsuniTest, EscapesControlCharactersLikeEveryLogLine) {
+  LogCapture log(KSX_SP);
+  const FSUNI text[] = {'a', '\n', 'b', 0x00e9, 0};
+  printFSUNI(text);
+  EXPECT_TRUE(log.Contains("printFSUNI fsmdcsp [a\\x0ab\xc3\xa9]")) << log.Text();
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // String commands: the splitting, comparing and number helpers, and what the
 // handler does that a client cannot see (the system log, the text bound).
-#include "sp/sendstringcmd.h"
+#include "utils/token.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@
 namespace kestrix::test {
 namespace {
 
-TEST(SendStringCmdTest, BreakCommandCompareAndNumbers) {
+TEST(CommandTextTest, SplitsAtEveryBarElseAtTheFirstSpace) {
   const std::string long1023(1023, 'L');
   const struct {
     std::string text;
@@ -35,11 +35,17 @@ TEST(SendStringCmdTest, BreakCommandCompareAndNumbers) {
     for (size_t i = 0; i < FSF_COMMAND_PIECES; ++i)
       EXPECT_STREQ(pieces[i], i < c.pieces.size() ? c.pieces[i].c_str() : "") << c.text << i;
   }
+}
+
+TEST(CommandTextTest, ComparesFoldingOnlyAsciiLetters) {
   const struct { const char *a, *b; int result; } kCompares[] = {
       {"LoG", "lOg", 0}, {"", "", 0}, {"LO", "LOG", -1}, {"LOG", "LO", -1}, {"[", "{", -1},
       {"@", "`", -1}, {"\xe9", "\xc9", -1},
   };
   for (const auto& c : kCompares) EXPECT_EQ(mystrcasecmp(c.a, c.b), c.result) << c.a << c.b;
+}
+
+TEST(CommandTextTest, ReadsDigitsWithEveryMinusFlippingTheSign) {
   const struct { const char* text; int64_t value; } kNumbers[] = {
       {"1-2", -12}, {"--4", 4}, {"7x", 7}, {"+5", 0}, {"", 0}, {"5-", -5},
       {"9223372036854775808", INT64_MIN}, {"18446744073709551617", 1},
@@ -61,7 +67,9 @@ TEST(SendStringCmdTest, LogCommandSystemLogNegativeLevelAndA1024UnitText) {
     msg->header.functionCode = SP_FUNC_SENDSTRINGCMD;
     for (size_t i = 0; i < c.text.size(); ++i) msg->command[i] = static_cast<uint8_t>(c.text[i]);
     auto* reply = reinterpret_cast<SendStringCmdReply*>(SP_LanSendStringCmd(&msg->header, nullptr));
-    EXPECT_EQ(std::tuple(GetLogLevel(), std::string(g_filename)), std::tuple(c.level, c.destination)) << c.text;
+    EXPECT_EQ(std::tuple(GetLogLevel(), std::string(g_filename)),
+              std::tuple(c.level, c.destination))
+        << c.text;
     ASSERT_NE(reply, nullptr);
     EXPECT_EQ(std::tuple(reply->header.length, reply->result), std::tuple(2132u, 0));
     ksxmem_free(reply);

@@ -1,6 +1,7 @@
 // The tracking allocator: alignment, zero fill, guard word, counting, tags, refusals.
 #include "utils/ksxmem.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include "gtest/gtest.h"
@@ -24,9 +25,11 @@ void RecordFree(void* orig, int32_t size) {
 // Each block lies inside what was obtained, is counted, and is given back whole.
 TEST(SolKsxmemTest, AlignmentsFillGuardAndRelease) {
   kestrix::test::LogCapture log(2);
-  const struct { int32_t asked, size, used; } cases[] = {
-      {-8, 10, 8}, {0, 10, 8}, {3, 10, 8}, {-5, 10, 8}, {-16, 10, 16}, {24, 10, 32}, {4096, 10, 4096},
-      {9000, 10, 8192}, {1 << 20, 10, 8192}, {INT32_MIN, 10, 8192}, {8, 0, 8}};
+  const struct { int32_t asked, size, used;
+  } cases[] = {{-8, 10, 8},           {0, 10, 8},       {3, 10, 8},
+               {-5, 10, 8},           {-16, 10, 16},    {24, 10, 32},
+               {4096, 10, 4096},      {9000, 10, 8192}, {1 << 20, 10, 8192},
+               {INT32_MIN, 10, 8192}, {8, 0, 8}};
   kestrix::SetFreememObserverForTesting(RecordFree);
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.asked << " size " << c.size);
@@ -54,6 +57,8 @@ TEST(SolKsxmemTest, AlignmentsFillGuardAndRelease) {
 
 TEST(SolKsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
   kestrix::test::LogCapture log(2);
+  const int32_t before = g_kmemstat;
+  MemBlockHeader* const newest = sol_ksxmemHead.next;
   auto* p = static_cast<char*>(ksxmem_memalign(-8, 10, "fill"));
   memset(p + 10, 'x', 6);  // bytes 11 to 16 are rounding room
   kestrix::SetFreememObserverForTesting(RecordFree);
@@ -65,7 +70,8 @@ TEST(SolKsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
   p[16] = 'x';  // byte 17 is the guard word
   EXPECT_EQ(ksxmem_free(p), 10);  // freed all the same
   EXPECT_EQ(log.Text(), "Error Memory Corruption: End of memory was over written!! tag:ovrn\n");
-  EXPECT_EQ(std::tuple(g_kmemstat, sol_ksxmemHead.next), std::tuple(0, &sol_ksxmemHead));
+  EXPECT_EQ(g_kmemstat, before);
+  EXPECT_EQ(sol_ksxmemHead.next, newest);  // both blocks are off the list
 
   const char shortTag[3] = {'a', 'b', '\0'};  // nothing readable past the NUL
   void* s = ksxmem_memalign(-8, 4, shortTag);
@@ -77,10 +83,21 @@ TEST(SolKsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
   EXPECT_EQ(ksxmem_free(s) + ksxmem_free(l), 8);
 }
 
+// A free before the first allocation is refused without reading the caller's
+// memory; only a fresh process, started for the check, has such an allocator.
+TEST(SolKsxmemTest, AFreeBeforeAnyAllocationIsRefused) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        alignas(8) static unsigned char early[8];
+        exit(ksxmem_free(early) == -1 && g_kmemstat == 0 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 TEST(SolKsxmemTest, RefusalsLogAndCountNothing) {
   kestrix::test::LogCapture log(2);
-  alignas(8) static unsigned char early[8];
-  EXPECT_EQ(ksxmem_free(early), -1);  // before any allocation nothing is read
+  const int32_t before = g_kmemstat;
   EXPECT_EQ(ksxmem_memalign(-8, -1, "negs"), nullptr);
   EXPECT_EQ(ksxmem_memalign(-8, INT32_MAX, "huge"), nullptr);
   kestrix::FailGetmem(2);
@@ -93,13 +110,16 @@ TEST(SolKsxmemTest, RefusalsLogAndCountNothing) {
   alignas(8) static unsigned char foreign[128];
   EXPECT_EQ(ksxmem_free(foreign + 64), -1);
   EXPECT_EQ(ksxmem_free(first) + ksxmem_free(third), 20);
-  EXPECT_EQ(g_kmemstat, 0);
+  EXPECT_EQ(g_kmemstat, before);
   const auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 5u);
-  EXPECT_EQ(lines[1], "Error sol_ksxmem invalid size:-1 tag:negs");
-  EXPECT_TRUE(lines[2].starts_with("Error sol_ksxmem malloc failed size:") && lines[2].ends_with(" tag:huge"));
-  EXPECT_TRUE(lines[3].starts_with("Error sol_ksxmem malloc failed size:") && lines[3].ends_with(" tag:fail"));
-  EXPECT_TRUE(lines[4].starts_with("Error ksxmem_free could not locate the proper memory: 0x")) << lines[4];
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0], "Error sol_ksxmem invalid size:-1 tag:negs");
+  EXPECT_TRUE(lines[1].starts_with("Error sol_ksxmem malloc failed size:"));
+  EXPECT_TRUE(lines[1].ends_with(" tag:huge"));
+  EXPECT_TRUE(lines[2].starts_with("Error sol_ksxmem malloc failed size:"));
+  EXPECT_TRUE(lines[2].ends_with(" tag:fail"));
+  EXPECT_TRUE(lines[3].starts_with("Error ksxmem_free could not locate the proper memory: 0x"))
+      << lines[3];
 }
 
 }  // namespace

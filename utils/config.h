@@ -5,8 +5,8 @@
 // KESTRIX_LOG_DIR confines the files the "LOG" command may log to.
 // KESTRIX_ADMIN_SOCKET moves the admin socket (empty: none);
 // KESTRIX_METRICS=ADDRESS:PORT serves metrics over HTTP (unset: none).
-#ifndef KESTRIX_UNIXMDC_CONFIG_H_
-#define KESTRIX_UNIXMDC_CONFIG_H_
+#ifndef KESTRIX_UTILS_CONFIG_H_
+#define KESTRIX_UTILS_CONFIG_H_
 
 #include <cstdint>
 #include <string>
@@ -40,4 +40,4 @@ std::string MetricsAddress();
 
 }  // namespace kestrix
 
-#endif  // KESTRIX_UNIXMDC_CONFIG_H_
+#endif  // KESTRIX_UTILS_CONFIG_H_

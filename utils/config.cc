@@ -1,4 +1,4 @@
-#include "unixmdc/config.h"
+#include "utils/config.h"
 
 #include <cstdlib>
 
