@@ -23,7 +23,8 @@ for f in kestrixd plugins/localfs.so client/kestrix-mount; do
 done
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/kestrix-mountbench-XXXXXX")"
-loopdev="" mounted="" daemon="" kmount=""
+. "$root/bench/share.sh"
+kmount=""
 cleanup() {
   if [ -n "$kmount" ]; then
     fusermount3 -u "$work/client" 2>/dev/null || umount -l "$work/client"
@@ -31,31 +32,15 @@ cleanup() {
     kill "$kmount" 2>/dev/null || true  # still serving a copy of the mount in another namespace
     wait "$kmount" 2>/dev/null || true
   fi
-  if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; fi
-  if [ -n "$mounted" ]; then umount "$work/mnt" 2>/dev/null || umount -l "$work/mnt"; fi
-  if [ -n "$loopdev" ]; then losetup -d "$loopdev"; fi
-  rm -rf "$work"
+  stop_share
 }
 trap cleanup EXIT
 
 # The filesystem takes the front of the device; dd writes behind it, on
 # bytes no file uses.
 fs_mib=$((3 * mib + 1024))
-truncate -s $(((fs_mib + mib + 64) * 1048576)) "$work/disk.img"
-loopdev="$(losetup --direct-io=on --find --show "$work/disk.img")"
-mkfs.ext4 -q -F -b 4096 "$loopdev" "$((fs_mib * 256))"
-mkdir -p "$work/mnt" "$work/lib" "$work/client"
-mount -t ext4 "$loopdev" "$work/mnt"
-mounted=1
-mkdir "$work/mnt/export"
-printf '[bench]\n   path = %s\n' "$work/mnt/export" >"$work/smb.conf"
-printf '%s\n' "$work/mnt/export" >"$work/localfs.conf"
-ln -s "$build/plugins/localfs.so" "$work/lib/localfs.so"
-port="$(python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
-KESTRIX_PORT="$port" KESTRIX_LIBDIR="$work/lib" KESTRIX_SMBPATH="$work/smb.conf" \
-  KESTRIX_LOCALFS_CONF="$work/localfs.conf" "$build/kestrixd" -d -l 2 -f "$work/kestrixd.log" &
-daemon=$!
-sleep 1
+start_share "$fs_mib" $((fs_mib + mib + 64))
+mkdir -p "$work/client"
 "$build/client/kestrix-mount" -f -p "$port" --disk "$loopdev" --names "$work/mnt/export" bench \
   "$work/client" 2>"$work/mount.log" &
 kmount=$!

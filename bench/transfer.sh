@@ -23,34 +23,12 @@ for f in kestrixd plugins/localfs.so client/kestrix-cli; do
 done
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/kestrix-transfer-XXXXXX")"
-loopdev="" mounted="" daemon=""
-cleanup() {
-  if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null; wait "$daemon" 2>/dev/null || true; fi
-  if [ -n "$mounted" ]; then umount "$work/mnt" 2>/dev/null || umount -l "$work/mnt"; fi
-  if [ -n "$loopdev" ]; then losetup -d "$loopdev"; fi
-  rm -rf "$work"
-}
-trap cleanup EXIT
+. "$root/bench/share.sh"
+trap stop_share EXIT
 
-# The filesystem takes the front of the device; dd reads and writes behind
-# it, on bytes no file uses. The image is allocated whole, so that no write
-# pays for growing a sparse file where the others did not.
+# dd reads and writes behind the file system, on bytes no file uses.
 fs_mib=$((large + 3 * mib + 512))
-fallocate -l $(((fs_mib + mib + 64) * 1048576)) "$work/disk.img"
-loopdev="$(losetup --direct-io=on --find --show "$work/disk.img")"
-mkfs.ext4 -q -F -b 4096 "$loopdev" "$((fs_mib * 256))"
-mkdir -p "$work/mnt" "$work/lib"
-mount -t ext4 "$loopdev" "$work/mnt"
-mounted=1
-mkdir "$work/mnt/export"
-printf '[bench]\n   path = %s\n' "$work/mnt/export" >"$work/smb.conf"
-printf '%s\n' "$work/mnt/export" >"$work/localfs.conf"
-ln -s "$build/plugins/localfs.so" "$work/lib/localfs.so"
-port="$(python3 -c 'import socket; s=socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
-KESTRIX_PORT="$port" KESTRIX_LIBDIR="$work/lib" KESTRIX_SMBPATH="$work/smb.conf" \
-  KESTRIX_LOCALFS_CONF="$work/localfs.conf" "$build/kestrixd" -d -l 2 -f "$work/kestrixd.log" &
-daemon=$!
-sleep 1
+start_share "$fs_mib" $((fs_mib + mib + 64))
 cli=("$build/client/kestrix-cli" -p "$port")
 
 say "preparing a $mib MiB source file and the files on the share"
