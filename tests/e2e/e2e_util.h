@@ -8,13 +8,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <map>
 #include <memory>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "client/kxclient.h"
 #include "support/daemon_process.h"
+#include "support/loop_mount.h"
 #include "support/testfs.h"
 
 namespace kestrix::test {
@@ -42,6 +46,30 @@ inline Bytes ExpectedLanReply(const Bytes& requestHeaderInHostOrder, int result)
   h->result = result;
   return reply;
 }
+
+// A share "data" that localfs serves from the directory "export" of a
+// loop-mounted image: the daemon is set up for it, not started. ok() is
+// false (see fs->skipReason()) when no image could be made.
+struct LocalfsShare {
+  LocalfsShare(DaemonProcess& daemon, FsKind kind, int mib = 0, const std::string& conf = "")
+      : fs(std::make_unique<LoopMount>(kind, mib)) {
+    if (!fs->ok()) return;
+    exp = fs->Path("export");
+    mkdir(exp.c_str(), 0755);
+    struct stat st;
+    if (stat(exp.c_str(), &st) == 0) blockSize = st.st_blksize;
+    WriteFile(daemon.dir().File("smb.conf"), "[data]\n   path = " + exp + "\n");
+    WriteFile(daemon.dir().File("localfs.conf"), exp + "\n" + conf);
+    symlink(KESTRIX_LOCALFS_PLUGIN, (daemon.libDir() + "/localfs.so").c_str());
+    daemon.SetEnv("KESTRIX_SMBPATH", daemon.dir().File("smb.conf"));
+    daemon.SetEnv("KESTRIX_LOCALFS_CONF", daemon.dir().File("localfs.conf"));
+  }
+  bool ok() const { return fs->ok(); }
+
+  std::unique_ptr<LoopMount> fs;
+  std::string exp;  // the exported directory
+  int64_t blockSize = 4096;
+};
 
 // A daemon with testfs plug-ins steered from a directory of the test's own,
 // and one client endpoint to it.

@@ -82,7 +82,7 @@ class Responder {
     Write<uint32_t>(r, 52, 60000);  // lease
     if (code == SP_FUNC_GETVOLUME) {
       r.resize(SP_GETVOLUME_TEXT_OFFSET + 2 * FSDISK_SIZE, 0);
-      VolInfo vi{VOLINFO_FIXED_SIZE + 2 * FSDISK_SIZE, 0, 1, 0, 0, 2, kBlock, 0, {}, {}};
+      VolInfo vi{VOLINFO_FIXED_SIZE + 2 * FSDISK_SIZE, 0, 1, 0, 0, 2, kBlock, {}, {}, {}};
       std::memcpy(r.data() + SP_GETVOLUME_VOLINFO_OFFSET, &vi, sizeof vi);
       for (int i = 0; i < 2; ++i) {
         FSDisk d{{}, 0, v_.blockOffset, v_.nBlocks, v_.idLength, 0, {}};

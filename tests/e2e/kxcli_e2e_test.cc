@@ -114,8 +114,12 @@ TEST_F(KxCliE2E, EveryCommandGivesTheSameJsonInEitherByteOrder) {
                          Row{{"-p", port, "getvolume", "open"}, 3, "", ""}}) {
     RunResult r = RunToExit(KESTRIX_CLI, row.args, {});
     EXPECT_EQ(r.exitStatus, row.status) << row.args[0] << r.standardError;
-    if (!row.out.empty()) EXPECT_NE(r.standardOutput.find(row.out), std::string::npos) << r.standardOutput;
-    if (!row.err.empty()) EXPECT_NE(r.standardError.find(row.err), std::string::npos) << r.standardError;
+    if (!row.out.empty()) {
+      EXPECT_NE(r.standardOutput.find(row.out), std::string::npos) << r.standardOutput;
+    }
+    if (!row.err.empty()) {
+      EXPECT_NE(r.standardError.find(row.err), std::string::npos) << r.standardError;
+    }
   }
 }
 

@@ -22,17 +22,11 @@ namespace {
 class KxCliTransferE2E : public ::testing::TestWithParam<FsKind> {
  protected:
   void SetUp() override {
-    fs_ = std::make_unique<LoopMount>(GetParam());
-    if (!fs_->ok()) GTEST_SKIP() << fs_->skipReason();
-    exp_ = fs_->Path("export");
-    mkdir(exp_.c_str(), 0755);
-    struct stat st;
-    bs_ = stat(exp_.c_str(), &st) == 0 ? st.st_blksize : 4096;
-    WriteFile(daemon_.dir().File("smb.conf"), "[data]\n   path = " + exp_ + "\n");
-    WriteFile(daemon_.dir().File("localfs.conf"), exp_ + "\n");
-    symlink(KESTRIX_LOCALFS_PLUGIN, (daemon_.libDir() + "/localfs.so").c_str());
-    daemon_.SetEnv("KESTRIX_SMBPATH", daemon_.dir().File("smb.conf"));
-    daemon_.SetEnv("KESTRIX_LOCALFS_CONF", daemon_.dir().File("localfs.conf"));
+    share_ = std::make_unique<LocalfsShare>(daemon_, GetParam());
+    if (!share_->ok()) GTEST_SKIP() << share_->fs->skipReason();
+    fs_ = share_->fs.get();
+    exp_ = share_->exp;
+    bs_ = share_->blockSize;
     daemon_.SetEnv("MAXDGRAM", "1024");  // room for 22 extents a reply
   }
   // Exit status, the JSON summary flattened, and what went to standard error.
@@ -55,7 +49,8 @@ class KxCliTransferE2E : public ::testing::TestWithParam<FsKind> {
     for (int fd : fds) close(fd);
   }
 
-  std::unique_ptr<LoopMount> fs_;
+  std::unique_ptr<LocalfsShare> share_;  // outlives the daemon, which holds its files
+  LoopMount* fs_ = nullptr;
   std::string exp_;
   int64_t bs_ = 4096;
   DaemonProcess daemon_;
