@@ -145,6 +145,15 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
          close(fd);
          return std::string("one two");
        }},
+      {"busy.txt", "busy.txt", [&](const std::string& p) {
+         WriteFile(E("busy.txt"), "old");
+         const int server = open(E("busy.txt").c_str(), O_RDONLY);  // held open on the server: no write map
+         const int mine = open(p.c_str(), O_WRONLY);
+         EXPECT_EQ(mine < 0 ? errno : 0, EBUSY);
+         close(server), close(mine);
+         WriteFile(p, "new");
+         return std::string("new");
+       }},
       {"gone.txt", "", [&](const std::string& p) {
          int fd = open(p.c_str(), O_RDWR | O_CREAT, 0644);
          EXPECT_EQ(write(fd, "still ", 6), 6);
