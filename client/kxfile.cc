@@ -21,6 +21,7 @@
 #include "client/kxdisk.h"
 #include "client/kxlease.h"
 #include "client/kxmap.h"
+#include "plugins/localfs/localfs.h"
 #include "fsvalidity.h"
 #include "spmsgs.h"
 
@@ -52,6 +53,14 @@ int ErrnoOfResult(int32_t result) {
       return ESTALE;
     case SP_RESULT_NO_MEMORY:
       return ENOMEM;
+    // The server will not map a file whose blocks do not hold its bytes
+    // (encrypted, verity, journalled data) or that has other names.
+    case LOCALFS_REFUSED:
+      return EPERM;
+    // The file is open on the server, or a change there waits for the maps.
+    case LOCALFS_BUSY:
+    case LOCALFS_WITHDRAWN:
+      return EBUSY;
     default:
       return EIO;
   }
@@ -115,7 +124,8 @@ class File final : public RemoteFile {
     if (!m) return Failed(f, a.replied ? EPROTO : EIO, what + ": " + a.error, 0, !a.replied);
     if (m->result != 0 && m->result != 1)
       return Failed(f, ErrnoOfResult(m->result), what + ": " + ResultText(m->result) +
-                        (m->result == SP_RESULT_FILE_NOT_FOUND ? "; the file does not exist" : ""),
+                        (m->result == SP_RESULT_FILE_NOT_FOUND ? "; the file does not exist" : "") +
+                        (m->hasMap && !m->map.text.empty() ? ": " + m->map.text : ""),
                     m->result, false);
     lease_.Take(m->key, sent, m->lease);
     fileCookie_ = m->fileCookie;

@@ -38,7 +38,7 @@ struct MountConfig {
 
 // One file open on this host, whatever the number of its handles: the
 // RemoteFile and its lease. Read and Write hold `swap` shared; replacing
-// the RemoteFile (a read lease upgraded to a write lease) holds it alone.
+// the RemoteFile (a read lease given back for a write lease) holds it alone.
 struct OpenFile {
   std::shared_mutex swap;
   std::unique_ptr<RemoteFile> remote;
@@ -47,8 +47,9 @@ struct OpenFile {
   std::mutex append;               // one O_APPEND write at a time
   std::atomic<bool> dirty{false};  // written since the last sync
   uint64_t generation = 0;         // counts RemoteFiles swapped in; guarded by swap
-  // Its RemoteFile gave up on an unreachable daemon and fails every call:
-  // the next use opens the file anew (guarded by swap).
+  // Its RemoteFile gave up on an unreachable daemon, or gave its read lease
+  // back for a write lease that was refused: the next use opens the file
+  // anew (guarded by swap).
   bool givenUp = false;
   std::string path;                // share-relative, for the log; guarded by swap
 };

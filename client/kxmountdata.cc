@@ -1,8 +1,8 @@
 // The data road of kestrix-mount: open, create, read, write, truncate,
 // flush, fsync and release, all through one RemoteFile per open file on
 // this host, shared by every handle on it. A file open for reading that is
-// opened again for writing gets a write lease first, then gives the read
-// lease back. Handles use direct I/O, so the kernel keeps no page cache of
+// opened again for writing gives its read lease back, then gets a write
+// lease. Handles use direct I/O, so the kernel keeps no page cache of
 // file data and every read and write reaches the disk through the lease.
 #include <fcntl.h>
 #include <unistd.h>
@@ -40,6 +40,30 @@ std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
   options.write = write;
   std::string error;
   int errnum = EIO;
+  if (file) {
+    // The server maps a file for one intention at a time: the read lease
+    // goes back before the write lease is asked for. Readers of the file
+    // wait on `swap` meanwhile, so none reads without a lease.
+    std::unique_lock s(file->swap);
+    if (file->remote->Close() != 0)
+      MountLog(false, "closing the read lease of %s: %s", path.c_str(), file->remote->error().c_str());
+    std::unique_ptr<RemoteFile> remote = RemoteFile::Open(config_.share, path, options, &error, &errnum);
+    ++file->generation;
+    if (!remote) {
+      // Its readers go on under a read lease taken anew at their next call.
+      file->givenUp = true;
+      MountLog(false, "open %s for writing: %s", path.c_str(), error.c_str());
+      *err = errnum > 0 ? errnum : EIO;
+      return nullptr;
+    }
+    MountLog(true, "opened %s for writing, size %lld", path.c_str(), static_cast<long long>(remote->Size()));
+    file->remote = std::move(remote);
+    file->write = true;
+    file->path = path;
+    file->givenUp = false;
+    ++file->handles;
+    return file;
+  }
   std::unique_ptr<RemoteFile> remote = RemoteFile::Open(config_.share, path, options, &error, &errnum);
   if (!remote) {
     MountLog(false, "open %s%s: %s", path.c_str(), write ? " for writing" : "", error.c_str());
@@ -48,23 +72,11 @@ std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
   }
   MountLog(true, "opened %s for %s, size %lld", path.c_str(), write ? "writing" : "reading",
            static_cast<long long>(remote->Size()));
-  if (file) {
-    // The read lease stays until the write lease is held, so the file is
-    // never without one while its handles read.
-    std::unique_ptr<RemoteFile> old;
-    {
-      std::unique_lock s(file->swap);
-      old = std::exchange(file->remote, std::move(remote));
-      file->write = true;
-      file->path = path;
-      ++file->generation;
-    }
-    if (old->Close() != 0) MountLog(false, "closing the read lease of %s: %s", path.c_str(), old->error().c_str());
-  } else {
-    file = std::make_shared<OpenFile>();
-    file->remote = std::move(remote);
-    file->write = write;
-    file->path = path;
+  file = std::make_shared<OpenFile>();
+  file->remote = std::move(remote);
+  file->write = write;
+  file->path = path;
+  {
     std::lock_guard l(inode.fileLock);
     inode.file = file;
   }

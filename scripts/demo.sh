@@ -25,7 +25,12 @@ loopdev="" mounted="" daemon="" kmount=""
 cleanup() {
   trap '' INT TERM  # a second Ctrl-C must not cut the clean-up short
   if [ -n "$kmount" ]; then  # first the share, while the daemon can still close its leases
-    fusermount3 -u "$client" 2>/dev/null || umount -l "$client" || say "could not unmount $client"
+    # A Ctrl-C reached kestrix-mount too, and it unmounts itself; unmounting
+    # it here at the same time only makes one of the two complain.
+    for _ in $(seq 10); do mountpoint -q "$client" || break; sleep 0.1; done
+    if mountpoint -q "$client"; then
+      fusermount3 -u "$client" 2>/dev/null || umount -l "$client" || say "could not unmount $client"
+    fi
     # A copy of the mount in another mount namespace keeps it serving: then SIGTERM.
     for _ in $(seq 30); do kill -0 "$kmount" 2>/dev/null || break; sleep 0.1; done
     kill "$kmount" 2>/dev/null

@@ -294,7 +294,11 @@ int AllocateWritten(int fd, int64_t end, int64_t budget, int64_t* grantedEnd) {
     return *grantedEnd == end;
   });
   if (error != 0) return error;
-  if (todo.empty()) return 0;
+  // Every block is there already, the last one reaching past the end of the
+  // file: the size grows to the allocation all the same, as with a new
+  // one, so that the map shows the range as data.
+  if (todo.empty())
+    return st.st_size < end && fallocate(fd, 0, 0, end) != 0 && errno != EOPNOTSUPP ? -errno : 0;
   const int64_t grant = *grantedEnd;
   // One allocation at a time: the disk is shared anyway, and the direct I/O
   // switch of a descriptor must not be undone under another fill.
