@@ -12,6 +12,7 @@
 
 #include <map>
 #include <memory>
+#include <random>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -45,6 +46,14 @@ inline Bytes ExpectedLanReply(const Bytes& requestHeaderInHostOrder, int result)
   h->functionCode = static_cast<int32_t>(0u - static_cast<uint32_t>(h->functionCode));  // INT32_MIN: itself
   h->result = result;
   return reply;
+}
+
+// n bytes of seeded noise: file contents that no stale block could pass for.
+inline std::string Random(size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string s(n, '\0');
+  for (char& c : s) c = static_cast<char>(random());
+  return s;
 }
 
 // A share "data" that localfs serves from the directory "export" of a

@@ -18,13 +18,6 @@
 namespace kestrix::test {
 namespace {
 
-std::string Random(size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(random());
-  return s;
-}
-
 // The counters of the last "closed NAME:" line of the mount's log.
 std::pair<int, int> RenewalsAndReopens(const std::string& log, const std::string& name) {
   int renewals = -1, reopens = -1;
@@ -40,15 +33,11 @@ class MountE2E : public ::testing::TestWithParam<FsKind> {
   void SetUp() override {
     if (access("/dev/fuse", R_OK | W_OK) != 0 || FindProgram("fusermount3").empty())
       GTEST_SKIP() << "no FUSE on this machine: /dev/fuse or fusermount3 is missing";
-    fs_ = std::make_unique<LoopMount>(GetParam());
-    if (!fs_->ok()) GTEST_SKIP() << fs_->skipReason();
-    exp_ = fs_->Path("export");
-    mkdir(exp_.c_str(), 0755);
+    share_ = std::make_unique<LocalfsShare>(daemon_, GetParam());
+    if (!share_->ok()) GTEST_SKIP() << share_->fs->skipReason();
+    fs_ = share_->fs.get();
+    exp_ = share_->exp;
     mkdir(mnt_.c_str(), 0755);
-    WriteFile(daemon_.dir().File("smb.conf"), "[data]\n   path = " + exp_ + "\n");
-    WriteFile(daemon_.dir().File("localfs.conf"), exp_ + "\n");
-    symlink(KESTRIX_LOCALFS_PLUGIN, (daemon_.libDir() + "/localfs.so").c_str());
-    daemon_.SetEnv("KESTRIX_LOCALFS_CONF", daemon_.dir().File("localfs.conf"));
     ASSERT_TRUE(daemon_.Start({"-l", "4"})) << daemon_.Log();
   }
   // Unmounted and stopped even when the test failed half-way.
@@ -80,7 +69,8 @@ class MountE2E : public ::testing::TestWithParam<FsKind> {
     ASSERT_TRUE(daemon_.Start({"-l", "4"})) << daemon_.Log();
   }
 
-  std::unique_ptr<LoopMount> fs_;
+  std::unique_ptr<LocalfsShare> share_;  // outlives the daemon, which holds its files
+  LoopMount* fs_ = nullptr;
   TempDir dir_;
   std::string exp_, mnt_ = dir_.File("mnt"), log_ = dir_.File("mount.log");
   DaemonProcess daemon_;

@@ -18,13 +18,6 @@
 namespace kestrix::test {
 namespace {
 
-std::string Random(size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(random());
-  return s;
-}
-
 // Writes all of data to fd; false when the reader went away.
 bool Feed(int fd, const std::string& data) {
   for (size_t done = 0; done < data.size();) {
