@@ -130,7 +130,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   const uint8_t volume[FS_COOKIE_SIZE] = "VOLA";
   AddVolumeDispatcherToList(volume, libs[0]);
   // Replies go to the discard port of the loopback: nobody reads them.
-  g_sender = {socket(AF_INET, SOCK_DGRAM, 0), {AF_INET, htons(9), {htonl(INADDR_LOOPBACK)}, {}}};
+  g_sender = {socket(AF_INET, SOCK_DGRAM, 0), {AF_INET, htons(9), {htonl(INADDR_LOOPBACK)}, {}}, {}};
   return 0;
 }
 

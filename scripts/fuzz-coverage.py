@@ -35,6 +35,10 @@ UNREACHABLE = re.compile(r"^(" + "|".join([
     r"FailGetmem|\w+ForTesting",
 ]) + r")$")
 FILES = re.compile(r"/(sp|utils|unixmdc)/[^/]+\.cc$")
+# The operator's interfaces: the admin socket, metrics and the counters and
+# timings behind them, which the fuzz target leaves off.
+OPERATOR_FILES = re.compile(
+    r"/(unixmdc/(admin_socket|metrics|library_timing)|sp/lease_admin|utils/kxstats)\.cc$")
 
 binary, profdata = sys.argv[1], sys.argv[2]
 export = json.loads(subprocess.run(
@@ -56,7 +60,8 @@ for f, name in zip(functions, names):
     # A compiler cache may have handed the compiler paths relative to the
     # build directory; llvm-cov show prints them normalised.
     filename = os.path.normpath(f["filenames"][region[5]])
-    if FILES.search(filename) and not UNREACHABLE.match(base) and "lambda" not in name:
+    if (FILES.search(filename) and not OPERATOR_FILES.search(filename)
+            and not UNREACHABLE.match(base) and "lambda" not in name):
         reachable.setdefault(filename, set()).update(range(region[0], region[2] + 1))
 
 # Per-line execution counts as llvm-cov shows them ("  line|  count|source").

@@ -10,6 +10,13 @@
 
 namespace kestrix {
 
+// The empty lease list's sentinel points at itself from the start. Taking a
+// member's address inside the record's own initializer is well defined;
+// clang warns about it all the same.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wuninitialized"
+#endif
 ServiceProviderState spState = {
     .libs = {},
     .libCount = 0,
@@ -23,6 +30,9 @@ ServiceProviderState spState = {
     .purgeStop = false,
     .purgeRunning = false,
 };
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 namespace {
 
