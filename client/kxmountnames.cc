@@ -288,36 +288,42 @@ void OpenDir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
 
 void ReadDir(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
   auto* d = reinterpret_cast<DirHandle*>(static_cast<uintptr_t>(fi->fh));
-  std::lock_guard l(d->lock);
-  if (offset != d->offset) {
-    seekdir(d->dir, offset);
-    d->offset = offset;
-  }
   std::vector<char> buf(size);
   size_t used = 0;
-  for (;;) {
-    errno = 0;
-    struct dirent* e = readdir(d->dir);
-    if (!e) {
-      if (errno && used == 0) return (void)fuse_reply_err(req, errno);
-      break;
+  int err = 0;
+  {
+    std::lock_guard l(d->lock);
+    if (offset != d->offset) {
+      seekdir(d->dir, offset);
+      d->offset = offset;
     }
-    if (Mount::IsHiddenName(e->d_name)) {
-      d->offset = telldir(d->dir);
-      continue;
+    for (;;) {
+      errno = 0;
+      struct dirent* e = readdir(d->dir);
+      if (!e) {
+        if (errno && used == 0) err = errno;
+        break;
+      }
+      if (Mount::IsHiddenName(e->d_name)) {
+        d->offset = telldir(d->dir);
+        continue;
+      }
+      struct stat st = {};
+      st.st_ino = e->d_ino;
+      st.st_mode = static_cast<mode_t>(DTTOIF(e->d_type));
+      const off_t next = telldir(d->dir);
+      size_t n = fuse_add_direntry(req, buf.data() + used, size - used, e->d_name, &st, next);
+      if (n > size - used) {
+        seekdir(d->dir, d->offset);  // no room: this entry comes first next time
+        break;
+      }
+      used += n;
+      d->offset = next;
     }
-    struct stat st = {};
-    st.st_ino = e->d_ino;
-    st.st_mode = static_cast<mode_t>(DTTOIF(e->d_type));
-    const off_t next = telldir(d->dir);
-    size_t n = fuse_add_direntry(req, buf.data() + used, size - used, e->d_name, &st, next);
-    if (n > size - used) {
-      seekdir(d->dir, d->offset);  // no room: this entry comes first next time
-      break;
-    }
-    used += n;
-    d->offset = next;
   }
+  // Answered only once the handle is let go: the answer lets the program
+  // close the directory, and the release may free the handle at once.
+  if (err != 0) return (void)fuse_reply_err(req, err);
   fuse_reply_buf(req, buf.data(), used);
 }
 
