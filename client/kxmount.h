@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "client/kxfile.h"
+#include "client/kxreadahead.h"
 
 namespace kestrix::client {
 
@@ -52,6 +53,7 @@ struct OpenFile {
   // anew (guarded by swap).
   bool givenUp = false;
   std::string path;                // share-relative, for the log; guarded by swap
+  ChangeCount changes;             // writes and size changes by this host
 };
 
 // A file or directory of the names directory the kernel knows: an O_PATH
@@ -75,11 +77,13 @@ struct Inode {
   }
 };
 
-// An open handle of the kernel's (a file descriptor of a program).
+// An open handle of the kernel's (a file descriptor of a program). Its
+// read-ahead, for handles open for reading, goes before its file.
 struct Handle {
   Inode* inode = nullptr;
   std::shared_ptr<OpenFile> file;
   int flags = 0;
+  std::unique_ptr<ReadAhead> ahead;
 };
 
 class Mount {

@@ -128,7 +128,11 @@ int Mount::Truncate(Inode& inode, int64_t size) {
   int err = 0;
   std::shared_ptr<OpenFile> file = Acquire(inode, true, &err);
   if (!file) return err;
-  const int result = OnRemote(*this, inode, *file, [&](RemoteFile& r) { return r.Truncate(size); });
+  int result;
+  {
+    ChangeCount::Guard change(file->changes);
+    result = OnRemote(*this, inode, *file, [&](RemoteFile& r) { return r.Truncate(size); });
+  }
   if (result != 0) err = DataError(*file, "setting the size of", size, result);
   else file->dirty = true;
   const int released = Release(inode);
@@ -194,6 +198,7 @@ int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
   std::shared_ptr<OpenFile> file = m.Acquire(inode, write, &err);
   if (!file) return err;
   if (fi->flags & O_TRUNC) {
+    ChangeCount::Guard change(file->changes);
     const int result = OnRemote(m, inode, *file, [](RemoteFile& r) { return r.Truncate(0); });
     if (result != 0) {
       err = DataError(*file, "emptying", 0, result);
@@ -202,7 +207,16 @@ int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
     }
     file->dirty = true;
   }
-  fi->fh = reinterpret_cast<uintptr_t>(new Handle{&inode, std::move(file), fi->flags});
+  auto* h = new Handle{&inode, std::move(file), fi->flags, nullptr};
+  if ((fi->flags & O_ACCMODE) != O_WRONLY) {
+    // A window is read under the lease like any other read; when the
+    // RemoteFile gave up, the program's own read finds out why.
+    h->ahead = std::make_unique<ReadAhead>(h->file->changes, [f = h->file.get()](int64_t at, uint8_t* buf, size_t n) {
+      std::shared_lock s(f->swap);
+      return f->givenUp ? ssize_t{-EIO} : f->remote->Read(at, buf, n);
+    });
+  }
+  fi->fh = reinterpret_cast<uintptr_t>(h);
   fi->direct_io = 1;  // no page cache: data only through the lease
   fi->keep_cache = 0;
   return 0;
@@ -259,14 +273,23 @@ char* AlignedBuffer(size_t size, bool forWrite) {
   return b.data.get();
 }
 
+// A read is answered from the handle's read-ahead when it holds the range,
+// else straight from the disk; either way the reply is the one copy.
 void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
   Handle& h = HandleOf(fi);
   OpenFile& file = *h.file;
-  char* buf = AlignedBuffer(size, false);
-  if (!buf) return (void)fuse_reply_err(req, ENOMEM);
-  const ssize_t n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) { return r.Read(offset, buf, size); });
-  if (n < 0) return (void)fuse_reply_err(req, DataError(file, "reading", offset, n));
-  fuse_reply_buf(req, buf, static_cast<size_t>(n));
+  ReadAhead::Pieces pieces;
+  ssize_t n = h.ahead ? h.ahead->Serve(offset, size, &pieces) : -1;
+  if (n >= 0) {
+    fuse_reply_iov(req, pieces.iov, pieces.count);
+  } else if (char* buf = AlignedBuffer(size, false); !buf) {
+    fuse_reply_err(req, ENOMEM);
+  } else {
+    n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) { return r.Read(offset, buf, size); });
+    if (n < 0) fuse_reply_err(req, DataError(file, "reading", offset, n));
+    else fuse_reply_buf(req, buf, static_cast<size_t>(n));
+  }
+  if (h.ahead) h.ahead->Done(pieces, offset, n > 0 ? static_cast<size_t>(n) : 0);
 }
 
 // The request's data arrives in a pipe (spliced from the kernel) or in
@@ -281,6 +304,7 @@ void WriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t offset, fuse_fi
   out.buf[0].mem = buf;
   const ssize_t got = fuse_buf_copy(&out, in, FUSE_BUF_NO_SPLICE);
   if (got < 0) return (void)fuse_reply_err(req, static_cast<int>(-got));
+  ChangeCount::Guard change(file.changes);
   const ssize_t n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) {
     if (!(h.flags & O_APPEND)) return r.Write(offset, buf, static_cast<size_t>(got));
     // The kernel's idea of the end may be old; the lease's is not.
@@ -308,6 +332,7 @@ void FSync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
 
 void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   Handle* h = &HandleOf(fi);
+  h->ahead.reset();  // no window is read after the lease is closed
   int err = MountOf(req).Release(*h->inode);
   delete h;
   fuse_reply_err(req, err);
@@ -319,6 +344,7 @@ void Allocate(fuse_req_t req, fuse_ino_t, int mode, off_t offset, off_t length, 
   if (mode != 0) return (void)fuse_reply_err(req, EOPNOTSUPP);
   Handle& h = HandleOf(fi);
   OpenFile& file = *h.file;
+  ChangeCount::Guard change(file.changes);
   const int result = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) {
     return offset + length > r.Size() ? r.Truncate(offset + length) : 0;
   });

@@ -267,6 +267,30 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   EXPECT_NE(ReadFile(log_).find("writing lost.bin"), std::string::npos) << ReadFile(log_);
 }
 
+// A sequential reader has the file read ahead of it; a write and a cut
+// made meanwhile through another handle are what it reads, not the bytes
+// read ahead before them.
+TEST_P(MountE2E, ASequentialReaderSeesWritesMadeAheadOfIt) {
+  Mount();
+  constexpr size_t kMiB = 1 << 20;
+  const std::string old = Random(12 * kMiB, 5);
+  WriteFile(M("ahead.bin"), old);
+  const int reader = open(M("ahead.bin").c_str(), O_RDONLY);
+  std::string chunk(kMiB, '\0');
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(read(reader, chunk.data(), kMiB), static_cast<ssize_t>(kMiB));
+
+  const int writer = open(M("ahead.bin").c_str(), O_WRONLY);
+  const std::string fresh(kMiB, 'x');
+  ASSERT_EQ(pwrite(writer, fresh.data(), kMiB, 4 * kMiB), static_cast<ssize_t>(kMiB));
+  ASSERT_EQ(ftruncate(writer, 9 * kMiB), 0);
+  std::string rest;
+  for (ssize_t n; (n = read(reader, chunk.data(), kMiB)) > 0;) rest.append(chunk.data(), static_cast<size_t>(n));
+  close(reader);
+  close(writer);
+  EXPECT_EQ(rest.size(), 6 * kMiB);
+  EXPECT_TRUE(rest == old.substr(3 * kMiB, kMiB) + fresh + old.substr(5 * kMiB, 4 * kMiB));
+}
+
 TEST_P(MountE2E, FioVerifiesAMixedRandomJob) {
   const std::string fio = FindProgram("fio");
   if (fio.empty()) GTEST_SKIP() << "fio is not installed: the verified random job cannot run";
