@@ -77,13 +77,14 @@ struct Inode {
   }
 };
 
-// An open handle of the kernel's (a file descriptor of a program). Its
-// read-ahead, for handles open for reading, goes before its file.
+// An open handle of the kernel's (a file descriptor of a program), with a
+// read-ahead when it is open for reading. A read holds the read-ahead until
+// its pieces are let go, which may be after the kernel released the handle.
 struct Handle {
   Inode* inode = nullptr;
   std::shared_ptr<OpenFile> file;
   int flags = 0;
-  std::unique_ptr<ReadAhead> ahead;
+  std::shared_ptr<ReadAhead> ahead;
 };
 
 class Mount {

@@ -211,7 +211,7 @@ int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
   if ((fi->flags & O_ACCMODE) != O_WRONLY) {
     // A window is read under the lease like any other read; when the
     // RemoteFile gave up, the program's own read finds out why.
-    h->ahead = std::make_unique<ReadAhead>(h->file->changes, [f = h->file.get()](int64_t at, uint8_t* buf, size_t n) {
+    h->ahead = std::make_shared<ReadAhead>(h->file->changes, [f = h->file](int64_t at, uint8_t* buf, size_t n) {
       std::shared_lock s(f->swap);
       return f->givenUp ? ssize_t{-EIO} : f->remote->Read(at, buf, n);
     });
@@ -276,10 +276,11 @@ char* AlignedBuffer(size_t size, bool forWrite) {
 // A read is answered from the handle's read-ahead when it holds the range,
 // else straight from the disk; either way the reply is the one copy.
 void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
-  Handle& h = HandleOf(fi);
+  Handle& h = HandleOf(fi);  // may be gone once the reply is sent
   OpenFile& file = *h.file;
+  const std::shared_ptr<ReadAhead> ahead = h.ahead;
   ReadAhead::Pieces pieces;
-  ssize_t n = h.ahead ? h.ahead->Serve(offset, size, &pieces) : -1;
+  ssize_t n = ahead ? ahead->Serve(offset, size, &pieces) : -1;
   if (n >= 0) {
     fuse_reply_iov(req, pieces.iov, pieces.count);
   } else if (char* buf = AlignedBuffer(size, false); !buf) {
@@ -289,7 +290,7 @@ void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*
     if (n < 0) fuse_reply_err(req, DataError(file, "reading", offset, n));
     else fuse_reply_buf(req, buf, static_cast<size_t>(n));
   }
-  if (h.ahead) h.ahead->Done(pieces, offset, n > 0 ? static_cast<size_t>(n) : 0);
+  if (ahead) ahead->Done(pieces, offset, n > 0 ? static_cast<size_t>(n) : 0);
 }
 
 // The request's data arrives in a pipe (spliced from the kernel) or in
@@ -332,7 +333,7 @@ void FSync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
 
 void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   Handle* h = &HandleOf(fi);
-  h->ahead.reset();  // no window is read after the lease is closed
+  if (h->ahead) h->ahead->Stop();  // no window is read after the lease is closed
   int err = MountOf(req).Release(*h->inode);
   delete h;
   fuse_reply_err(req, err);

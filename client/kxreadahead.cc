@@ -21,16 +21,19 @@ int64_t NowMs() {
 }  // namespace
 
 ReadAhead::~ReadAhead() {
-  {
-    std::unique_lock l(lock_);
-    ready_.wait(l, [&] {
-      return std::none_of(std::begin(windows_), std::end(windows_),
-                          [](const Window& w) { return w.state == State::kReading; });
-    });
-  }
+  Stop();
   for (Window& w : windows_)
     if (w.reader.joinable()) w.reader.join();
   if (held_) g_budgetUsed.fetch_sub(kWindow * kWindows);
+}
+
+void ReadAhead::Stop() {
+  std::unique_lock l(lock_);
+  stopped_ = true;
+  ready_.wait(l, [&] {
+    return std::none_of(std::begin(windows_), std::end(windows_),
+                        [](const Window& w) { return w.state == State::kReading; });
+  });
 }
 
 // A window may serve reads when it was read (or is being read) since the
@@ -80,7 +83,7 @@ void ReadAhead::Done(const Pieces& pieces, int64_t offset, size_t got) {
   for (int p = 0; p < pieces.count; ++p) --windows_[pieces.window[p]].holds;
   const bool sequential = offset == end_;
   end_ = offset + static_cast<int64_t>(got);
-  if (!sequential || got == 0) return;
+  if (!sequential || got == 0 || stopped_) return;
   const uint64_t change = changes_.Now();
   if (change == ChangeCount::kChanging) return;
   const int64_t now = NowMs();

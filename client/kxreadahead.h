@@ -67,7 +67,7 @@ class ReadAhead {
   static constexpr int kFreshMs = 500;
 
   ReadAhead(const ChangeCount& changes, Fetch fetch) : changes_(changes), fetch_(std::move(fetch)) {}
-  ~ReadAhead();  // waits for the reads in flight
+  ~ReadAhead();  // stops
   ReadAhead(const ReadAhead&) = delete;
   ReadAhead& operator=(const ReadAhead&) = delete;
 
@@ -86,6 +86,8 @@ class ReadAhead {
   // go, and when the reads come one after another, windows are read ahead
   // of the new position.
   void Done(const Pieces& pieces, int64_t offset, size_t got);
+  // No window is read from now on; waits for the reads in flight.
+  void Stop();
 
  private:
   enum class State { kEmpty, kReading, kReady };
@@ -109,6 +111,7 @@ class ReadAhead {
   Window windows_[kWindows];
   int64_t end_ = -1;   // where the last read ended
   bool held_ = false;  // this reader's windows count in the budget
+  bool stopped_ = false;
 };
 
 }  // namespace kestrix::client
