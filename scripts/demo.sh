@@ -59,7 +59,7 @@ rm -rf "$demo"
 mkdir -p "$demo/lib" "$mnt" "$client"
 if [ "$(id -u)" != 0 ]; then why="not running as root"
 elif ! command -v mkfs.ext4 >/dev/null && [ ! -x /sbin/mkfs.ext4 ]; then why="mkfs.ext4 is not installed"
-elif ! truncate -s 64M "$image" || ! PATH="$PATH:/sbin:/usr/sbin" mkfs.ext4 -q -F -b 4096 "$image"; then
+elif ! truncate -s 256M "$image" || ! PATH="$PATH:/sbin:/usr/sbin" mkfs.ext4 -q -F -b 4096 "$image"; then
   why="mkfs.ext4 failed"
 elif ! loopdev="$(losetup --find --show "$image" 2>&1)"; then why="no loop device: $loopdev"; loopdev=""
 elif ! mount -t ext4 "$loopdev" "$mnt"; then why="mounting $loopdev failed"
