@@ -102,7 +102,10 @@ cat >"$demo/smb.conf" <<CONF
 [demo]
    path = $share
 CONF
-printf '# Directories localfs serves\n%s\n' "$share" >"$demo/localfs.conf"
+# Leases short enough that a local change waits for every map to end
+# within the kernel's default lease-break-time (45 s): 14 s and 30 s of grace.
+printf '# Directories localfs serves\n%s\nmax-read-lease 14\nmax-write-lease 14\n' "$share" \
+  >"$demo/localfs.conf"
 ln -s "$build/plugins/localfs.so" "$demo/lib/localfs.so"
 export KESTRIX_LIBDIR="$demo/lib" KESTRIX_SMBPATH="$demo/smb.conf"
 export KESTRIX_LOCALFS_CONF="$demo/localfs.conf"
