@@ -10,6 +10,7 @@
 #include <fuse_lowlevel.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -22,6 +23,7 @@
 
 #include "client/kxfile.h"
 #include "client/kxreadahead.h"
+#include "client/kxwritebehind.h"
 
 namespace kestrix::client {
 
@@ -54,6 +56,16 @@ struct OpenFile {
   bool givenUp = false;
   std::string path;                // share-relative, for the log; guarded by swap
   ChangeCount changes;             // writes and size changes by this host
+  // Writes answered before they reach the disk; every other use of the
+  // file's data waits for them first.
+  std::unique_ptr<WriteBehind> behind;
+
+  // The size this host sees: what the lease knows, and the queued writes.
+  int64_t Size() {
+    const int64_t queued = behind->QueuedEnd();
+    std::shared_lock s(swap);
+    return std::max(remote->Size(), queued);
+  }
 };
 
 // A file or directory of the names directory the kernel knows: an O_PATH

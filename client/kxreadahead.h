@@ -22,19 +22,14 @@
 namespace kestrix::client {
 
 // Counts the changes this host makes to one file's bytes or size. A change
-// holds a Guard for as long as it runs.
+// calls Begin before it touches the file and End once it is done, or holds
+// a Guard for as long as it runs.
 class ChangeCount {
  public:
   class Guard {
    public:
-    explicit Guard(ChangeCount& c) : c_(c) {
-      c_.running_.fetch_add(1);
-      c_.count_.fetch_add(1);
-    }
-    ~Guard() {
-      c_.count_.fetch_add(1);
-      c_.running_.fetch_sub(1);
-    }
+    explicit Guard(ChangeCount& c) : c_(c) { c_.Begin(); }
+    ~Guard() { c_.End(); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
 
@@ -42,6 +37,14 @@ class ChangeCount {
     ChangeCount& c_;
   };
   static constexpr uint64_t kChanging = ~uint64_t{0};
+  void Begin() {
+    running_.fetch_add(1);
+    count_.fetch_add(1);
+  }
+  void End() {
+    count_.fetch_add(1);
+    running_.fetch_sub(1);
+  }
   // The count, or kChanging while a change runs. Two equal answers mean no
   // change began or ended between them.
   uint64_t Now() const {

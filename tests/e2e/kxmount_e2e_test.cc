@@ -242,6 +242,9 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
     fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);  // not held by the new daemon
     for (size_t at = 0; at < large.size(); at += 1 << 20) {
       if (at == 8 << 20) {
+        // Nothing queued while the daemon is away: starting it closes this
+        // descriptor in the child, and that close waits for the queue.
+        ASSERT_EQ(fsync(fd), 0);
         ASSERT_EQ(rename(M("large.bin").c_str(), M(name).c_str()), 0);
         RestartDaemon();
       }
@@ -262,7 +265,7 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   int err = 0;
   for (int i = 0; i < 200 && err == 0; ++i, usleep(100000))
     if (write(fd, slow.data(), 65536) < 0) err = errno;
-  close(fd);
+  EXPECT_EQ(close(fd), -1);  // the close of a file that lost writes says so too
   EXPECT_EQ(err, EIO);
   EXPECT_NE(ReadFile(log_).find("writing lost.bin"), std::string::npos) << ReadFile(log_);
 }
