@@ -22,7 +22,8 @@ WriteBehind::~WriteBehind() {
     stop_ = true;
   }
   changed_.notify_all();
-  if (writer_.joinable()) writer_.join();
+  for (std::thread& w : writers_)
+    if (w.joinable()) w.join();
   if (held_) g_budgetUsed.fetch_sub(kHeld);
 }
 
@@ -36,11 +37,12 @@ int WriteBehind::Take(size_t n) {
     }
     held_ = true;
   }
-  if (!writer_.joinable()) {
+  for (std::thread& w : writers_) {
+    if (w.joinable()) continue;
     try {
-      writer_ = std::thread([this] { Run(); });
+      w = std::thread([this] { Run(); });
     } catch (const std::system_error&) {
-      return -1;
+      if (&w == &writers_[0]) return -1;  // one writer is enough to go on
     }
   }
   for (;;) {
@@ -94,21 +96,39 @@ int64_t WriteBehind::QueuedEnd() {
   return end;
 }
 
-// The queue in order: the front stays queued while it is written, so that
-// Wait and QueuedEnd count it.
+int WriteBehind::Next() const {
+  for (size_t q = 0; q < queue_.size(); ++q) {
+    const Buffer& b = buffers_[queue_[q]];
+    if (b.writing) continue;
+    bool overlaps = false;
+    for (size_t e = 0; e < q && !overlaps; ++e) {
+      const Buffer& earlier = buffers_[queue_[e]];
+      overlaps = b.at < earlier.at + static_cast<int64_t>(earlier.n) &&
+                 earlier.at < b.at + static_cast<int64_t>(b.n);
+    }
+    if (!overlaps) return queue_[q];
+  }
+  return -1;
+}
+
+// A buffer stays queued while it is written, so that Wait and QueuedEnd
+// count it.
 void WriteBehind::Run() {
   std::unique_lock l(lock_);
   for (;;) {
-    changed_.wait(l, [&] { return stop_ || !queue_.empty(); });
-    if (queue_.empty()) return;  // stopped, and everything is on the disk
-    Buffer& b = buffers_[queue_.front()];
+    int next = -1;
+    changed_.wait(l, [&] { return (next = Next()) >= 0 || (stop_ && queue_.empty()); });
+    if (next < 0) return;  // stopped, and everything is on the disk
+    Buffer& b = buffers_[next];
+    b.writing = true;
     l.unlock();
     const ssize_t put = put_(b.at, b.buf.data(), b.n);
     changes_.End();
     l.lock();
     if (put != static_cast<ssize_t>(b.n) && error_ == 0) error_ = put < 0 ? static_cast<int>(put) : -EIO;
+    b.writing = false;
     b.state = State::kFree;
-    queue_.pop_front();
+    queue_.erase(std::find(queue_.begin(), queue_.end(), next));
     changed_.notify_all();
   }
 }

@@ -28,6 +28,9 @@ class WriteBehind {
   // errno value.
   using Put = std::function<ssize_t(int64_t offset, const uint8_t* buf, size_t n)>;
   static constexpr int kBuffers = 4;
+  // Queued writes put on the disk at once; one that overlaps an earlier
+  // queued write waits for it, so the last write of a byte lands last.
+  static constexpr int kWriters = 2;
   static constexpr size_t kBufferBytes = size_t{1} << 20;  // the largest FUSE write
   // Every WriteBehind of the process together holds at most this much.
   static constexpr size_t kBudget = size_t{256} << 20;
@@ -64,20 +67,24 @@ class WriteBehind {
     State state = State::kFree;
     int64_t at = 0;
     size_t n = 0;
+    bool writing = false;
     AlignedBuffer buf;
   };
   void Run();
+  // The first queued buffer that is not being written and overlaps no
+  // earlier queued one, or -1.
+  int Next() const;
 
   ChangeCount& changes_;
   const Put put_;
   std::mutex lock_;
   std::condition_variable changed_;
   Buffer buffers_[kBuffers];
-  std::deque<int> queue_;  // buffer numbers, the one on the disk first
+  std::deque<int> queue_;  // buffer numbers in the order they came
   int error_ = 0;
   bool held_ = false;  // this file's buffers count in the budget
   bool stop_ = false;
-  std::thread writer_;
+  std::thread writers_[kWriters];
 };
 
 }  // namespace kestrix::client
