@@ -293,6 +293,24 @@ inline void SwapFields(uint8_t* base, size_t size, const Field* begin, const Fie
 
 KX_WIRE_STRUCTS(KX_WIRE_NAMESPACE)
 
+// The named offsets and sizes that handlers use agree with the rows.
+static_assert(SP_GETVOLUME_VOLINFO_OFFSET == GetVolumeReply::volInfo.offset);
+static_assert(SP_GETVOLUME_TEXT_OFFSET == GetVolumeReply::kLayout.size);
+static_assert(SP_GETINITIALMAP_MAP_OFFSET == GetInitialMapReply::map.offset);
+static_assert(SP_GETINITIALMAP_TEXT_OFFSET == GetInitialMapReply::kLayout.size);
+static_assert(SP_GETEXTENDEDMAP_MAP_OFFSET == GetExtendedMapReply::map.offset);
+static_assert(SP_GETEXTENDEDMAP_TEXT_OFFSET == GetExtendedMapReply::kLayout.size);
+static_assert(SP_COMMAND_OFFSET == SendStringCmdMsg::command.offset);
+static_assert(2 * SP_PATH_UNITS == GetVolumeMsg::path.width);
+static_assert(SP_SETSIZE_REPLY_SIZE == SetSizeReply::kLayout.size);
+static_assert(SP_CLOSE_REPLY_SIZE == CloseReply::kLayout.size);
+static_assert(SP_SENDSTRINGCMD_REPLY_SIZE == SendStringCmdReply::kLayout.size);
+static_assert(LAN_HEADER_SIZE == LanHeader::kLayout.size);
+static_assert(VOLINFO_FIXED_SIZE == VolInfo::kLayout.size);
+static_assert(FSMAPINFO_FIXED_SIZE == FSMapInfo::kLayout.size);
+static_assert(FSDISK_SIZE == FSDisk::kLayout.size);
+static_assert(FSDISK_ID_SIZE == FSDisk::DiskID.width);
+
 #define KX_WIRE_LAYOUT(S, start) &S::kLayout,
 // Every described struct, for tools that print the description.
 inline constexpr const Layout* kAllLayouts[] = {KX_WIRE_STRUCTS(KX_WIRE_LAYOUT)};
