@@ -1,6 +1,7 @@
 // field_walk: conversion and dump lines of any described struct.
 #include "sp/field_walk.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "utils/log.h"
