@@ -257,17 +257,19 @@ constexpr bool DumpRulesHold(const Field* fields, size_t count) {
 }
 
 // Reverses, in the `size` bytes at `base`, the fields that a writer of the
-// other byte order writes reversed; a field reaching past `size` is left
-// alone. The marker is reversed too when withMarker is set (a sender's view).
+// other byte order writes reversed: integers that lie wholly inside `size`,
+// and the units of an FSUNI area as far as `size` reaches. The marker is
+// reversed too when withMarker is set (a sender's view).
 inline void SwapFields(uint8_t* base, size_t size, const Field* begin, const Field* end,
                        bool withMarker) {
   for (const Field* f = begin; f != end; ++f) {
-    if (f->offset + static_cast<size_t>(f->width) > size) continue;
+    if (f->offset >= size) continue;
     uint8_t* p = base + f->offset;
+    const size_t room = std::min<size_t>(f->width, size - f->offset);
     if (f->order == Order::kSwap || (withMarker && f->order == Order::kMarker)) {
-      std::reverse(p, p + f->width);
+      if (room == f->width) std::reverse(p, p + f->width);
     } else if (f->order == Order::kUnits) {
-      for (uint32_t i = 0; i + 1 < f->width; i += 2) std::swap(p[i], p[i + 1]);
+      for (size_t i = 0; i + 1 < room; i += 2) std::swap(p[i], p[i + 1]);
     }
   }
 }
