@@ -208,20 +208,17 @@ struct Field {
   int dumpRank;
 };
 
-// A field together with the C type of its struct member, so that a reader
+// A field tagged with the C type of its struct member, so that a reader
 // gets the member's type without naming it again.
 template <typename T>
-struct TypedField : Field {
-  using Type = T;
-};
+struct TypedField : Field {};
 
 // A described struct: its rows in wire order and the bytes they cover.
 struct Layout {
   const char* name;
   const Field* fields;
   size_t count;
-  uint32_t start;  // first byte of the rows
-  uint32_t size;   // sizeof the struct
+  uint32_t size;  // sizeof the struct
   const Field* begin() const { return fields; }
   const Field* end() const { return fields + count; }
 };
@@ -285,7 +282,7 @@ inline void SwapFields(uint8_t* base, size_t size, const Field* begin, const Fie
   namespace S {                                                                \
   KX_WIRE_##S(KX_WIRE_FIELD, S)                                                \
   inline constexpr Field kFields[] = {KX_WIRE_##S(KX_WIRE_ROW, S)};            \
-  inline constexpr Layout kLayout{#S, kFields, std::size(kFields), start, sizeof(::S)}; \
+  inline constexpr Layout kLayout{#S, kFields, std::size(kFields), sizeof(::S)}; \
   static_assert(Tiles(kFields, std::size(kFields), start, sizeof(::S)),        \
                 #S ": its rows leave a gap, overlap or miss its end");         \
   static_assert(DumpRulesHold(kFields, std::size(kFields)),                    \
