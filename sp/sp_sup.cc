@@ -14,7 +14,7 @@
 
 #include <algorithm>
 
-#include "sp/field_walk.h"
+#include "utils/field_walk.h"
 #include "sp/fsmdc_sup.h"
 #include "utils/lan_sup.h"
 #include "utils/log.h"
