@@ -16,6 +16,7 @@
 
 #include "spmsgs.h"
 #include "wire_fields.h"
+#include "wire_functions.h"
 
 namespace kestrix::client {
 
@@ -50,16 +51,9 @@ void SwapRequest(Bytes& m) {
   if (m.size() < LAN_HEADER_SIZE) return;
   const int32_t code = HeaderOf(m)->functionCode;
   SwapHeader(m);
-  const wire::Layout* body = nullptr;
-  switch (code) {
-    case SP_FUNC_GETVOLUME: body = &wire::GetVolumeMsg::kLayout; break;
-    case SP_FUNC_GETINITIALMAP: body = &wire::GetInitialMapMsg::kLayout; break;
-    case SP_FUNC_GETEXTENDEDMAP: body = &wire::GetExtendedMapMsg::kLayout; break;
-    case SP_FUNC_SETSIZE: body = &wire::SetSizeMsg::kLayout; break;
-    case SP_FUNC_CLOSE: body = &wire::CloseMsg::kLayout; break;
-    case SP_FUNC_SENDSTRINGCMD: body = &wire::SendStringCmdMsg::kLayout; break;
-    default: return;
-  }
+  const wire::Function* function = wire::FunctionOf(code);
+  if (function == nullptr) return;
+  const wire::Layout* body = function->request;
   wire::SwapFields(m.data(), m.size(), body->begin(), body->end(), false);
 }
 

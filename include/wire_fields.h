@@ -17,7 +17,7 @@
 //            kNested  an embedded structure with rows of its own
 //   show     how the dump prints the field, under its own name:
 //            kDec "%s %d", kHex "%s %x", kLong "%s %lld",
-//            kCookie "%s %s" with the bytes as hex text, kNone not printed
+//            kBytes "%s %s" with the bytes as hex text, kNone not printed
 //   dumpRank the field's line among the dump's generic lines (1 first);
 //            0 when a dump prints it in its own code or not at all
 #ifndef KESTRIX_INCLUDE_WIRE_FIELDS_H_
@@ -36,16 +36,16 @@
 
 // clang-format off
 #define KX_WIRE_LanHeader(F, S)                                 \
-  F(S, byteOrder,     0,  4, kMarker, kNone, 0)                 \
-  F(S, revision,      4,  4, kSwap,   kNone, 0)                 \
-  F(S, messageID,     8, 16, kKeep,   kNone, 0)                 \
-  F(S, functionCode, 24,  4, kSwap,   kNone, 0)                 \
-  F(S, length,       28,  4, kSwap,   kNone, 0)                 \
-  F(S, flags,        32,  4, kSwap,   kNone, 0)                 \
-  F(S, result,       36,  4, kSwap,   kNone, 0)                 \
-  F(S, reserved1,    40,  2, kKeep,   kNone, 0)                 \
-  F(S, pathSeparator,42,  2, kSwap,   kNone, 0)                 \
-  F(S, reserved2,    44,  4, kKeep,   kNone, 0)
+  F(S, byteOrder,     0,  4, kMarker, kNone,  0)                \
+  F(S, revision,      4,  4, kSwap,   kDec,   4)                \
+  F(S, messageID,     8, 16, kKeep,   kBytes, 3)                \
+  F(S, functionCode, 24,  4, kSwap,   kDec,   1)                \
+  F(S, length,       28,  4, kSwap,   kDec,   2)                \
+  F(S, flags,        32,  4, kSwap,   kNone,  0)                \
+  F(S, result,       36,  4, kSwap,   kDec,   5)                \
+  F(S, reserved1,    40,  2, kKeep,   kNone,  0)                \
+  F(S, pathSeparator,42,  2, kSwap,   kNone,  0)                \
+  F(S, reserved2,    44,  4, kKeep,   kNone,  0)
 
 #define KX_WIRE_GetVolumeMsg(F, S)                              \
   F(S, unused1,      48,   36, kKeep,  kNone, 0)                \
@@ -72,8 +72,8 @@
   F(S, lease,        52,    4, kSwap,   kDec,    2)             \
   F(S, key,          56,    4, kSwap,   kHex,    3)             \
   F(S, zero,         60,   36, kKeep,   kNone,   0)             \
-  F(S, fileCookie,   96,   32, kKeep,   kCookie, 4)             \
-  F(S, volumeCookie,128,   32, kKeep,   kCookie, 5)             \
+  F(S, fileCookie,   96,   32, kKeep,   kBytes,  4)             \
+  F(S, volumeCookie,128,   32, kKeep,   kBytes,  5)             \
   F(S, map,         160,   64, kNested, kNone,   0)
 
 #define KX_WIRE_GetExtendedMapMsg(F, S)                         \
@@ -129,7 +129,7 @@
   F(S, nDisks,       20,    4, kSwap, kDec,    0)               \
   F(S, BlockSize,    24,    4, kSwap, kDec,    6)               \
   F(S, reserved,     28,    4, kKeep, kNone,   0)               \
-  F(S, Cookie,       32,   32, kKeep, kCookie, 7)               \
+  F(S, Cookie,       32,   32, kKeep, kBytes,  7)               \
   F(S, fsSystem,     64,   40, kKeep, kNone,   0)
 
 // DiskID is printed by the disk dump itself, cut to IDlength bytes.
@@ -197,7 +197,7 @@
 namespace kestrix::wire {
 
 enum class Order : uint8_t { kMarker, kKeep, kSwap, kUnits, kNested };
-enum class Show : uint8_t { kNone, kDec, kHex, kLong, kCookie };
+enum class Show : uint8_t { kNone, kDec, kHex, kLong, kBytes };
 
 struct Field {
   const char* name;
@@ -234,7 +234,7 @@ constexpr bool Tiles(const Field* fields, size_t count, uint32_t start, uint32_t
 }
 
 // Dump ranks 1..n used once each, and a show rule that fits the width:
-// kHex 4 bytes, kLong 8, kDec 4 or 8, kCookie at most a volume cookie.
+// kHex 4 bytes, kLong 8, kDec 4 or 8, kBytes at most a volume cookie.
 constexpr bool DumpRulesHold(const Field* fields, size_t count) {
   size_t ranked = 0;
   for (size_t i = 0; i < count; ++i) {
@@ -245,7 +245,7 @@ constexpr bool DumpRulesHold(const Field* fields, size_t count) {
       if (f.dumpRank > 0 && fields[j].dumpRank == f.dumpRank) return false;
     if ((f.show == Show::kHex && f.width != 4) || (f.show == Show::kLong && f.width != 8) ||
         (f.show == Show::kDec && f.width != 4 && f.width != 8) ||
-        (f.show == Show::kCookie && f.width > FS_COOKIE_SIZE))
+        (f.show == Show::kBytes && f.width > FS_COOKIE_SIZE))
       return false;
   }
   for (size_t i = 0; i < count; ++i)

@@ -7,7 +7,7 @@
 // count cannot make a dump read past the reply buffer.
 #include "sp/fsmdc_sup.h"
 
-#include "sp/field_walk.h"
+#include "utils/field_walk.h"
 
 #include <stdio.h>
 

@@ -14,11 +14,12 @@
 
 #include <algorithm>
 
-#include "sp/field_walk.h"
 #include "sp/fsmdc_sup.h"
+#include "utils/field_walk.h"
 #include "utils/lan_sup.h"
 #include "utils/log.h"
 #include "utils/utils.h"
+#include "wire_functions.h"
 
 namespace kestrix {
 namespace {
@@ -126,6 +127,23 @@ int64_t GetExtendedMapReplyWantedLength(const GetExtendedMapReply* reply, FSULON
 FSULONG GetExtendedMapReplyLength(const GetExtendedMapReply* reply, FSULONG bufferSize) {
   return Clamp(GetExtendedMapReplyWantedLength(reply, bufferSize), bufferSize);
 }
+
+// The dump of each body, chosen by its struct in the function rows. A
+// SendStringCmd is logged by its handler, so its bodies have none here.
+void DumpBody(const GetVolumeMsg* msg, FSULONG) { SPSUP_DumpGetVolumeMsg(msg); }
+void DumpBody(const GetInitialMapMsg* msg, FSULONG) { SPSUP_DumpGetInitialMapMsg(msg); }
+void DumpBody(const GetExtendedMapMsg* msg, FSULONG) { SPSUP_DumpGetExtendedMapMsg(msg); }
+void DumpBody(const SetSizeMsg* msg, FSULONG) { SPSUP_DumpSetSizeMsg(msg); }
+void DumpBody(const CloseMsg* msg, FSULONG) { SPSUP_DumpCloseMsg(msg); }
+void DumpBody(const SendStringCmdMsg*, FSULONG) {}
+void DumpBody(const GetVolumeReply* r, FSULONG size) { SPSUP_DumpGetVolumeReply(r, size); }
+void DumpBody(const GetInitialMapReply* r, FSULONG size) { SPSUP_DumpGetInitialMapReply(r, size); }
+void DumpBody(const GetExtendedMapReply* r, FSULONG size) {
+  SPSUP_DumpGetExtendedMapReply(r, size);
+}
+void DumpBody(const SetSizeReply* r, FSULONG size) { SPSUP_DumpSetSizeReply(r, size); }
+void DumpBody(const CloseReply* r, FSULONG size) { SPSUP_DumpCloseReply(r, size); }
+void DumpBody(const SendStringCmdReply*, FSULONG) {}
 
 }  // namespace kestrix
 
@@ -278,40 +296,19 @@ void SPSUP_DumpCloseReply(const CloseReply* reply, FSULONG size) {
 void SPSUP_DumpMessage(const LanHeader* msg, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   if (msg == nullptr) return;
+#define KX_DUMP_CASES(name, code, Request, Reply)                            \
+  case code:                                                                 \
+    kestrix::DumpBody(reinterpret_cast<const Request*>(msg), size);          \
+    break;                                                                   \
+  case -(code):                                                              \
+    kestrix::DumpBody(reinterpret_cast<const Reply*>(msg), size);            \
+    break;
   switch (msg->functionCode) {
-    case -SP_FUNC_CLOSE:
-      SPSUP_DumpCloseReply(reinterpret_cast<const CloseReply*>(msg), size);
-      break;
-    case -SP_FUNC_SETSIZE:
-      SPSUP_DumpSetSizeReply(reinterpret_cast<const SetSizeReply*>(msg), size);
-      break;
-    case -SP_FUNC_GETEXTENDEDMAP:
-      SPSUP_DumpGetExtendedMapReply(reinterpret_cast<const GetExtendedMapReply*>(msg), size);
-      break;
-    case -SP_FUNC_GETINITIALMAP:
-      SPSUP_DumpGetInitialMapReply(reinterpret_cast<const GetInitialMapReply*>(msg), size);
-      break;
-    case -SP_FUNC_GETVOLUME:
-      SPSUP_DumpGetVolumeReply(reinterpret_cast<const GetVolumeReply*>(msg), size);
-      break;
-    case SP_FUNC_GETVOLUME:
-      SPSUP_DumpGetVolumeMsg(reinterpret_cast<const GetVolumeMsg*>(msg));
-      break;
-    case SP_FUNC_GETINITIALMAP:
-      SPSUP_DumpGetInitialMapMsg(reinterpret_cast<const GetInitialMapMsg*>(msg));
-      break;
-    case SP_FUNC_GETEXTENDEDMAP:
-      SPSUP_DumpGetExtendedMapMsg(reinterpret_cast<const GetExtendedMapMsg*>(msg));
-      break;
-    case SP_FUNC_SETSIZE:
-      SPSUP_DumpSetSizeMsg(reinterpret_cast<const SetSizeMsg*>(msg));
-      break;
-    case SP_FUNC_CLOSE:
-      SPSUP_DumpCloseMsg(reinterpret_cast<const CloseMsg*>(msg));
-      break;
+    KX_WIRE_FUNCTIONS(KX_DUMP_CASES)
     default:
       break;
   }
+#undef KX_DUMP_CASES
 }
 
 }  // extern "C"

@@ -151,16 +151,24 @@ local layout = {
 }
 -- END wire layouts
 
+-- BEGIN wire functions: printed by wire-layouts-lua as well; each code's
+-- service name and the layouts of its request and reply bodies.
+local functions = {
+  [1] = { name = "GetVolume", request = "GetVolumeMsg", reply = "GetVolumeReply" },
+  [2] = { name = "GetInitialMap", request = "GetInitialMapMsg", reply = "GetInitialMapReply" },
+  [3] = { name = "GetExtendedMap", request = "GetExtendedMapMsg", reply = "GetExtendedMapReply" },
+  [4] = { name = "SetSize", request = "SetSizeMsg", reply = "SetSizeReply" },
+  [5] = { name = "Close", request = "CloseMsg", reply = "CloseReply" },
+  [7] = { name = "SendStringCmd", request = "SendStringCmdMsg", reply = "SendStringCmdReply" },
+}
+-- END wire functions
+
 local HEADER_SIZE = layout.LanHeader.size
 
-local function_names = {
-  [1] = "GetVolume", [2] = "GetInitialMap", [3] = "GetExtendedMap",
-  [4] = "SetSize", [5] = "Close", [7] = "SendStringCmd",
-}
 local function_codes = {}
-for code, name in pairs(function_names) do
-  function_codes[code] = name .. " request"
-  function_codes[-code] = name .. " reply"
+for code, f in pairs(functions) do
+  function_codes[code] = f.name .. " request"
+  function_codes[-code] = f.name .. " reply"
 end
 
 local result_names = {
@@ -478,10 +486,16 @@ local function dissect_map(msg, tree, off, limit)
   end
 end
 
--- Request bodies, by function code.
-local requests = {
-  [1] = function(msg, tree)
-    local L = layout.GetVolumeMsg
+local function result_text(result)
+  if result == nil then return "" end
+  return "result " .. result .. " (" .. (result_names[result] or "library status") .. ")"
+end
+
+-- The decoder of each body by its layout's name, which the function table
+-- gives for a code; L is that layout. Requests return a summary for the Info
+-- column, replies too, after their result.
+local bodies = {
+  GetVolumeMsg = function(msg, tree, L)
     if not msg:has(L.volumeCookie.at, L.volumeCookie.width) then
       return short(tree, msg, L.volumeCookie.at)
     end
@@ -489,8 +503,7 @@ local requests = {
     local path = msg:fsuni(tree, pf.path, L.path.at, L.path.at + L.path.width)
     return path ~= "" and path or "(by cookie)"
   end,
-  [2] = function(msg, tree)
-    local L = layout.GetInitialMapMsg
+  GetInitialMapMsg = function(msg, tree, L)
     if not msg:has(L.names.at, 2) then return short(tree, msg, HEADER_SIZE) end
     msg:field(tree, pf.filesize, L.filesize)
     msg:field(tree, pf.allocsize, L.allocsize)
@@ -503,8 +516,7 @@ local requests = {
     local name = msg:fsuni(tree, pf.filename, next, names_end)
     return share .. " " .. name .. (msg:u32(L.intention.at) == 1 and " read" or " write")
   end,
-  [3] = function(msg, tree)
-    local L = layout.GetExtendedMapMsg
+  GetExtendedMapMsg = function(msg, tree, L)
     if not msg:has(L.size, 0) then return short(tree, msg, HEADER_SIZE) end
     msg:field(tree, pf.key, L.key)
     msg:field(tree, pf.start, L.start)
@@ -516,43 +528,30 @@ local requests = {
     msg:field(flag, pf.mapflag_unlocked, L.flag)
     return string.format("key 0x%x", msg:u32(L.key.at))
   end,
-  [4] = function(msg, tree)
-    local L = layout.SetSizeMsg
+  SetSizeMsg = function(msg, tree, L)
     if not msg:has(L.size, 0) then return short(tree, msg, HEADER_SIZE) end
     msg:field(tree, pf.key, L.key)
     msg:field(tree, pf.filesize, L.filesize)
     msg:field(tree, pf.lease, L.lease)
     return string.format("key 0x%x", msg:u32(L.key.at))
   end,
-  [5] = function(msg, tree)
-    local L = layout.CloseMsg
+  CloseMsg = function(msg, tree, L)
     if not msg:has(L.size, 0) then return short(tree, msg, HEADER_SIZE) end
     msg:field(tree, pf.key, L.key)
     msg:field(tree, pf.filesize, L.filesize)
     return string.format("key 0x%x", msg:u32(L.key.at))
   end,
-  [7] = function(msg, tree)
-    local C = layout.SendStringCmdMsg.command
+  SendStringCmdMsg = function(msg, tree, L)
+    local C = L.command
     if not msg:has(C.at + 2, 0) then return short(tree, msg, C.at) end
     return "\"" .. msg:fsuni(tree, pf.command, C.at, C.at + C.width) .. "\""
   end,
-}
-
--- Reply bodies, by function code; each returns a summary for the Info column.
-local function result_text(result)
-  if result == nil then return "" end
-  return "result " .. result .. " (" .. (result_names[result] or "library status") .. ")"
-end
-
-local replies = {
-  [1] = function(msg, tree, pinfo, limit)
-    local L = layout.GetVolumeReply
+  GetVolumeReply = function(msg, tree, L, pinfo, limit)
     local result = add_result(msg, tree, pinfo, L.result)
     dissect_volinfo(msg, tree, L.volInfo.at)
     return result_text(result)
   end,
-  [2] = function(msg, tree, pinfo, limit)
-    local L = layout.GetInitialMapReply
+  GetInitialMapReply = function(msg, tree, L, pinfo, limit)
     local result = add_result(msg, tree, pinfo, L.result)
     if not msg:has(L.map.at, 0) then short(tree, msg, L.lease.at) return result_text(result) end
     msg:field(tree, pf.lease, L.lease)
@@ -562,24 +561,22 @@ local replies = {
     dissect_map(msg, tree, L.map.at, limit)
     return result_text(result) .. string.format(" key 0x%x", msg:u32(L.key.at))
   end,
-  [3] = function(msg, tree, pinfo, limit)
-    local L = layout.GetExtendedMapReply
+  GetExtendedMapReply = function(msg, tree, L, pinfo, limit)
     local result = add_result(msg, tree, pinfo, L.result)
     msg:field(tree, pf.lease, L.lease)
     dissect_map(msg, tree, L.map.at, limit)
     return result_text(result)
   end,
-  [4] = function(msg, tree, pinfo, limit)
-    local L = layout.SetSizeReply
+  SetSizeReply = function(msg, tree, L, pinfo, limit)
     local result = add_result(msg, tree, pinfo, L.result)
     msg:field(tree, pf.lease, L.lease)
     return result_text(result)
   end,
-  [5] = function(msg, tree, pinfo, limit)
-    return result_text(add_result(msg, tree, pinfo, layout.CloseReply.result))
+  CloseReply = function(msg, tree, L, pinfo, limit)
+    return result_text(add_result(msg, tree, pinfo, L.result))
   end,
-  [7] = function(msg, tree, pinfo, limit)
-    return result_text(add_result(msg, tree, pinfo, layout.SendStringCmdReply.result))
+  SendStringCmdReply = function(msg, tree, L, pinfo, limit)
+    return result_text(add_result(msg, tree, pinfo, L.result))
   end,
 }
 
@@ -652,7 +649,8 @@ function kx.dissector(tvb, pinfo, root)
 
   local reply = code < 0
   local base_code = math.abs(code)
-  local name = function_names[base_code] or ("function " .. base_code)
+  local service = functions[base_code]
+  local name = service and service.name or ("function " .. base_code)
   tree:add(pf.service, name):set_generated()
   tree:add(pf.is_reply, reply):set_generated()
   tree:append_text(", " .. name .. (reply and " reply" or " request") ..
@@ -665,10 +663,11 @@ function kx.dissector(tvb, pinfo, root)
   if reply and hresult ~= 0 then
     summary = "header " .. result_text(hresult)
   elseif limit > HEADER_SIZE then
-    local body = reply and replies[base_code] or requests[base_code]
+    local body_layout = service and (reply and service.reply or service.request)
+    local body = body_layout and bodies[body_layout]
     if body then
       local bmsg = new_msg(tvb(0, limit):tvb(), le)
-      summary = body(bmsg, tree, pinfo, limit)
+      summary = body(bmsg, tree, layout[body_layout], pinfo, limit)
     end
   end
   pinfo.cols.info = name .. (reply and " reply" or " request") ..

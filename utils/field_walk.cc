@@ -1,5 +1,5 @@
 // field_walk: conversion and dump lines of any described struct.
-#include "sp/field_walk.h"
+#include "utils/field_walk.h"
 
 #include <algorithm>
 #include <cstring>
@@ -30,22 +30,22 @@ void ConvertFields(void* base, const wire::Layout& layout) {
                    false);
 }
 
-void DumpField(const void* base, const wire::Field& field) {
+void DumpField(const void* base, const wire::Field& field, int level) {
   switch (field.show) {
     case wire::Show::kDec:
-      OSL_Log(KSX_SP, "%s %d\n", field.name, DecValue(base, field));
+      OSL_Log(level, "%s %d\n", field.name, DecValue(base, field));
       break;
     case wire::Show::kHex:
-      OSL_Log(KSX_SP, "%s %x\n", field.name, ReadAt<FSULONG>(base, field));
+      OSL_Log(level, "%s %x\n", field.name, ReadAt<FSULONG>(base, field));
       break;
     case wire::Show::kLong:
-      OSL_Log(KSX_SP, "%s %lld\n", field.name,
+      OSL_Log(level, "%s %lld\n", field.name,
               static_cast<long long>(ReadAt<FS64LONG>(base, field)));
       break;
-    case wire::Show::kCookie: {
+    case wire::Show::kBytes: {
       char text[3 * FS_COOKIE_SIZE + 1];
       const int32_t n = static_cast<int32_t>(std::min<uint32_t>(field.width, FS_COOKIE_SIZE));
-      OSL_Log(KSX_SP, "%s %s\n", field.name,
+      OSL_Log(level, "%s %s\n", field.name,
               bytesToString(static_cast<const uint8_t*>(base) + field.offset, n, text));
       break;
     }
@@ -54,13 +54,13 @@ void DumpField(const void* base, const wire::Field& field) {
   }
 }
 
-void DumpFields(const void* base, const wire::Layout& layout) {
+void DumpFields(const void* base, const wire::Layout& layout, int level) {
   for (int rank = 1;; ++rank) {
     const wire::Field* found = nullptr;
     for (const wire::Field& field : layout)
       if (field.dumpRank == rank) found = &field;
     if (found == nullptr) return;
-    DumpField(base, *found);
+    DumpField(base, *found, level);
   }
 }
 
