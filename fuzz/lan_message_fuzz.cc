@@ -28,6 +28,7 @@
 
 #include "sp/fsmdcsp.h"
 #include "sp/lease.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "unixmdc/kestrixd.h"
 #include "utils/ksxmem.h"

@@ -27,13 +27,6 @@ typedef struct VolumeDispatcher {
   FsLibrary* library;
 } VolumeDispatcher;
 
-// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
-// outside the daemon that looks them up; the daemon uses spState.
-extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
-extern FSLONG libCount;
-extern VolumeDispatcher dispatchListHeadGlb;
-extern void* dispatchListLock;
-
 // Where the service provider gets its filesystem libraries: each call
 // returns the next one that loaded (malloc'd, handed over), null when no
 // more are left. The daemon passes its plug-in loader.

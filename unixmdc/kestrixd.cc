@@ -14,6 +14,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include "sp/dump_info.h"
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"

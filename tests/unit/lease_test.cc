@@ -3,6 +3,7 @@
 // walk of the list, the purge at the exact millisecond across a clock wrap.
 #include "sp/lease.h"
 #include "sp/lease_expiry.h"
+#include "sp/sp_state.h"
 
 #include <gtest/gtest.h>
 #include <string.h>
