@@ -1,6 +1,8 @@
 // The metadata service provider: start-up, the library table, the volume
 // dispatcher list and reply buffers. The lease list lives in sp/lease.h, the
-// handlers in sp/handlers.h, the path helpers in sp/path_helpers.h.
+// state record in sp/sp_state.h, each handler in the header named after its
+// request (registered by sp/handlers.h), the path helpers in
+// sp/path_helpers.h.
 #ifndef KESTRIX_SP_FSMDCSP_H_
 #define KESTRIX_SP_FSMDCSP_H_
 
