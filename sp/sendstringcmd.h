@@ -1,5 +1,5 @@
-// SendStringCmd: a text command from a client. "LOG" sets the log level and
-// destination of the daemon and its libraries; every command is answered 0.
+// SendStringCmd: a text command from a client. "LOG" changes how much the
+// daemon and its libraries log and where; every command gets result 0.
 #ifndef KESTRIX_SP_SENDSTRINGCMD_H_
 #define KESTRIX_SP_SENDSTRINGCMD_H_
 

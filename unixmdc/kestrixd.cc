@@ -1,7 +1,7 @@
 // The daemon's main line: options into the process-wide settings, the log,
 // the fork into the background, then the LAN server, the service provider
-// and the UDP listeners set up one after the other; and the glue that hands
-// each datagram to the LAN server and sends back what it answers.
+// and the UDP listeners set up one after the other; and the glue between a
+// received datagram, the LAN server and the reply it produces.
 #include "unixmdc/kestrixd.h"
 
 #include <getopt.h>
