@@ -182,9 +182,8 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_TRUE(log_.Contains("Debug1 Key List Start\nDebug1   key: 0x0\nDebug1   volcookie:09\n"
                             "Debug1   filecookie:08\nDebug1 \nDebug1 Key List End\n"));
   const int32_t start = g_kmemstat;
-  for (auto [file, sender] :
-       {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
-    Add(file, sender);
+  // Keys 1 to 3; 2 and 3 share a file.
+  for (auto [file, sender] : {std::pair{1, 1}, {7, 1}, {7, 2}}) Add(file, sender);
   // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
   g_now = 0xFFFFFC17u;
   Add(2, 1, 1, nullptr, 7000);  // key 4
@@ -193,13 +192,14 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_EQ(0, AddLeaseToList(noLib, noLib, noLib, noLib, 1, 5000, &key5, nullptr, nullptr));
   g_now = 1000 + 5000 + 29999;
   EXPECT_EQ(0, PurgeLeaseList());
-  EXPECT_TRUE(Holds(1) && Holds(2) && Holds(3) && Holds(4) && g_unlocks.empty());
+  for (FSULONG key = 1; key <= 4; ++key) EXPECT_TRUE(Holds(key)) << key;
+  EXPECT_TRUE(g_unlocks.empty());
   g_now = 1000 + 5000 + 30000;
   EXPECT_EQ(0, PurgeLeaseList());
-  EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4) && !Holds(5));
+  EXPECT_TRUE(Holds(0)) << "key 0 outlives the test";
+  for (FSULONG key = 1; key <= 5; ++key) EXPECT_FALSE(Holds(key)) << key;
   EXPECT_EQ(start, g_kmemstat);
-  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}),
-            g_unlocks);                                        // one unlock per file
+  EXPECT_EQ(g_unlocks, (std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}})) << "per file";
   EXPECT_FALSE(log_.Contains("purging expired lease 0x3\n"));  // met first, leaves it to key 2
   EXPECT_TRUE(
       log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "
