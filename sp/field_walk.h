@@ -1,0 +1,23 @@
+// Converting and dumping a struct by its wire description: the integer and
+// text fields reversed for a message of the other byte order, and the
+// dump's generic lines printed in their rank order.
+#ifndef KESTRIX_SP_FIELD_WALK_H_
+#define KESTRIX_SP_FIELD_WALK_H_
+
+#include "wire_fields.h"
+
+namespace kestrix {
+
+// Reverses the kSwap and kUnits fields of the struct at `base` in place;
+// the marker, byte areas and nested structures are left to the caller.
+void ConvertFields(void* base, const wire::Layout& layout);
+
+// One dump line of a field at level 4, as its show rule says.
+void DumpField(const void* base, const wire::Field& field);
+
+// The lines of every field with a dump rank, rank 1 first.
+void DumpFields(const void* base, const wire::Layout& layout);
+
+}  // namespace kestrix
+
+#endif  // KESTRIX_SP_FIELD_WALK_H_
