@@ -9,7 +9,6 @@
 #include <string.h>
 
 #include <array>
-#include <tuple>
 
 #include "support/test_util.h"
 #include "utils/ksxmem.h"
@@ -114,7 +113,8 @@ TEST_F(LeaseListTest, KeysWrapNegativeDurationsAndNoMemory) {
   EXPECT_EQ(2u, Add(1, 1, 2));                // another request
   LeaseEntry copy{};
   ASSERT_EQ(0, GetLeaseCopy(0, &copy));
-  EXPECT_EQ(std::tuple(copy.library, copy.duration), std::tuple(&libA_, 8000u));
+  EXPECT_EQ(copy.library, &libA_) << "the renewal kept the first library";
+  EXPECT_EQ(copy.duration, 8000u);
   EXPECT_TRUE(log_.Contains("Debug1 Re-using key 0x0\n"));
   g_now = 4000;  // a renewal with the same duration still restarts the lease
   EXPECT_EQ(0, ChangeLeaseEntry(0, 8000));
@@ -129,7 +129,9 @@ TEST_F(LeaseListTest, KeysWrapNegativeDurationsAndNoMemory) {
   EXPECT_EQ(0xdeadbeefu, Add(4, 1, 1, nullptr, 5000, -1));
   kestrix::FailGetmem(0, 0);
   EXPECT_TRUE(log_.Contains("Error Out of memory in AddToLeaseList\n"));
-  EXPECT_EQ(std::tuple(globalKey, ListLength(), g_kmemstat), std::tuple(0u, 4, held));
+  EXPECT_EQ(globalKey, 0u) << "the refused lease took a key";
+  EXPECT_EQ(ListLength(), 4);
+  EXPECT_EQ(g_kmemstat, held);
 }
 
 TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
@@ -138,7 +140,9 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   ASSERT_EQ(1u, Add(5, 2));
   Cookie vol{}, file{};
   EXPECT_EQ(0, RemoveLeaseFromList(0, vol.data(), file.data(), &libB_, "SP_LANClose"));
-  EXPECT_EQ(std::tuple(Cookie{9}, Cookie{5}, 0u), std::tuple(vol, file, g_unlocks.size()));
+  EXPECT_EQ(vol, Cookie{9});
+  EXPECT_EQ(file, Cookie{5});
+  EXPECT_TRUE(g_unlocks.empty()) << "another lease still holds the file";
   // Key 0 is unknown now: nothing is found, written, unlocked or logged.
   log_.Clear();
   struct { Cookie vol, file; LeaseEntry copy; } out, before;
@@ -153,7 +157,8 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   // The last lease on the file unlocks it, once, through the caller's library.
   EXPECT_EQ(0, RemoveLeaseFromList(1, vol.data(), file.data(), &libB_, "GetInitialMap"));
   EXPECT_EQ((std::vector{std::pair(1, 5)}), g_unlocks);
-  EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, start));
+  EXPECT_EQ(ListLength(), 0);
+  EXPECT_EQ(g_kmemstat, start);
 }
 
 // After the keys wrap, a key still held is passed over, so no two leases
@@ -171,7 +176,8 @@ TEST_F(LeaseListTest, WrappedKeysSkipHeldOnesAcrossIndexGrowth) {
   for (FSULONG key = 0; key <= 201; ++key)
     EXPECT_EQ(0, RemoveLeaseFromList(key, vol.data(), file.data(), &libA_, "SP_LANClose"));
   EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 1}, {0, 2}, {0, 3}}), g_unlocks);
-  EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, idle));
+  EXPECT_EQ(ListLength(), 0);
+  EXPECT_EQ(g_kmemstat, idle);
 }
 
 bool Holds(FSULONG key) { LeaseEntry copy; return GetLeaseCopy(key, &copy) == 0; }
