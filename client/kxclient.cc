@@ -3,6 +3,7 @@
 
 #include "fsmdc.h"
 #include "spmsgs.h"
+#include "wire_fields.h"
 
 #include <arpa/inet.h>
 #include <linux/errqueue.h>
@@ -119,13 +120,16 @@ Bytes MakeRequest(int32_t functionCode, uint32_t size, uint32_t flags,
 }
 
 namespace {
-void Reverse(uint8_t* p, size_t width) { std::reverse(p, p + width); }
+// A described request field, written in host order.
+template <typename T>
+void Put(Bytes& message, const wire::TypedField<T>& field, std::type_identity_t<T> value) {
+  Write(message, field.offset, value);
+}
 }  // namespace
 
 void SwapHeader(Bytes& message) {
-  uint8_t* p = message.data();
-  for (size_t offset : {0, 4, 24, 28, 32, 36}) Reverse(p + offset, 4);
-  Reverse(p + 42, 2);
+  const wire::Layout& header = wire::LanHeader::kLayout;
+  wire::SwapFields(message.data(), message.size(), header.begin(), header.end(), true);
 }
 
 void PutText(Bytes& message, size_t offset, size_t units, const std::u16string& text) {
@@ -190,14 +194,15 @@ std::string ToUtf8(const std::u16string& text) {
 Bytes MakeGetVolumeRequest(const std::string& pathUtf8, const uint8_t* cookie) {
   Bytes message = MakeRequest(SP_FUNC_GETVOLUME, sizeof(GetVolumeMsg));
   if (cookie != nullptr)
-    std::memcpy(message.data() + offsetof(GetVolumeMsg, volumeCookie), cookie, FS_COOKIE_SIZE);
-  PutText(message, offsetof(GetVolumeMsg, path), SP_PATH_UNITS - 1, ToUtf16(pathUtf8));
+    std::memcpy(message.data() + wire::GetVolumeMsg::volumeCookie.offset, cookie,
+                wire::GetVolumeMsg::volumeCookie.width);
+  PutText(message, wire::GetVolumeMsg::path.offset, SP_PATH_UNITS - 1, ToUtf16(pathUtf8));
   return message;
 }
 
 Bytes MakeStringCommandRequest(const std::string& textUtf8) {
   Bytes message = MakeRequest(SP_FUNC_SENDSTRINGCMD, sizeof(SendStringCmdMsg));
-  PutText(message, offsetof(SendStringCmdMsg, command), SP_PATH_UNITS - 1, ToUtf16(textUtf8));
+  PutText(message, wire::SendStringCmdMsg::command.offset, SP_PATH_UNITS - 1, ToUtf16(textUtf8));
   return message;
 }
 
@@ -205,15 +210,16 @@ Bytes MakeGetInitialMapRequest(const std::string& shareUtf8, const std::string& 
                                const OpenOptions& options) {
   Bytes message = MakeRequest(SP_FUNC_GETINITIALMAP, sizeof(GetInitialMapMsg));
   HeaderOf(message)->pathSeparator = options.separator;
-  Write(message, offsetof(GetInitialMapMsg, filesize), options.fileSize);
-  Write(message, offsetof(GetInitialMapMsg, allocsize), options.allocSize);
-  Write(message, offsetof(GetInitialMapMsg, lease), options.lease);
-  Write(message, offsetof(GetInitialMapMsg, intention), options.intention);
-  Write(message, offsetof(GetInitialMapMsg, flag), options.flag);
+  namespace f = wire::GetInitialMapMsg;
+  Put(message, f::filesize, options.fileSize);
+  Put(message, f::allocsize, options.allocSize);
+  Put(message, f::lease, options.lease);
+  Put(message, f::intention, options.intention);
+  Put(message, f::flag, options.flag);
   // Share, 0 unit, file name, 0 unit: the share may take 1022 units at most.
   std::u16string share = ToUtf16(shareUtf8).substr(0, SP_PATH_UNITS - 2);
   std::u16string file = ToUtf16(fileUtf8).substr(0, SP_PATH_UNITS - 2 - share.size());
-  constexpr size_t kNames = offsetof(GetInitialMapMsg, names);
+  constexpr size_t kNames = f::names.offset;
   PutText(message, kNames, share.size(), share);
   PutText(message, kNames + 2 * (share.size() + 1), file.size(), file);
   return message;
@@ -222,28 +228,29 @@ Bytes MakeGetInitialMapRequest(const std::string& shareUtf8, const std::string& 
 Bytes MakeGetExtendedMapRequest(uint32_t key, int64_t start, int64_t length, uint32_t lease,
                                 int64_t fileSize, int64_t allocation, uint32_t flag) {
   Bytes message = MakeRequest(SP_FUNC_GETEXTENDEDMAP, sizeof(GetExtendedMapMsg));
-  Write(message, offsetof(GetExtendedMapMsg, filesize), fileSize);
-  Write(message, offsetof(GetExtendedMapMsg, allocation), allocation);
-  Write(message, offsetof(GetExtendedMapMsg, start), start);
-  Write(message, offsetof(GetExtendedMapMsg, length), length);
-  Write(message, offsetof(GetExtendedMapMsg, lease), lease);
-  Write(message, offsetof(GetExtendedMapMsg, key), key);
-  Write(message, offsetof(GetExtendedMapMsg, flag), flag);
+  namespace f = wire::GetExtendedMapMsg;
+  Put(message, f::filesize, fileSize);
+  Put(message, f::allocation, allocation);
+  Put(message, f::start, start);
+  Put(message, f::length, length);
+  Put(message, f::lease, lease);
+  Put(message, f::key, key);
+  Put(message, f::flag, flag);
   return message;
 }
 
 Bytes MakeSetSizeRequest(uint32_t key, int64_t fileSize, uint32_t lease) {
   Bytes message = MakeRequest(SP_FUNC_SETSIZE, sizeof(SetSizeMsg));
-  Write(message, offsetof(SetSizeMsg, filesize), fileSize);
-  Write(message, offsetof(SetSizeMsg, lease), lease);
-  Write(message, offsetof(SetSizeMsg, key), key);
+  Put(message, wire::SetSizeMsg::filesize, fileSize);
+  Put(message, wire::SetSizeMsg::lease, lease);
+  Put(message, wire::SetSizeMsg::key, key);
   return message;
 }
 
 Bytes MakeCloseRequest(uint32_t key, int64_t fileSize) {
   Bytes message = MakeRequest(SP_FUNC_CLOSE, sizeof(CloseMsg));
-  Write(message, offsetof(CloseMsg, filesize), fileSize);
-  Write(message, offsetof(CloseMsg, key), key);
+  Put(message, wire::CloseMsg::filesize, fileSize);
+  Put(message, wire::CloseMsg::key, key);
   return message;
 }
 
@@ -286,6 +293,11 @@ namespace {
 class FieldReader {
  public:
   FieldReader(const Bytes& message, bool swapped) : message_(message), swapped_(swapped) {}
+  // A described field of the struct at `base`, in its member's type.
+  template <typename T>
+  T Get(const wire::TypedField<T>& field, size_t base = 0) const {
+    return Get<T>(base + field.offset);
+  }
   template <typename T>
   T Get(size_t offset) const {
     if (offset + sizeof(T) > message_.size()) return T{};
@@ -315,16 +327,16 @@ std::string TextAt(const FieldReader& r, const Bytes& message, size_t offset) {
 
 // The extent table of a map at `base`, or its text when it has no extents.
 void ReadExtents(const FieldReader& r, const Bytes& reply, size_t base, FileMap& m) {
-  const size_t table = base + FSMAPINFO_FIXED_SIZE;
+  const size_t table = base + wire::FSMapInfo::kLayout.size;
   if (m.nExtents <= 0) {
     m.text = TextAt(r, reply, table);
     return;
   }
   size_t size = 0;
   switch (m.extentType) {
-    case FS_EXTENT_COMPACT: size = COMPACT_EXTENT_SIZE; break;
-    case FS_EXTENT_VERBOSE: case FS_EXTENT_VERBOSE_ALT: size = VERBOSE_EXTENT_SIZE; break;
-    case FS_EXTENT_SIMPLE: size = SIMPLE_EXTENT_SIZE; break;
+    case FS_EXTENT_COMPACT: size = wire::CompactExtent::kLayout.size; break;
+    case FS_EXTENT_VERBOSE: case FS_EXTENT_VERBOSE_ALT: size = wire::VerboseExtent::kLayout.size; break;
+    case FS_EXTENT_SIMPLE: size = wire::SimpleExtent::kLayout.size; break;
     default: return;  // a layout only the library knows
   }
   const size_t fit = reply.size() > table ? (reply.size() - table) / size : 0;
@@ -333,20 +345,23 @@ void ReadExtents(const FieldReader& r, const Bytes& reply, size_t base, FileMap&
   for (size_t i = 0, at = table; i < count; ++i, at += size) {
     MapExtent e;
     if (m.extentType == FS_EXTENT_COMPACT) {
-      e.physical = r.Get<int64_t>(at + offsetof(CompactExtent, BlockOffset));
-      e.length = r.Get<int64_t>(at + offsetof(CompactExtent, nBlocks));
+      namespace x = wire::CompactExtent;
+      e.physical = r.Get(x::BlockOffset, at);
+      e.length = r.Get(x::nBlocks, at);
       e.kind = "blocks";
     } else if (m.extentType == FS_EXTENT_SIMPLE) {
-      e.physical = r.Get<int64_t>(at + offsetof(SimpleExtent, VolSliceBlock));
-      e.length = r.Get<int64_t>(at + offsetof(SimpleExtent, NBlocks));
-      e.volumeOrdinal = static_cast<uint32_t>(r.Get<int64_t>(at + offsetof(SimpleExtent, VolOrd)));
-      e.kind = "blocks vol " + std::to_string(r.Get<int64_t>(at + offsetof(SimpleExtent, VolOrd)));
+      namespace x = wire::SimpleExtent;
+      e.physical = r.Get(x::VolSliceBlock, at);
+      e.length = r.Get(x::NBlocks, at);
+      e.volumeOrdinal = static_cast<uint32_t>(r.Get(x::VolOrd, at));
+      e.kind = "blocks vol " + std::to_string(r.Get(x::VolOrd, at));
     } else {
-      e.logical = r.Get<int64_t>(at + offsetof(VerboseExtent, LogicalByteAddr));
-      e.physical = r.Get<int64_t>(at + offsetof(VerboseExtent, PhysicalByteAddr));
-      e.length = r.Get<int64_t>(at + offsetof(VerboseExtent, nBytes));
-      e.volumeOrdinal = r.Get<uint32_t>(at + offsetof(VerboseExtent, VolumeOrdinal));
-      e.validity = r.Get<uint32_t>(at + offsetof(VerboseExtent, validity));
+      namespace x = wire::VerboseExtent;
+      e.logical = r.Get(x::LogicalByteAddr, at);
+      e.physical = r.Get(x::PhysicalByteAddr, at);
+      e.length = r.Get(x::nBytes, at);
+      e.volumeOrdinal = r.Get(x::VolumeOrdinal, at);
+      e.validity = r.Get(x::validity, at);
       e.kind = "bytes vol " + std::to_string(e.volumeOrdinal) + " valid " + std::to_string(e.validity);
     }
     m.extents.push_back(e);
@@ -358,51 +373,54 @@ void ReadExtents(const FieldReader& r, const Bytes& reply, size_t base, FileMap&
 std::optional<ReplyHeader> ParseHeader(const Bytes& message) {
   if (message.size() < LAN_HEADER_SIZE) return std::nullopt;
   ReplyHeader h;
-  h.swapped = Read<uint32_t>(message, offsetof(LanHeader, byteOrder)) != LAN_BYTEORDER_MARK;
+  namespace f = wire::LanHeader;
+  h.swapped = FieldReader(message, false).Get(f::byteOrder) != LAN_BYTEORDER_MARK;
   FieldReader r(message, h.swapped);
-  h.revision = r.Get<int32_t>(offsetof(LanHeader, revision));
-  std::memcpy(h.messageID.data(), message.data() + offsetof(LanHeader, messageID),
-              LAN_MSGID_SIZE);
-  h.functionCode = r.Get<int32_t>(offsetof(LanHeader, functionCode));
-  h.length = r.Get<uint32_t>(offsetof(LanHeader, length));
-  h.flags = r.Get<uint32_t>(offsetof(LanHeader, flags));
-  h.result = r.Get<int32_t>(offsetof(LanHeader, result));
-  h.pathSeparator = r.Get<uint16_t>(offsetof(LanHeader, pathSeparator));
+  h.revision = r.Get(f::revision);
+  std::memcpy(h.messageID.data(), message.data() + f::messageID.offset, f::messageID.width);
+  h.functionCode = r.Get(f::functionCode);
+  h.length = r.Get(f::length);
+  h.flags = r.Get(f::flags);
+  h.result = r.Get(f::result);
+  h.pathSeparator = r.Get(f::pathSeparator);
   return h;
 }
 
 std::optional<GetVolumeInfo> ParseGetVolumeReply(const Bytes& reply) {
   std::optional<ReplyHeader> header = ParseHeader(reply);
   if (!header || header->functionCode != -SP_FUNC_GETVOLUME ||
-      reply.size() < SP_GETVOLUME_TEXT_OFFSET)
+      reply.size() < wire::GetVolumeReply::kLayout.size)
     return std::nullopt;
   GetVolumeInfo v;
   v.header = *header;
   FieldReader r(reply, header->swapped);
-  constexpr size_t kVol = SP_GETVOLUME_VOLINFO_OFFSET;
-  v.result = r.Get<int32_t>(offsetof(GetVolumeReply, result));
-  v.msgLen = r.Get<int32_t>(kVol + offsetof(VolInfo, msgLen));
-  v.vendorStatus = r.Get<int32_t>(kVol + offsetof(VolInfo, vendorStatus));
-  v.fsType = r.Get<int32_t>(kVol + offsetof(VolInfo, FStype));
-  v.glomType = r.Get<int32_t>(kVol + offsetof(VolInfo, GlomType));
-  v.glomInfo = r.Get<int32_t>(kVol + offsetof(VolInfo, GlomInfo));
-  v.nDisks = r.Get<uint32_t>(kVol + offsetof(VolInfo, nDisks));
-  v.blockSize = r.Get<int32_t>(kVol + offsetof(VolInfo, BlockSize));
-  std::memcpy(v.cookie.data(), reply.data() + kVol + offsetof(VolInfo, Cookie), FS_COOKIE_SIZE);
+  namespace f = wire::VolInfo;
+  constexpr size_t kVol = wire::GetVolumeReply::volInfo.offset;
+  v.result = r.Get(wire::GetVolumeReply::result);
+  v.msgLen = r.Get(f::msgLen, kVol);
+  v.vendorStatus = r.Get(f::vendorStatus, kVol);
+  v.fsType = r.Get(f::FStype, kVol);
+  v.glomType = r.Get(f::GlomType, kVol);
+  v.glomInfo = r.Get(f::GlomInfo, kVol);
+  v.nDisks = r.Get(f::nDisks, kVol);
+  v.blockSize = r.Get(f::BlockSize, kVol);
+  std::memcpy(v.cookie.data(), reply.data() + kVol + f::Cookie.offset, f::Cookie.width);
 
-  constexpr size_t kTable = SP_GETVOLUME_TEXT_OFFSET;
+  constexpr size_t kTable = kVol + f::kLayout.size;
   if (v.vendorStatus == 0) {
-    size_t fit = (reply.size() - kTable) / FSDISK_SIZE;
+    constexpr size_t kDisk = wire::FSDisk::kLayout.size;
+    size_t fit = (reply.size() - kTable) / kDisk;
     size_t count = std::min<size_t>(v.nDisks, fit);
     v.disksTruncated = count < v.nDisks;
     for (size_t i = 0; i < count; ++i) {
-      size_t at = kTable + i * FSDISK_SIZE;
+      size_t at = kTable + i * kDisk;
       VolumeDisk d;
-      std::memcpy(d.diskId.data(), reply.data() + at + offsetof(FSDisk, DiskID), FSDISK_ID_SIZE);
-      d.idLength = r.Get<uint32_t>(at + offsetof(FSDisk, IDlength));
-      d.idOffset = r.Get<int64_t>(at + offsetof(FSDisk, IDoffset));
-      d.blockOffset = r.Get<int64_t>(at + offsetof(FSDisk, BlockOffset));
-      d.nBlocks = r.Get<int64_t>(at + offsetof(FSDisk, nBlocks));
+      namespace k = wire::FSDisk;
+      std::memcpy(d.diskId.data(), reply.data() + at + k::DiskID.offset, k::DiskID.width);
+      d.idLength = r.Get(k::IDlength, at);
+      d.idOffset = r.Get(k::IDoffset, at);
+      d.blockOffset = r.Get(k::BlockOffset, at);
+      d.nBlocks = r.Get(k::nBlocks, at);
       v.disks.push_back(d);
     }
   } else {
@@ -415,35 +433,39 @@ std::optional<MapReply> ParseMapReply(const Bytes& reply) {
   std::optional<ReplyHeader> header = ParseHeader(reply);
   const bool initial = header && header->functionCode == -SP_FUNC_GETINITIALMAP;
   if (!header || (!initial && header->functionCode != -SP_FUNC_GETEXTENDEDMAP) ||
-      reply.size() < offsetof(GetInitialMapReply, lease))
+      reply.size() < wire::GetInitialMapReply::lease.offset)
     return std::nullopt;
   MapReply m;
   m.header = *header;
   FieldReader r(reply, header->swapped);
-  m.result = r.Get<int32_t>(offsetof(GetInitialMapReply, result));
-  m.lease = r.Get<uint32_t>(offsetof(GetInitialMapReply, lease));
-  size_t base = SP_GETEXTENDEDMAP_MAP_OFFSET;
+  // result and lease sit at the same offsets in both replies.
+  static_assert(wire::GetInitialMapReply::result.offset == wire::GetExtendedMapReply::result.offset &&
+                wire::GetInitialMapReply::lease.offset == wire::GetExtendedMapReply::lease.offset);
+  m.result = r.Get(wire::GetInitialMapReply::result);
+  m.lease = r.Get(wire::GetInitialMapReply::lease);
+  size_t base = wire::GetExtendedMapReply::map.offset;
   if (initial) {
-    base = SP_GETINITIALMAP_MAP_OFFSET;
-    m.key = r.Get<uint32_t>(offsetof(GetInitialMapReply, key));
+    namespace f = wire::GetInitialMapReply;
+    base = f::map.offset;
+    m.key = r.Get(f::key);
     if (reply.size() >= base) {
-      std::memcpy(m.fileCookie.data(), reply.data() + offsetof(GetInitialMapReply, fileCookie),
-                  FS_COOKIE_SIZE);
-      std::memcpy(m.volumeCookie.data(),
-                  reply.data() + offsetof(GetInitialMapReply, volumeCookie), FS_COOKIE_SIZE);
+      std::memcpy(m.fileCookie.data(), reply.data() + f::fileCookie.offset, f::fileCookie.width);
+      std::memcpy(m.volumeCookie.data(), reply.data() + f::volumeCookie.offset,
+                  f::volumeCookie.width);
     }
   }
   m.hasMap = reply.size() >= base + FSMAPINFO_FIXED_SIZE;
   if (!m.hasMap) return m;
   FileMap& f = m.map;
-  f.fileSize = r.Get<int64_t>(base + offsetof(FSMapInfo, fileSize));
-  f.allocation = r.Get<int64_t>(base + offsetof(FSMapInfo, allocation));
-  f.msgLen = r.Get<int32_t>(base + offsetof(FSMapInfo, msgLen));
-  f.vendorStatus = r.Get<int32_t>(base + offsetof(FSMapInfo, vendorStatus));
-  f.nExtents = r.Get<int32_t>(base + offsetof(FSMapInfo, nExtents));
-  f.extentType = r.Get<uint32_t>(base + offsetof(FSMapInfo, extentType));
-  f.fileOffset = r.Get<int64_t>(base + offsetof(FSMapInfo, fileOffset));
-  f.fileBytes = r.Get<int64_t>(base + offsetof(FSMapInfo, fileBytes));
+  namespace k = wire::FSMapInfo;
+  f.fileSize = r.Get(k::fileSize, base);
+  f.allocation = r.Get(k::allocation, base);
+  f.msgLen = r.Get(k::msgLen, base);
+  f.vendorStatus = r.Get(k::vendorStatus, base);
+  f.nExtents = r.Get(k::nExtents, base);
+  f.extentType = r.Get(k::extentType, base);
+  f.fileOffset = r.Get(k::fileOffset, base);
+  f.fileBytes = r.Get(k::fileBytes, base);
   ReadExtents(r, reply, base, f);
   return m;
 }
@@ -452,13 +474,14 @@ std::optional<StatusReply> ParseStatusReply(const Bytes& reply) {
   std::optional<ReplyHeader> header = ParseHeader(reply);
   if (!header || (header->functionCode != -SP_FUNC_SETSIZE &&
                   header->functionCode != -SP_FUNC_CLOSE) ||
-      reply.size() < offsetof(SetSizeReply, lease))
+      reply.size() < wire::SetSizeReply::lease.offset)
     return std::nullopt;
   FieldReader r(reply, header->swapped);
   StatusReply s;
   s.header = *header;
-  s.result = r.Get<int32_t>(offsetof(SetSizeReply, result));
-  if (header->functionCode == -SP_FUNC_SETSIZE) s.lease = r.Get<uint32_t>(offsetof(SetSizeReply, lease));
+  static_assert(wire::SetSizeReply::result.offset == wire::CloseReply::result.offset);
+  s.result = r.Get(wire::SetSizeReply::result);
+  if (header->functionCode == -SP_FUNC_SETSIZE) s.lease = r.Get(wire::SetSizeReply::lease);
   return s;
 }
 

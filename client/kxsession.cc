@@ -15,18 +15,12 @@
 #include <cstring>
 
 #include "spmsgs.h"
+#include "wire_fields.h"
+#include "wire_functions.h"
 
 namespace kestrix::client {
 
 namespace {
-
-void Reverse(Bytes& m, size_t offset, size_t width) {
-  if (offset + width <= m.size()) std::reverse(m.begin() + offset, m.begin() + offset + width);
-}
-
-void ReverseUnits(Bytes& m, size_t offset, size_t units) {
-  for (size_t i = 0; i < units; ++i) Reverse(m, offset + 2 * i, 2);
-}
 
 std::optional<std::string> ResolveIPv4(const std::string& host) {
   addrinfo hints{};
@@ -57,30 +51,10 @@ void SwapRequest(Bytes& m) {
   if (m.size() < LAN_HEADER_SIZE) return;
   const int32_t code = HeaderOf(m)->functionCode;
   SwapHeader(m);
-  switch (code) {
-    case SP_FUNC_GETVOLUME:
-      ReverseUnits(m, offsetof(GetVolumeMsg, path), SP_PATH_UNITS);
-      break;
-    case SP_FUNC_GETINITIALMAP:
-      for (size_t at : {48, 56}) Reverse(m, at, 8);
-      for (size_t at : {64, 68, 72}) Reverse(m, at, 4);
-      ReverseUnits(m, offsetof(GetInitialMapMsg, names), SP_PATH_UNITS);
-      break;
-    case SP_FUNC_GETEXTENDEDMAP:
-      for (size_t at : {48, 56, 64, 72}) Reverse(m, at, 8);
-      for (size_t at : {80, 84, 88}) Reverse(m, at, 4);
-      break;
-    case SP_FUNC_SETSIZE:
-      Reverse(m, 48, 8);
-      for (size_t at : {56, 60}) Reverse(m, at, 4);
-      break;
-    case SP_FUNC_CLOSE:
-      Reverse(m, 48, 8);
-      Reverse(m, 56, 4);
-      break;
-    default:
-      break;
-  }
+  const wire::Function* function = wire::FunctionOf(code);
+  if (function == nullptr) return;
+  const wire::Layout* body = function->request;
+  wire::SwapFields(m.data(), m.size(), body->begin(), body->end(), false);
 }
 
 Client::Client(ClientOptions options) : options_(std::move(options)) {
@@ -210,9 +184,9 @@ std::optional<int32_t> Client::Command(const std::string& text) {
 std::optional<int32_t> ParseCommandReply(const Bytes& reply) {
   std::optional<ReplyHeader> h = ParseHeader(reply);
   if (!h || h->functionCode != -SP_FUNC_SENDSTRINGCMD ||
-      reply.size() < offsetof(SendStringCmdReply, zero))
+      reply.size() < wire::SendStringCmdReply::zero.offset)
     return std::nullopt;
-  uint32_t raw = Read<uint32_t>(reply, offsetof(SendStringCmdReply, result));
+  const auto raw = Read<uint32_t>(reply, wire::SendStringCmdReply::result.offset);
   return static_cast<int32_t>(h->swapped ? __builtin_bswap32(raw) : raw);
 }
 

@@ -28,6 +28,7 @@
 
 #include "sp/fsmdcsp.h"
 #include "sp/lease.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "unixmdc/kestrixd.h"
 #include "utils/ksxmem.h"
@@ -52,7 +53,9 @@ std::string Conf(const std::string& v, const std::string& cookie, const std::str
                   v + "\nfile /vol/" + v + "/g " + cookie + " G" + v + "\nfile /vol/" + v +
                   "/x - X\nmaxlease.read 60\n";
   if (s.size() < 5) return c;
-  auto r = [&](int byte, int shift) { return std::to_string(kResults[(s[byte] >> shift) & 7]) + "\n"; };
+  auto r = [&](int byte, int shift) {
+    return std::to_string(kResults[(s[byte] >> shift) & 7]) + "\n";
+  };
   c += "result FS_GetVolCookie " + r(0, 0) + "result FS_GetVolByCookie " + r(0, 4) +
        "result FS_GetCookies " + r(1, 0) + "result FS_GetLockedMap " + r(1, 4) +
        "result FS_SetFileSizes " + r(2, 0) + "result FS_GetMaxLeases " + r(3, 4) + "vol.nDisks " +
@@ -85,7 +88,8 @@ void Reset(bool openLease) {
   FSULONG answered, inProcess;
   kestrix::TrackerCounts(info, &answered, &inProcess);
   if (answered + inProcess != 0) abort();
-  if (GetLogLevel() != g_level || g_logPath != g_filename) OSL_SetLog(&g_level, g_logPath.c_str(), "kestrixd");
+  if (GetLogLevel() != g_level || g_logPath != g_filename)
+    OSL_SetLog(&g_level, g_logPath.c_str(), "kestrixd");
   if (ftruncate(g_log, 0) != 0) abort();
   globalKey = 0;
   uint8_t vol[FS_COOKIE_SIZE] = "VOLA", file[FS_COOKIE_SIZE] = "Fa", id[LAN_MSGID_SIZE] = "lease";
@@ -113,8 +117,10 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   setenv("KESTRIX_LOG_DIR", logDir.c_str(), 1);
   for (const char* name : {"/lib/liba.so", "/lib/libb.so"})
     std::filesystem::copy_file(KESTRIX_FUZZ_TESTFS, g_dir + name);
-  Write(g_dir + "/smb.conf", "[data]\n   path = /vol/a\n[other]\n   path = /vol/b\n[bare]\n   path = "
-                             "relative\n[long]\n   path = /" + std::string(300, 'l') + "\n[homes]\n");
+  const std::string longPath = "/" + std::string(300, 'l');
+  Write(g_dir + "/smb.conf",
+        "[data]\n   path = /vol/a\n[other]\n   path = /vol/b\n[bare]\n   path = relative\n"
+        "[long]\n   path = " + longPath + "\n[homes]\n");
   setenv("KESTRIX_LIBDIR", (g_dir + "/lib").c_str(), 1);
   setenv("KESTRIX_TESTFS_DIR", (g_dir + "/steer").c_str(), 1);
   setenv("KESTRIX_SMBPATH", (g_dir + "/smb.conf").c_str(), 1);
@@ -130,13 +136,15 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   const uint8_t volume[FS_COOKIE_SIZE] = "VOLA";
   AddVolumeDispatcherToList(volume, libs[0]);
   // Replies go to the discard port of the loopback: nobody reads them.
-  g_sender = {socket(AF_INET, SOCK_DGRAM, 0), {AF_INET, htons(9), {htonl(INADDR_LOOPBACK)}, {}}, {}};
+  g_sender = {
+      socket(AF_INET, SOCK_DGRAM, 0), {AF_INET, htons(9), {htonl(INADDR_LOOPBACK)}, {}}, {}};
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool scripted = size >= 6 && data[0] == '#';
-  const std::string script = scripted ? std::string(reinterpret_cast<const char*>(data + 1), 5) : "";
+  const std::string script =
+      scripted ? std::string(reinterpret_cast<const char*>(data + 1), 5) : "";
   Script(script);
   if (scripted) data += 6, size -= 6;
   if (size == 0) return 0;  // the listener never passes an empty datagram on
@@ -156,7 +164,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (g_level == KSX_ERROR && GetLogLevel() == KSX_ERROR && g_logPath == g_filename) {
     const ssize_t n = pread(g_log, g_buffer, sizeof g_buffer, 0);
-    if (n > 0 && std::count(g_buffer, g_buffer + n, '\n') > kMaxLines * (1 + (script[4] & 3))) abort();
+    if (n > 0 && std::count(g_buffer, g_buffer + n, '\n') > kMaxLines * (1 + (script[4] & 3)))
+      abort();
   }
   Reset(false);
   static unsigned inputs = 0;  // the plug-ins' call records are not needed

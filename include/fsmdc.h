@@ -120,55 +120,14 @@ static inline const uint8_t* FSMapInfoExtentsConst(const struct FSMapInfo* m) {
 #ifdef __cplusplus
 }  // extern "C"
 
+// Sizes only: every field is checked against its row in wire_fields.h.
 static_assert(sizeof(FSSystem) == FSSYSTEM_SIZE);
-
 static_assert(sizeof(FSDisk) == FSDISK_SIZE);
-static_assert(offsetof(FSDisk, DiskID) == 0);
-static_assert(offsetof(FSDisk, IDoffset) == 16);
-static_assert(offsetof(FSDisk, BlockOffset) == 24);
-static_assert(offsetof(FSDisk, nBlocks) == 32);
-static_assert(offsetof(FSDisk, IDlength) == 40);
-static_assert(offsetof(FSDisk, reserved1) == 44);
-static_assert(offsetof(FSDisk, reserved2) == 48);
-
 static_assert(sizeof(VolInfo) == VOLINFO_FIXED_SIZE);
-static_assert(offsetof(VolInfo, msgLen) == 0);
-static_assert(offsetof(VolInfo, vendorStatus) == 4);
-static_assert(offsetof(VolInfo, FStype) == 8);
-static_assert(offsetof(VolInfo, GlomType) == 12);
-static_assert(offsetof(VolInfo, GlomInfo) == 16);
-static_assert(offsetof(VolInfo, nDisks) == 20);
-static_assert(offsetof(VolInfo, BlockSize) == 24);
-static_assert(offsetof(VolInfo, reserved) == 28);
-static_assert(offsetof(VolInfo, Cookie) == 32);
-static_assert(offsetof(VolInfo, fsSystem) == 64);
-
 static_assert(sizeof(FSMapInfo) == FSMAPINFO_FIXED_SIZE);
-static_assert(offsetof(FSMapInfo, fileSize) == 0);
-static_assert(offsetof(FSMapInfo, allocation) == 8);
-static_assert(offsetof(FSMapInfo, msgLen) == 16);
-static_assert(offsetof(FSMapInfo, vendorStatus) == 20);
-static_assert(offsetof(FSMapInfo, nExtents) == 24);
-static_assert(offsetof(FSMapInfo, extentType) == 28);
-static_assert(offsetof(FSMapInfo, fileOffset) == 32);
-static_assert(offsetof(FSMapInfo, fileBytes) == 40);
-static_assert(offsetof(FSMapInfo, reserved) == 48);
-
 static_assert(sizeof(CompactExtent) == COMPACT_EXTENT_SIZE);
-static_assert(offsetof(CompactExtent, BlockOffset) == 0);
-static_assert(offsetof(CompactExtent, nBlocks) == 8);
-
 static_assert(sizeof(VerboseExtent) == VERBOSE_EXTENT_SIZE);
-static_assert(offsetof(VerboseExtent, LogicalByteAddr) == 0);
-static_assert(offsetof(VerboseExtent, PhysicalByteAddr) == 8);
-static_assert(offsetof(VerboseExtent, nBytes) == 16);
-static_assert(offsetof(VerboseExtent, VolumeOrdinal) == 24);
-static_assert(offsetof(VerboseExtent, validity) == 28);
-
 static_assert(sizeof(SimpleExtent) == SIMPLE_EXTENT_SIZE);
-static_assert(offsetof(SimpleExtent, VolOrd) == 0);
-static_assert(offsetof(SimpleExtent, VolSliceBlock) == 8);
-static_assert(offsetof(SimpleExtent, NBlocks) == 16);
 #endif
 
 #endif  // KESTRIX_INCLUDE_FSMDC_H_

@@ -31,17 +31,8 @@ enum {
 };
 
 #ifdef __cplusplus
+// Every field is checked against its row in wire_fields.h.
 static_assert(sizeof(LanHeader) == 48);
-static_assert(offsetof(LanHeader, byteOrder) == 0);
-static_assert(offsetof(LanHeader, revision) == 4);
-static_assert(offsetof(LanHeader, messageID) == 8);
-static_assert(offsetof(LanHeader, functionCode) == 24);
-static_assert(offsetof(LanHeader, length) == 28);
-static_assert(offsetof(LanHeader, flags) == 32);
-static_assert(offsetof(LanHeader, result) == 36);
-static_assert(offsetof(LanHeader, reserved1) == 40);
-static_assert(offsetof(LanHeader, pathSeparator) == 42);
-static_assert(offsetof(LanHeader, reserved2) == 44);
 
 // A reply's function code: the request's negated in two's complement, so that
 // the most negative code maps to itself instead of overflowing.

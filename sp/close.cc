@@ -1,9 +1,10 @@
 // Close: a client gives up its lease, optionally setting the file's final
 // size (the allocation follows it); the last lease on a file to go unlocks
 // its map in the library.
+#include "sp/close.h"
+
 #include "sp/fsmdcsp.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/sp_sup.h"
 #include "spmsgs.h"

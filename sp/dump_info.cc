@@ -1,9 +1,10 @@
 // The state dump a SIGUSR1 asks for: the lease list, then the duplicate
 // counters of the LAN server. It has the shape of a handler, but no function
 // code reaches it: only the daemon's signal thread calls it.
+#include "sp/dump_info.h"
+
 #include "sp/fsmdcsp.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/lease.h"
 #include "spmsgs.h"
 #include "utils/lanserver.h"

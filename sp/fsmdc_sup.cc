@@ -7,6 +7,8 @@
 // count cannot make a dump read past the reply buffer.
 #include "sp/fsmdc_sup.h"
 
+#include "utils/field_walk.h"
+
 #include <stdio.h>
 
 #include <algorithm>
@@ -48,22 +50,12 @@ void ForEachEntry(uint64_t count, uint64_t base, uint64_t size, uint64_t limit, 
   }
 }
 
-void LogInt(const char* label, int value) { OSL_Log(KSX_SP, "%s %d\n", label, value); }
-void LogLong(const char* label, FS64LONG value) {
-  OSL_Log(KSX_SP, "%s %lld\n", label, static_cast<long long>(value));
-}
 void LogText(const char* label, const char* text) { OSL_Log(KSX_SP, "%s %s\n", label, text); }
 
 }  // namespace
 
 void TransVolInfoWithin(VolInfo* info, uint64_t limit) {
-  doendian(&info->msgLen, 4);
-  doendian(&info->vendorStatus, 4);
-  doendian(&info->FStype, 4);
-  doendian(&info->GlomType, 4);
-  doendian(&info->GlomInfo, 4);
-  doendian(&info->nDisks, 4);
-  doendian(&info->BlockSize, 4);
+  ConvertFields(info, wire::VolInfo::kLayout);
   FSMDCSUP_TransFSSystem(&info->fsSystem);
   uint8_t* base = reinterpret_cast<uint8_t*>(info);
   ForEachEntry(info->nDisks, VOLINFO_FIXED_SIZE, FSDISK_SIZE, limit, [&](uint64_t offset) {
@@ -72,14 +64,7 @@ void TransVolInfoWithin(VolInfo* info, uint64_t limit) {
 }
 
 void TransMapInfoWithin(FSMapInfo* map, uint64_t limit) {
-  doendian(&map->fileSize, 8);
-  doendian(&map->allocation, 8);
-  doendian(&map->fileOffset, 8);
-  doendian(&map->fileBytes, 8);
-  doendian(&map->msgLen, 4);
-  doendian(&map->vendorStatus, 4);
-  doendian(&map->nExtents, 4);
-  doendian(&map->extentType, 4);
+  ConvertFields(map, wire::FSMapInfo::kLayout);
   const uint64_t size = ExtentSize(map->extentType);
   if (size == 0 || map->nExtents <= 0) return;
   uint8_t* base = reinterpret_cast<uint8_t*>(map);
@@ -98,14 +83,7 @@ void TransMapInfoWithin(FSMapInfo* map, uint64_t limit) {
 
 void DumpVolInfoWithin(const VolInfo* info, uint64_t limit) {
   if (GetLogLevel() < KSX_SP) return;  // every line is at level 4
-  LogInt("msgLen", info->msgLen);
-  LogInt("FStype", info->FStype);
-  LogInt("vendorStatus", info->vendorStatus);
-  LogInt("GlomType", info->GlomType);
-  LogInt("GlomInfo", info->GlomInfo);
-  LogInt("BlockSize", info->BlockSize);
-  char cookie[3 * FS_COOKIE_SIZE + 1];
-  LogText("Cookie", bytesToString(info->Cookie, FS_COOKIE_SIZE, cookie));
+  DumpFields(info, wire::VolInfo::kLayout);
 
   if (info->vendorStatus != 0) {
     char text[128];
@@ -123,7 +101,7 @@ void DumpVolInfoWithin(const VolInfo* info, uint64_t limit) {
     LogText("vError", text);
     return;
   }
-  LogInt("nDisks", static_cast<int>(info->nDisks));
+  DumpField(info, wire::VolInfo::nDisks);
   const uint8_t* base = reinterpret_cast<const uint8_t*>(info);
   ForEachEntry(info->nDisks, VOLINFO_FIXED_SIZE, FSDISK_SIZE, limit, [&](uint64_t offset) {
     FSMDCSUP_DumpFSDisk(reinterpret_cast<const FSDisk*>(base + offset));
@@ -132,14 +110,7 @@ void DumpVolInfoWithin(const VolInfo* info, uint64_t limit) {
 
 void DumpFSMapInfoWithin(const FSMapInfo* map, uint64_t limit) {
   if (GetLogLevel() < KSX_SP) return;  // every line is at level 4
-  LogInt("msgLen", map->msgLen);
-  LogInt("vendorStatus", map->vendorStatus);
-  LogLong("fileSize", map->fileSize);
-  LogLong("allocation", map->allocation);
-  LogLong("fileOffset", map->fileOffset);
-  LogLong("fileBytes", map->fileBytes);
-  LogInt("nExtents", map->nExtents);
-  LogInt("extentType", static_cast<int>(map->extentType));
+  DumpFields(map, wire::FSMapInfo::kLayout);
   const uint64_t size = ExtentSize(map->extentType);
   if (size == 0 || map->nExtents <= 0) return;
   const uint8_t* base = reinterpret_cast<const uint8_t*>(map);
@@ -158,7 +129,10 @@ void DumpFSMapInfoWithin(const FSMapInfo* map, uint64_t limit) {
 
 }  // namespace kestrix
 
+using kestrix::ConvertFields;
+using kestrix::DumpFields;
 using kestrix::kNoByteLimit;
+namespace wire = kestrix::wire;
 
 extern "C" {
 
@@ -167,33 +141,20 @@ void FSMDCSUP_TransVolInfo(VolInfo* info) { kestrix::TransVolInfoWithin(info, kN
 // All of its fields are single bytes.
 void FSMDCSUP_TransFSSystem(FSSystem* system) {}
 
-void FSMDCSUP_TransFSDisk(FSDisk* disk) {
-  doendian(&disk->IDoffset, 8);
-  doendian(&disk->BlockOffset, 8);
-  doendian(&disk->nBlocks, 8);
-  doendian(&disk->IDlength, 4);
-  doendian(&disk->reserved1, 4);
-}
+void FSMDCSUP_TransFSDisk(FSDisk* disk) { ConvertFields(disk, wire::FSDisk::kLayout); }
 
 void FSMDCSUP_TransMapInfo(FSMapInfo* map) { kestrix::TransMapInfoWithin(map, kNoByteLimit); }
 
 void FSMDCSUP_TransCompactExtent(CompactExtent* extent) {
-  doendian(&extent->BlockOffset, 8);
-  doendian(&extent->nBlocks, 8);
+  ConvertFields(extent, wire::CompactExtent::kLayout);
 }
 
 void FSMDCSUP_TransSimpleExtent(SimpleExtent* extent) {
-  doendian(&extent->VolOrd, 8);
-  doendian(&extent->VolSliceBlock, 8);
-  doendian(&extent->NBlocks, 8);
+  ConvertFields(extent, wire::SimpleExtent::kLayout);
 }
 
 void FSMDCSUP_TransVerboseExtent(VerboseExtent* extent) {
-  doendian(&extent->LogicalByteAddr, 8);
-  doendian(&extent->PhysicalByteAddr, 8);
-  doendian(&extent->nBytes, 8);
-  doendian(&extent->VolumeOrdinal, 4);
-  doendian(&extent->validity, 4);
+  ConvertFields(extent, wire::VerboseExtent::kLayout);
 }
 
 void FSMDCSUP_DumpVolInfo(const VolInfo* info) { kestrix::DumpVolInfoWithin(info, kNoByteLimit); }
@@ -202,11 +163,8 @@ void FSMDCSUP_DumpFSDisk(const FSDisk* disk) {
   // Never read past the DiskID field, whatever IDlength says.
   const int count = static_cast<int>(std::min<FSULONG>(disk->IDlength, FSDISK_ID_SIZE));
   char id[3 * FSDISK_ID_SIZE + 1];
-  kestrix::LogText("DiskID", FSMDCSUP_DiskIdToString(disk->DiskID, count, id));
-  kestrix::LogInt("IDlength", static_cast<int>(disk->IDlength));
-  kestrix::LogLong("IDoffset", disk->IDoffset);
-  kestrix::LogLong("BlockOffset", disk->BlockOffset);
-  kestrix::LogLong("nBlocks", disk->nBlocks);
+  kestrix::LogText(wire::FSDisk::DiskID.name, FSMDCSUP_DiskIdToString(disk->DiskID, count, id));
+  DumpFields(disk, wire::FSDisk::kLayout);
 }
 
 char* FSMDCSUP_DiskIdToString(const uint8_t* bytes, int count, char* text) {
@@ -226,23 +184,15 @@ void FSMDCSUP_DumpFSMapInfo(const FSMapInfo* map) {
 }
 
 void FSMDCSUP_DumpCompactExtent(const CompactExtent* extent) {
-  kestrix::LogLong("BlockOffset", extent->BlockOffset);
-  kestrix::LogLong("nBlocks", extent->nBlocks);
+  DumpFields(extent, wire::CompactExtent::kLayout);
 }
 
 void FSMDCSUP_DumpSimpleExtent(const SimpleExtent* extent) {
-  // The volume ordinal is printed as 32 bits: its low half.
-  kestrix::LogInt("VolOrd", static_cast<int>(static_cast<uint32_t>(extent->VolOrd)));
-  kestrix::LogLong("VolSliceBlock", extent->VolSliceBlock);
-  kestrix::LogLong("NBlocks", extent->NBlocks);
+  DumpFields(extent, wire::SimpleExtent::kLayout);
 }
 
 void FSMDCSUP_DumpVerboseExtent(const VerboseExtent* extent) {
-  kestrix::LogInt("VolumeOrdinal", static_cast<int>(extent->VolumeOrdinal));
-  kestrix::LogLong("LogicalByteAddr", extent->LogicalByteAddr);
-  kestrix::LogLong("PhysicalByteAddr", extent->PhysicalByteAddr);
-  kestrix::LogLong("nBytes", extent->nBytes);
-  kestrix::LogInt("validity", static_cast<int>(extent->validity));
+  DumpFields(extent, wire::VerboseExtent::kLayout);
 }
 
 }  // extern "C"

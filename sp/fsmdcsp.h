@@ -1,6 +1,8 @@
 // The metadata service provider: start-up, the library table, the volume
 // dispatcher list and reply buffers. The lease list lives in sp/lease.h, the
-// handlers in sp/handlers.h, the path helpers in sp/path_helpers.h.
+// state record in sp/sp_state.h, each handler in the header named after its
+// request (registered by sp/handlers.h), the path helpers in
+// sp/path_helpers.h.
 #ifndef KESTRIX_SP_FSMDCSP_H_
 #define KESTRIX_SP_FSMDCSP_H_
 
@@ -26,13 +28,6 @@ typedef struct VolumeDispatcher {
   uint8_t volumeCookie[FS_COOKIE_SIZE];
   FsLibrary* library;
 } VolumeDispatcher;
-
-// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
-// outside the daemon that looks them up; the daemon uses spState.
-extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
-extern FSLONG libCount;
-extern VolumeDispatcher dispatchListHeadGlb;
-extern void* dispatchListLock;
 
 // Where the service provider gets its filesystem libraries: each call
 // returns the next one that loaded (malloc'd, handed over), null when no

@@ -1,13 +1,14 @@
 // GetExtendedMap handler: more extents of an already opened file. The lease
 // holder names a range (and may set new sizes on the way); the library
 // writes that part of the map into the reply and the lease is extended.
+#include "sp/getextendedmap.h"
+
 #include <algorithm>
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
 #include "sp/path_helpers.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"

@@ -4,13 +4,14 @@
 // library locks the map and writes the extents directly into the reply
 // buffer; sizes the client sent are applied; the answer carries the key,
 // the lease granted, both cookies and the extents.
+#include "sp/getinitialmap.h"
+
 #include <cstring>
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
 #include "sp/path_helpers.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"

@@ -1,13 +1,14 @@
 // GetVolume: maps a share name (or an absolute path) to its mount point,
 // finds the library that serves the volume, records the pairing for later
 // requests, and returns the volume's description with its disks.
+#include "sp/getvolume.h"
+
 #include <string.h>
 
 #include "fsmdc.h"
 #include "sp/fsmdcsp.h"
 #include "sp/path_helpers.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/sp_sup.h"
 #include "sp/sp_state.h"
 #include "spmsgs.h"

@@ -1,6 +1,12 @@
 // Which handler answers which function code.
 #include "sp/handlers.h"
 
+#include "sp/close.h"
+#include "sp/getextendedmap.h"
+#include "sp/getinitialmap.h"
+#include "sp/getvolume.h"
+#include "sp/sendstringcmd.h"
+#include "sp/setsize.h"
 #include "spmsgs.h"
 #include "utils/lanserver.h"
 

@@ -51,12 +51,6 @@ enum {
   LEASE_NOT_FOUND_REMOVE = 408,
 };
 
-// Exported names of fields of kestrix::spState (sp/sp_state.h), for code
-// outside the daemon that looks them up; the daemon uses spState.
-extern LeaseEntry leaseListHeadGlb;
-extern void* leaseListLock;
-extern FSULONG globalKey;  // the next key to hand out; random at start, wraps to 0
-
 // Take spState.leaseLock themselves.
 // AddLeaseToList returns 0, -1 when there is no memory, or
 // SP_RESULT_LEASE_LIMIT when the sender or the daemon holds as many leases

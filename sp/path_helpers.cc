@@ -1,6 +1,7 @@
-// Request path helpers of the service provider: the size of the large reply
-// buffers, the file name after the share name in a GetInitialMap request,
-// joining a mount point and a file name, and FSUNI diagnostic printers.
+// Helpers the request handlers share: how large the big reply buffers are
+// (MAXDGRAM), where a GetInitialMap request's file name starts after its
+// share, joining a mount point and a file name, and printers of FSUNI text
+// for diagnostics.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -3,11 +3,12 @@
 // each library that has FS_SetLog); every command, known or not, gets 0.
 // A file destination is checked against KESTRIX_LOG_DIR (utils/log_dir.h)
 // and then logged to by its resolved name.
+#include "sp/sendstringcmd.h"
+
 #include <string>
 
 #include "sp/fsmdcsp.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "utils/config.h"

@@ -2,9 +2,10 @@
 // the library serving it, leaving the allocated space alone; when that
 // works the lease is extended too, so a writer growing a file keeps it
 // without a separate renewal.
+#include "sp/setsize.h"
+
 #include "sp/fsmdcsp.h"
 #include "sp/handler_common.h"
-#include "sp/handlers.h"
 #include "sp/lease.h"
 #include "sp/lease_expiry.h"
 #include "sp/sp_sup.h"

@@ -11,6 +11,19 @@
 #include "sp/fsmdcsp.h"
 #include "sp/lease.h"
 
+// The fields of kestrix::spState under the C names the daemon's earlier
+// releases had, for plug-ins and tools that look them up by name (they are
+// made in sp_state.cc); the daemon itself uses spState.
+extern "C" {
+extern FsLibrary* libs[FSMDCSP_MAX_LIBS];
+extern FSLONG libCount;
+extern VolumeDispatcher dispatchListHeadGlb;
+extern void* dispatchListLock;
+extern LeaseEntry leaseListHeadGlb;
+extern void* leaseListLock;
+extern FSULONG globalKey;  // the next key to hand out; random at start, wraps to 0
+}
+
 namespace kestrix {
 
 struct ServiceProviderState {
@@ -31,10 +44,7 @@ struct ServiceProviderState {
   std::atomic<bool> purgeRunning;
 };
 
-// The one instance. Its fields are also exported under the C names the
-// daemon's earlier releases had (libs, libCount, dispatchListHeadGlb,
-// dispatchListLock, leaseListHeadGlb, leaseListLock, globalKey), for
-// plug-ins and tools that look them up; the daemon itself uses spState.
+// The one instance; its fields are also exported under the C names above.
 extern ServiceProviderState spState asm("kestrix_sp_state");
 
 // Ends the purge thread, drops the libraries, dispatchers and leases

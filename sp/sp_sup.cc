@@ -15,9 +15,11 @@
 #include <algorithm>
 
 #include "sp/fsmdc_sup.h"
+#include "utils/field_walk.h"
 #include "utils/lan_sup.h"
 #include "utils/log.h"
 #include "utils/utils.h"
+#include "wire_functions.h"
 
 namespace kestrix {
 namespace {
@@ -42,16 +44,6 @@ uint64_t LimitFromLength(FSULONG length, uint64_t offset) {
 uint64_t ConversionLimit(const LanHeader* header, uint64_t offset) {
   if (header->length < LAN_HEADER_SIZE) return kNoByteLimit;
   return LimitFromLength(header->length, offset);
-}
-
-void LogInt(const char* label, int value) { OSL_Log(KSX_SP, "%s %d\n", label, value); }
-void LogHex(const char* label, FSULONG value) { OSL_Log(KSX_SP, "%s %x\n", label, value); }
-void LogLong(const char* label, FS64LONG value) {
-  OSL_Log(KSX_SP, "%s %lld\n", label, static_cast<long long>(value));
-}
-void LogCookie(const char* label, const uint8_t* cookie) {
-  char text[3 * FS_COOKIE_SIZE + 1];
-  OSL_Log(KSX_SP, "%s %s\n", label, bytesToString(cookie, FS_COOKIE_SIZE, text));
 }
 
 void Title(const char* title, const LanHeader* header) {
@@ -136,95 +128,86 @@ FSULONG GetExtendedMapReplyLength(const GetExtendedMapReply* reply, FSULONG buff
   return Clamp(GetExtendedMapReplyWantedLength(reply, bufferSize), bufferSize);
 }
 
+// The dump of each body, chosen by its struct in the function rows. A
+// SendStringCmd is logged by its handler, so its bodies have none here.
+void DumpBody(const GetVolumeMsg* msg, FSULONG) { SPSUP_DumpGetVolumeMsg(msg); }
+void DumpBody(const GetInitialMapMsg* msg, FSULONG) { SPSUP_DumpGetInitialMapMsg(msg); }
+void DumpBody(const GetExtendedMapMsg* msg, FSULONG) { SPSUP_DumpGetExtendedMapMsg(msg); }
+void DumpBody(const SetSizeMsg* msg, FSULONG) { SPSUP_DumpSetSizeMsg(msg); }
+void DumpBody(const CloseMsg* msg, FSULONG) { SPSUP_DumpCloseMsg(msg); }
+void DumpBody(const SendStringCmdMsg*, FSULONG) {}
+void DumpBody(const GetVolumeReply* r, FSULONG size) { SPSUP_DumpGetVolumeReply(r, size); }
+void DumpBody(const GetInitialMapReply* r, FSULONG size) { SPSUP_DumpGetInitialMapReply(r, size); }
+void DumpBody(const GetExtendedMapReply* r, FSULONG size) {
+  SPSUP_DumpGetExtendedMapReply(r, size);
+}
+void DumpBody(const SetSizeReply* r, FSULONG size) { SPSUP_DumpSetSizeReply(r, size); }
+void DumpBody(const CloseReply* r, FSULONG size) { SPSUP_DumpCloseReply(r, size); }
+void DumpBody(const SendStringCmdReply*, FSULONG) {}
+
 }  // namespace kestrix
 
 using kestrix::ConversionLimit;
+using kestrix::ConvertFields;
+using kestrix::DumpFields;
 using kestrix::LimitFromLength;
-using kestrix::LogCookie;
-using kestrix::LogHex;
-using kestrix::LogInt;
-using kestrix::LogLong;
 using kestrix::NeedsConversion;
 using kestrix::Title;
+namespace wire = kestrix::wire;
 
 extern "C" {
 
 // ---- request converters ----
 
 void SPSUP_TransLanGetVolume(GetVolumeMsg* msg) {
-  if (!NeedsConversion(&msg->header)) return;
-  endianizeFsUniArray(msg->path, sizeof(msg->path));
+  if (NeedsConversion(&msg->header)) ConvertFields(msg, wire::GetVolumeMsg::kLayout);
 }
 
 void SPSUP_TransLanGetInitialMap(GetInitialMapMsg* msg) {
-  if (!NeedsConversion(&msg->header)) return;
-  doendian(&msg->filesize, 8);
-  doendian(&msg->allocsize, 8);
-  doendian(&msg->lease, 4);
-  doendian(&msg->intention, 4);
-  doendian(&msg->flag, 4);
-  endianizeFsUniArray(msg->names, sizeof(msg->names));
+  if (NeedsConversion(&msg->header)) ConvertFields(msg, wire::GetInitialMapMsg::kLayout);
 }
 
 void SPSUP_TransLanGetExtendedMap(GetExtendedMapMsg* msg) {
-  if (!NeedsConversion(&msg->header)) return;
-  doendian(&msg->filesize, 8);
-  doendian(&msg->allocation, 8);
-  doendian(&msg->start, 8);
-  doendian(&msg->length, 8);
-  doendian(&msg->lease, 4);
-  doendian(&msg->key, 4);
-  doendian(&msg->flag, 4);
+  if (NeedsConversion(&msg->header)) ConvertFields(msg, wire::GetExtendedMapMsg::kLayout);
 }
 
 void SPSUP_TransLanSetSize(SetSizeMsg* msg) {
-  if (!NeedsConversion(&msg->header)) return;
-  doendian(&msg->filesize, 8);
-  doendian(&msg->lease, 4);
-  doendian(&msg->key, 4);
+  if (NeedsConversion(&msg->header)) ConvertFields(msg, wire::SetSizeMsg::kLayout);
 }
 
 void SPSUP_TransLanClose(CloseMsg* msg) {
-  if (!NeedsConversion(&msg->header)) return;
-  doendian(&msg->filesize, 8);
-  doendian(&msg->key, 4);
+  if (NeedsConversion(&msg->header)) ConvertFields(msg, wire::CloseMsg::kLayout);
 }
 
 // ---- reply converters ----
 
 void SPSUP_TransLanGetVolumeResp(GetVolumeReply* reply) {
   if (!NeedsConversion(&reply->header)) return;
-  doendian(&reply->result, 4);
+  ConvertFields(reply, wire::GetVolumeReply::kLayout);
   kestrix::TransVolInfoWithin(&reply->volInfo,
-                              ConversionLimit(&reply->header, SP_GETVOLUME_VOLINFO_OFFSET));
+                              ConversionLimit(&reply->header, wire::GetVolumeReply::volInfo.offset));
 }
 
 void SPSUP_TransLanGetInitialMapResp(GetInitialMapReply* reply) {
   if (!NeedsConversion(&reply->header)) return;
-  doendian(&reply->result, 4);
-  doendian(&reply->lease, 4);
-  doendian(&reply->key, 4);
+  ConvertFields(reply, wire::GetInitialMapReply::kLayout);
   kestrix::TransMapInfoWithin(&reply->map,
-                              ConversionLimit(&reply->header, SP_GETINITIALMAP_MAP_OFFSET));
+                              ConversionLimit(&reply->header, wire::GetInitialMapReply::map.offset));
 }
 
 void SPSUP_TransLanGetExtendedMapResp(GetExtendedMapReply* reply) {
   if (!NeedsConversion(&reply->header)) return;
-  doendian(&reply->result, 4);
-  doendian(&reply->lease, 4);
-  kestrix::TransMapInfoWithin(&reply->map,
-                              ConversionLimit(&reply->header, SP_GETEXTENDEDMAP_MAP_OFFSET));
+  ConvertFields(reply, wire::GetExtendedMapReply::kLayout);
+  kestrix::TransMapInfoWithin(
+      &reply->map, ConversionLimit(&reply->header, wire::GetExtendedMapReply::map.offset));
 }
 
 void SPSUP_TransLanSetSizeResp(SetSizeReply* reply) {
-  if (!NeedsConversion(&reply->header)) return;
-  doendian(&reply->result, 4);
-  doendian(&reply->lease, 4);
+  if (NeedsConversion(&reply->header)) ConvertFields(reply, wire::SetSizeReply::kLayout);
 }
 
 void SPSUP_TransLanCloseResp(CloseReply* reply) {
-  if (!NeedsConversion(&reply->header)) return;
-  doendian(&reply->result, 4);
+  if (NeedsConversion(&reply->header)) ConvertFields(reply, wire::CloseReply::kLayout);
 }
 
 // ---- request dumps ----
@@ -237,7 +220,7 @@ void SPSUP_DumpGetVolumeMsg(const GetVolumeMsg* msg) {
   char path[1024];
   const FSULONG units = kestrix::fsuninlength(msg->path, SP_PATH_UNITS);
   kestrix::Utf16ToUtf8(msg->path, static_cast<int32_t>(units), path, sizeof(path), false);
-  OSL_Log(KSX_SP, "%s %s\n", "path", kestrix::LogSafe(path).c_str());
+  OSL_Log(KSX_SP, "%s %s\n", wire::GetVolumeMsg::path.name, kestrix::LogSafe(path).c_str());
 }
 
 void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
@@ -251,38 +234,25 @@ void SPSUP_DumpGetInitialMapMsg(const GetInitialMapMsg* msg) {
   // The file-name walk goes on where the share walk stopped.
   kestrix::NarrowNameLine(area, sizeof(msg->names), &pos, line);
   OSL_Log(KSX_SP, "filename:[%s]\n", kestrix::LogSafe(line).c_str());
-  LogInt("lease", static_cast<int>(msg->lease));
-  LogInt("intention", static_cast<int>(msg->intention));
-  LogInt("flag", static_cast<int>(msg->flag));
-  LogLong("filesize", msg->filesize);
-  LogLong("allocsize", msg->allocsize);
+  DumpFields(msg, wire::GetInitialMapMsg::kLayout);
 }
 
 void SPSUP_DumpGetExtendedMapMsg(const GetExtendedMapMsg* msg) {
   if (kestrix::DumpsOff()) return;
   Title("--- GetExtendedMap Message ---\n", &msg->header);
-  LogInt("lease", static_cast<int>(msg->lease));
-  LogHex("key", msg->key);
-  LogLong("filesize", msg->filesize);
-  LogLong("allocation", msg->allocation);
-  LogLong("start", msg->start);
-  LogLong("length", msg->length);
-  LogInt("flag", static_cast<int>(msg->flag));
+  DumpFields(msg, wire::GetExtendedMapMsg::kLayout);
 }
 
 void SPSUP_DumpSetSizeMsg(const SetSizeMsg* msg) {
   if (kestrix::DumpsOff()) return;
   Title("--- SetSize Message ---\n", &msg->header);
-  LogHex("key", msg->key);
-  LogInt("lease", static_cast<int>(msg->lease));
-  LogLong("filesize", msg->filesize);
+  DumpFields(msg, wire::SetSizeMsg::kLayout);
 }
 
 void SPSUP_DumpCloseMsg(const CloseMsg* msg) {
   if (kestrix::DumpsOff()) return;
   Title("--- Close Message ---\n", &msg->header);
-  LogHex("key", msg->key);
-  LogLong("filesize", msg->filesize);
+  DumpFields(msg, wire::CloseMsg::kLayout);
 }
 
 // ---- reply dumps ----
@@ -290,82 +260,55 @@ void SPSUP_DumpCloseMsg(const CloseMsg* msg) {
 void SPSUP_DumpGetVolumeReply(const GetVolumeReply* reply, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   Title("--- GetVolume Reply Message ---\n", &reply->header);
-  LogInt("result", reply->result);
-  kestrix::DumpVolInfoWithin(&reply->volInfo,
-                             LimitFromLength(reply->header.length, SP_GETVOLUME_VOLINFO_OFFSET));
+  DumpFields(reply, wire::GetVolumeReply::kLayout);
+  kestrix::DumpVolInfoWithin(
+      &reply->volInfo, LimitFromLength(reply->header.length, wire::GetVolumeReply::volInfo.offset));
 }
 
 void SPSUP_DumpGetInitialMapReply(const GetInitialMapReply* reply, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   Title("--- GetInitalMap Reply Message ---\n", &reply->header);
-  LogInt("result", reply->result);
-  LogInt("lease", static_cast<int>(reply->lease));
-  LogHex("key", reply->key);
-  LogCookie("fileCookie", reply->fileCookie);
-  LogCookie("volumeCookie", reply->volumeCookie);
-  kestrix::DumpFSMapInfoWithin(&reply->map,
-                               LimitFromLength(reply->header.length, SP_GETINITIALMAP_MAP_OFFSET));
+  DumpFields(reply, wire::GetInitialMapReply::kLayout);
+  kestrix::DumpFSMapInfoWithin(
+      &reply->map, LimitFromLength(reply->header.length, wire::GetInitialMapReply::map.offset));
 }
 
 void SPSUP_DumpGetExtendedMapReply(const GetExtendedMapReply* reply, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   Title("--- GetExtendedMap Reply Message ---\n", &reply->header);
-  LogInt("result", reply->result);
-  LogInt("lease", static_cast<int>(reply->lease));
+  DumpFields(reply, wire::GetExtendedMapReply::kLayout);
   kestrix::DumpFSMapInfoWithin(
-      &reply->map, LimitFromLength(reply->header.length, SP_GETEXTENDEDMAP_MAP_OFFSET));
+      &reply->map, LimitFromLength(reply->header.length, wire::GetExtendedMapReply::map.offset));
 }
 
 void SPSUP_DumpSetSizeReply(const SetSizeReply* reply, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   Title("--- SetSize Reply Message ---\n", &reply->header);
-  LogInt("result", reply->result);
-  LogInt("lease", static_cast<int>(reply->lease));
+  DumpFields(reply, wire::SetSizeReply::kLayout);
 }
 
 void SPSUP_DumpCloseReply(const CloseReply* reply, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   Title("--- Close Reply Message ---\n", &reply->header);
-  LogInt("result", reply->result);
+  DumpFields(reply, wire::CloseReply::kLayout);
 }
 
 void SPSUP_DumpMessage(const LanHeader* msg, FSULONG size) {
   if (kestrix::DumpsOff()) return;
   if (msg == nullptr) return;
+#define KX_DUMP_CASES(name, code, Request, Reply)                            \
+  case code:                                                                 \
+    kestrix::DumpBody(reinterpret_cast<const Request*>(msg), size);          \
+    break;                                                                   \
+  case -(code):                                                              \
+    kestrix::DumpBody(reinterpret_cast<const Reply*>(msg), size);            \
+    break;
   switch (msg->functionCode) {
-    case -SP_FUNC_CLOSE:
-      SPSUP_DumpCloseReply(reinterpret_cast<const CloseReply*>(msg), size);
-      break;
-    case -SP_FUNC_SETSIZE:
-      SPSUP_DumpSetSizeReply(reinterpret_cast<const SetSizeReply*>(msg), size);
-      break;
-    case -SP_FUNC_GETEXTENDEDMAP:
-      SPSUP_DumpGetExtendedMapReply(reinterpret_cast<const GetExtendedMapReply*>(msg), size);
-      break;
-    case -SP_FUNC_GETINITIALMAP:
-      SPSUP_DumpGetInitialMapReply(reinterpret_cast<const GetInitialMapReply*>(msg), size);
-      break;
-    case -SP_FUNC_GETVOLUME:
-      SPSUP_DumpGetVolumeReply(reinterpret_cast<const GetVolumeReply*>(msg), size);
-      break;
-    case SP_FUNC_GETVOLUME:
-      SPSUP_DumpGetVolumeMsg(reinterpret_cast<const GetVolumeMsg*>(msg));
-      break;
-    case SP_FUNC_GETINITIALMAP:
-      SPSUP_DumpGetInitialMapMsg(reinterpret_cast<const GetInitialMapMsg*>(msg));
-      break;
-    case SP_FUNC_GETEXTENDEDMAP:
-      SPSUP_DumpGetExtendedMapMsg(reinterpret_cast<const GetExtendedMapMsg*>(msg));
-      break;
-    case SP_FUNC_SETSIZE:
-      SPSUP_DumpSetSizeMsg(reinterpret_cast<const SetSizeMsg*>(msg));
-      break;
-    case SP_FUNC_CLOSE:
-      SPSUP_DumpCloseMsg(reinterpret_cast<const CloseMsg*>(msg));
-      break;
+    KX_WIRE_FUNCTIONS(KX_DUMP_CASES)
     default:
       break;
   }
+#undef KX_DUMP_CASES
 }
 
 }  // extern "C"

@@ -1,7 +1,7 @@
 // The daemon's main line: options into the process-wide settings, the log,
 // the fork into the background, then the LAN server, the service provider
-// and the UDP listeners set up one after the other; and the glue that hands
-// each datagram to the LAN server and sends back what it answers.
+// and the UDP listeners set up one after the other; and the glue between a
+// received datagram, the LAN server and the reply it produces.
 #include "unixmdc/kestrixd.h"
 
 #include <getopt.h>
@@ -14,6 +14,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include "sp/dump_info.h"
 #include "sp/fsmdcsp.h"
 #include "sp/handlers.h"
 #include "sp/lease.h"

@@ -1,9 +1,8 @@
 // Datagram transport: binds the UDP socket on all local IPv4 addresses,
 // runs the listener threads that hand each datagram to the callback, and
-// sends replies from the bound socket to the sender's address and port, from
-// the local address the request was sent to (a host with several addresses,
-// such as a cluster node holding a service address, answers from the one the
-// client knows).
+// answers each request where it came from, out of the local address it was
+// sent to (a host with several addresses, such as a cluster node holding a
+// service address, answers from the one the client knows).
 #include "utils/dgram.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
-// Datagram transport: the daemon's one UDP socket, its listener threads,
-// and the sending of replies back to each request's sender.
+// Datagram transport: binds the daemon's UDP port, runs the threads that
+// receive on it, and answers each request where it came from.
 #ifndef KESTRIX_UTILS_DGRAM_H_
 #define KESTRIX_UTILS_DGRAM_H_
 

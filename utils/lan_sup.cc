@@ -1,20 +1,15 @@
 // LanHeader support: the once-per-request byte-order conversion of the
-// header and its diagnostic dumps.
+// header and its diagnostic dumps, both read from the header's wire rows.
 #include "utils/lan_sup.h"
 
+#include "utils/field_walk.h"
 #include "utils/log.h"
-#include "utils/utils.h"
 
 namespace {
 
 void DumpHeaderAt(int level, const LanHeader* header) {
   if (GetLogLevel() < level) return;  // no ID text for lines nobody writes
-  char id[3 * LAN_MSGID_SIZE + 1];
-  OSL_Log(level, "functionCode %d\n", header->functionCode);
-  OSL_Log(level, "length %d\n", static_cast<int>(header->length));
-  OSL_Log(level, "messageID %s\n", bytesToString(header->messageID, LAN_MSGID_SIZE, id));
-  OSL_Log(level, "revision %d\n", header->revision);
-  OSL_Log(level, "result %d\n", header->result);
+  kestrix::DumpFields(header, kestrix::wire::LanHeader::kLayout, level);
 }
 
 }  // namespace
@@ -23,12 +18,7 @@ extern "C" {
 
 void LANSUP_TransLanHeader(LanHeader* header) {
   if (header->byteOrder == LAN_BYTEORDER_MARK) return;
-  doendian(&header->flags, sizeof header->flags);
-  doendian(&header->functionCode, sizeof header->functionCode);
-  doendian(&header->length, sizeof header->length);
-  doendian(&header->result, sizeof header->result);
-  doendian(&header->revision, sizeof header->revision);
-  doendian(&header->pathSeparator, sizeof header->pathSeparator);
+  kestrix::ConvertFields(header, kestrix::wire::LanHeader::kLayout);
 }
 
 void LANSUP_DumpLanHeader(const LanHeader* header) { DumpHeaderAt(KSX_SP, header); }

@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-// Reverses the six converted fields in place unless byteOrder reads 1.
+// Reverses the converted fields in place unless byteOrder reads 1.
 void LANSUP_TransLanHeader(LanHeader* header);
 // Five lines (functionCode, length, messageID, revision, result) at level 4.
 void LANSUP_DumpLanHeader(const LanHeader* header);

@@ -19,9 +19,9 @@ extern "C" {
 // In place, every backslash unit up to the 0 unit becomes a slash.
 void OSL_TransPath(FSUNI* path);
 
-// Maps shareName to a mount point written into mountPoint (capacityUnits
-// 16-bit units, 256 always suffice). Returns 0, or 3 when the share is not
-// known or the mount point cannot be stored; then mountPoint is not written.
+// Writes the mount point of shareName into mountPoint (capacityUnits 16-bit
+// units; 256 are always enough) and returns 0. An unknown share, or a mount
+// point that does not fit, gives 3 and leaves mountPoint untouched.
 int32_t OSL_ShareNameToMountPoint(const FSUNI* shareName, FSUNI* mountPoint,
                                   int32_t capacityUnits);
 

@@ -15,16 +15,160 @@
 
 local kx = Proto("kestrix", "Kestrix metadata protocol")
 
-local HEADER_SIZE = 48
-
-local function_names = {
-  [1] = "GetVolume", [2] = "GetInitialMap", [3] = "GetExtendedMap",
-  [4] = "SetSize", [5] = "Close", [7] = "SendStringCmd",
+-- BEGIN wire layouts: printed by wire-layouts-lua from the daemon's
+-- description; the dissector test fails when the two differ.
+local layout = {
+  LanHeader = { size = 48,
+    byteOrder = { at = 0, width = 4 },
+    revision = { at = 4, width = 4 },
+    messageID = { at = 8, width = 16 },
+    functionCode = { at = 24, width = 4 },
+    length = { at = 28, width = 4 },
+    flags = { at = 32, width = 4 },
+    result = { at = 36, width = 4 },
+    reserved1 = { at = 40, width = 2 },
+    pathSeparator = { at = 42, width = 2 },
+    reserved2 = { at = 44, width = 4 },
+  },
+  GetVolumeMsg = { size = 2228,
+    unused1 = { at = 48, width = 36 },
+    volumeCookie = { at = 84, width = 32 },
+    unused2 = { at = 116, width = 64 },
+    path = { at = 180, width = 2048 },
+  },
+  GetVolumeReply = { size = 192,
+    result = { at = 48, width = 4 },
+    zero = { at = 52, width = 36 },
+    volInfo = { at = 88, width = 104 },
+  },
+  GetInitialMapMsg = { size = 2160,
+    filesize = { at = 48, width = 8 },
+    allocsize = { at = 56, width = 8 },
+    lease = { at = 64, width = 4 },
+    intention = { at = 68, width = 4 },
+    flag = { at = 72, width = 4 },
+    unused = { at = 76, width = 36 },
+    names = { at = 112, width = 2048 },
+  },
+  GetInitialMapReply = { size = 224,
+    result = { at = 48, width = 4 },
+    lease = { at = 52, width = 4 },
+    key = { at = 56, width = 4 },
+    zero = { at = 60, width = 36 },
+    fileCookie = { at = 96, width = 32 },
+    volumeCookie = { at = 128, width = 32 },
+    map = { at = 160, width = 64 },
+  },
+  GetExtendedMapMsg = { size = 92,
+    filesize = { at = 48, width = 8 },
+    allocation = { at = 56, width = 8 },
+    start = { at = 64, width = 8 },
+    length = { at = 72, width = 8 },
+    lease = { at = 80, width = 4 },
+    key = { at = 84, width = 4 },
+    flag = { at = 88, width = 4 },
+  },
+  GetExtendedMapReply = { size = 152,
+    result = { at = 48, width = 4 },
+    lease = { at = 52, width = 4 },
+    zero = { at = 56, width = 32 },
+    map = { at = 88, width = 64 },
+  },
+  SetSizeMsg = { size = 64,
+    filesize = { at = 48, width = 8 },
+    lease = { at = 56, width = 4 },
+    key = { at = 60, width = 4 },
+  },
+  SetSizeReply = { size = 72,
+    result = { at = 48, width = 4 },
+    lease = { at = 52, width = 4 },
+    zero = { at = 56, width = 16 },
+  },
+  CloseMsg = { size = 60,
+    filesize = { at = 48, width = 8 },
+    key = { at = 56, width = 4 },
+  },
+  CloseReply = { size = 88,
+    result = { at = 48, width = 4 },
+    zero = { at = 52, width = 36 },
+  },
+  SendStringCmdMsg = { size = 2128,
+    unused = { at = 48, width = 32 },
+    command = { at = 80, width = 2048 },
+  },
+  SendStringCmdReply = { size = 2132,
+    result = { at = 48, width = 4 },
+    zero = { at = 52, width = 2080 },
+  },
+  VolInfo = { size = 104,
+    msgLen = { at = 0, width = 4 },
+    vendorStatus = { at = 4, width = 4 },
+    FStype = { at = 8, width = 4 },
+    GlomType = { at = 12, width = 4 },
+    GlomInfo = { at = 16, width = 4 },
+    nDisks = { at = 20, width = 4 },
+    BlockSize = { at = 24, width = 4 },
+    reserved = { at = 28, width = 4 },
+    Cookie = { at = 32, width = 32 },
+    fsSystem = { at = 64, width = 40 },
+  },
+  FSDisk = { size = 80,
+    DiskID = { at = 0, width = 16 },
+    IDoffset = { at = 16, width = 8 },
+    BlockOffset = { at = 24, width = 8 },
+    nBlocks = { at = 32, width = 8 },
+    IDlength = { at = 40, width = 4 },
+    reserved1 = { at = 44, width = 4 },
+    reserved2 = { at = 48, width = 32 },
+  },
+  FSMapInfo = { size = 64,
+    fileSize = { at = 0, width = 8 },
+    allocation = { at = 8, width = 8 },
+    msgLen = { at = 16, width = 4 },
+    vendorStatus = { at = 20, width = 4 },
+    nExtents = { at = 24, width = 4 },
+    extentType = { at = 28, width = 4 },
+    fileOffset = { at = 32, width = 8 },
+    fileBytes = { at = 40, width = 8 },
+    reserved = { at = 48, width = 16 },
+  },
+  CompactExtent = { size = 16,
+    BlockOffset = { at = 0, width = 8 },
+    nBlocks = { at = 8, width = 8 },
+  },
+  VerboseExtent = { size = 32,
+    LogicalByteAddr = { at = 0, width = 8 },
+    PhysicalByteAddr = { at = 8, width = 8 },
+    nBytes = { at = 16, width = 8 },
+    VolumeOrdinal = { at = 24, width = 4 },
+    validity = { at = 28, width = 4 },
+  },
+  SimpleExtent = { size = 24,
+    VolOrd = { at = 0, width = 8 },
+    VolSliceBlock = { at = 8, width = 8 },
+    NBlocks = { at = 16, width = 8 },
+  },
 }
+-- END wire layouts
+
+-- BEGIN wire functions: printed by wire-layouts-lua as well; each code's
+-- service name and the layouts of its request and reply bodies.
+local functions = {
+  [1] = { name = "GetVolume", request = "GetVolumeMsg", reply = "GetVolumeReply" },
+  [2] = { name = "GetInitialMap", request = "GetInitialMapMsg", reply = "GetInitialMapReply" },
+  [3] = { name = "GetExtendedMap", request = "GetExtendedMapMsg", reply = "GetExtendedMapReply" },
+  [4] = { name = "SetSize", request = "SetSizeMsg", reply = "SetSizeReply" },
+  [5] = { name = "Close", request = "CloseMsg", reply = "CloseReply" },
+  [7] = { name = "SendStringCmd", request = "SendStringCmdMsg", reply = "SendStringCmdReply" },
+}
+-- END wire functions
+
+local HEADER_SIZE = layout.LanHeader.size
+
 local function_codes = {}
-for code, name in pairs(function_names) do
-  function_codes[code] = name .. " request"
-  function_codes[-code] = name .. " reply"
+for code, f in pairs(functions) do
+  function_codes[code] = f.name .. " request"
+  function_codes[-code] = f.name .. " reply"
 end
 
 local result_names = {
@@ -59,7 +203,10 @@ local vendor_names = {
 }
 
 local extent_types = { [0] = "compact", [1] = "verbose", [2] = "simple", [3] = "verbose" }
-local extent_sizes = { [0] = 16, [1] = 32, [2] = 24, [3] = 32 }
+local extent_sizes = {
+  [0] = layout.CompactExtent.size, [1] = layout.VerboseExtent.size,
+  [2] = layout.SimpleExtent.size, [3] = layout.VerboseExtent.size,
+}
 local validity_names = {
   [1] = "data", [2] = "unwritten", [3] = "hole", [4] = "not addressable",
 }
@@ -181,6 +328,18 @@ function Msg:add(tree, f, off, size)
   return tree:add(f, self.tvb(off, size))
 end
 
+-- The described field `row` of a struct that starts at `base` (default 0).
+function Msg:field(tree, f, row, base)
+  return self:add(tree, f, (base or 0) + row.at, row.width)
+end
+
+-- The same for bytes that no byte order turns (cookies, identifiers).
+function Msg:bytes(tree, f, row, base)
+  local off = (base or 0) + row.at
+  if not self:has(off, row.width) then return nil end
+  return tree:add(f, self.tvb(off, row.width))
+end
+
 function Msg:u32(off)
   if not self:has(off, 4) then return nil end
   local r = self.tvb(off, 4)
@@ -224,30 +383,31 @@ local function short(tree, msg, off)
                              ", structure at " .. off)
 end
 
-local function add_result(msg, tree, pinfo, off)
-  local result = msg:i32(off)
+local function add_result(msg, tree, pinfo, row)
+  local result = msg:i32(row.at)
   if result == nil then return nil end
-  local item = msg:add(tree, pf.result, off, 4)
+  local item = msg:field(tree, pf.result, row)
   if result ~= 0 and result ~= 1 then item:add_proto_expert_info(ef.error) end
   return result
 end
 
 -- The volume description at off: fixed part, then disks or an error text.
 local function dissect_volinfo(msg, tree, off)
-  if not msg:has(off, 104) then return short(tree, msg, off) end
-  local vt = tree:add(pf.vol, msg.tvb(off, math.min(msg.len - off, 104)))
-  local status = msg:i32(off + 4)
-  local ndisks = msg:u32(off + 20)
-  msg:add(vt, pf.vol_msglen, off, 4)
-  msg:add(vt, pf.vol_status, off + 4, 4)
-  msg:add(vt, pf.vol_fstype, off + 8, 4)
-  msg:add(vt, pf.vol_glomtype, off + 12, 4)
-  msg:add(vt, pf.vol_gloominfo, off + 16, 4)
-  msg:add(vt, pf.vol_ndisks, off + 20, 4)
-  msg:add(vt, pf.vol_blocksize, off + 24, 4)
-  vt:add(pf.vol_cookie, msg.tvb(off + 32, 32))
-  vt:add(pf.vol_fssystem, msg.tvb(off + 64, 40))
-  local at = off + 104
+  local V, D = layout.VolInfo, layout.FSDisk
+  if not msg:has(off, V.size) then return short(tree, msg, off) end
+  local vt = tree:add(pf.vol, msg.tvb(off, math.min(msg.len - off, V.size)))
+  local status = msg:i32(off + V.vendorStatus.at)
+  local ndisks = msg:u32(off + V.nDisks.at)
+  msg:field(vt, pf.vol_msglen, V.msgLen, off)
+  msg:field(vt, pf.vol_status, V.vendorStatus, off)
+  msg:field(vt, pf.vol_fstype, V.FStype, off)
+  msg:field(vt, pf.vol_glomtype, V.GlomType, off)
+  msg:field(vt, pf.vol_gloominfo, V.GlomInfo, off)
+  msg:field(vt, pf.vol_ndisks, V.nDisks, off)
+  msg:field(vt, pf.vol_blocksize, V.BlockSize, off)
+  msg:bytes(vt, pf.vol_cookie, V.Cookie, off)
+  msg:bytes(vt, pf.vol_fssystem, V.fsSystem, off)
+  local at = off + V.size
   if status ~= 0 then
     local text = msg:fsuni(vt, pf.vol_error, at, msg.len)
     vt:append_text(": error " .. status .. " \"" .. text .. "\"")
@@ -255,15 +415,15 @@ local function dissect_volinfo(msg, tree, off)
   end
   vt:append_text(": " .. ndisks .. " disk(s)")
   for i = 0, ndisks - 1 do
-    if not msg:has(at, 80) then return short(vt, msg, at) end
-    local dt = vt:add(pf.disk, msg.tvb(at, 80))
+    if not msg:has(at, D.size) then return short(vt, msg, at) end
+    local dt = vt:add(pf.disk, msg.tvb(at, D.size))
     dt:append_text(" " .. i)
-    dt:add(pf.disk_id, msg.tvb(at, 16))
-    msg:add(dt, pf.disk_idoffset, at + 16, 8)
-    msg:add(dt, pf.disk_blockoffset, at + 24, 8)
-    msg:add(dt, pf.disk_nblocks, at + 32, 8)
-    msg:add(dt, pf.disk_idlength, at + 40, 4)
-    at = at + 80
+    msg:bytes(dt, pf.disk_id, D.DiskID, at)
+    msg:field(dt, pf.disk_idoffset, D.IDoffset, at)
+    msg:field(dt, pf.disk_blockoffset, D.BlockOffset, at)
+    msg:field(dt, pf.disk_nblocks, D.nBlocks, at)
+    msg:field(dt, pf.disk_idlength, D.IDlength, at)
+    at = at + D.size
   end
 end
 
@@ -273,36 +433,40 @@ local function dissect_extent(msg, tree, etype, off, i)
   local et = tree:add(pf.ext, msg.tvb(off, size))
   et:append_text(" " .. i .. " (" .. extent_types[etype] .. ")")
   if etype == 0 then
-    msg:add(et, pf.ext_blockoffset, off, 8)
-    msg:add(et, pf.ext_nblocks, off + 8, 8)
+    local C = layout.CompactExtent
+    msg:field(et, pf.ext_blockoffset, C.BlockOffset, off)
+    msg:field(et, pf.ext_nblocks, C.nBlocks, off)
   elseif etype == 2 then
-    msg:add(et, pf.ext_volord64, off, 8)
-    msg:add(et, pf.ext_sliceblock, off + 8, 8)
-    msg:add(et, pf.ext_nblocks, off + 16, 8)
+    local S = layout.SimpleExtent
+    msg:field(et, pf.ext_volord64, S.VolOrd, off)
+    msg:field(et, pf.ext_sliceblock, S.VolSliceBlock, off)
+    msg:field(et, pf.ext_nblocks, S.NBlocks, off)
   else
-    msg:add(et, pf.ext_logical, off, 8)
-    msg:add(et, pf.ext_physical, off + 8, 8)
-    msg:add(et, pf.ext_bytes, off + 16, 8)
-    msg:add(et, pf.ext_volord, off + 24, 4)
-    msg:add(et, pf.ext_validity, off + 28, 4)
+    local V = layout.VerboseExtent
+    msg:field(et, pf.ext_logical, V.LogicalByteAddr, off)
+    msg:field(et, pf.ext_physical, V.PhysicalByteAddr, off)
+    msg:field(et, pf.ext_bytes, V.nBytes, off)
+    msg:field(et, pf.ext_volord, V.VolumeOrdinal, off)
+    msg:field(et, pf.ext_validity, V.validity, off)
   end
 end
 
 -- The file map at off: fixed part, then extents, or a text when it has none.
 local function dissect_map(msg, tree, off, limit)
-  if not msg:has(off, 64) then return short(tree, msg, off) end
+  local M = layout.FSMapInfo
+  if not msg:has(off, M.size) then return short(tree, msg, off) end
   local mt = tree:add(pf.map, msg.tvb(off, math.min(msg.len, limit) - off))
-  local n = msg:i32(off + 24)
-  local etype = msg:u32(off + 28)
-  msg:add(mt, pf.map_filesize, off, 8)
-  msg:add(mt, pf.map_allocation, off + 8, 8)
-  msg:add(mt, pf.map_msglen, off + 16, 4)
-  msg:add(mt, pf.map_status, off + 20, 4)
-  msg:add(mt, pf.map_nextents, off + 24, 4)
-  msg:add(mt, pf.map_type, off + 28, 4)
-  msg:add(mt, pf.map_fileoffset, off + 32, 8)
-  msg:add(mt, pf.map_filebytes, off + 40, 8)
-  local at = off + 64
+  local n = msg:i32(off + M.nExtents.at)
+  local etype = msg:u32(off + M.extentType.at)
+  msg:field(mt, pf.map_filesize, M.fileSize, off)
+  msg:field(mt, pf.map_allocation, M.allocation, off)
+  msg:field(mt, pf.map_msglen, M.msgLen, off)
+  msg:field(mt, pf.map_status, M.vendorStatus, off)
+  msg:field(mt, pf.map_nextents, M.nExtents, off)
+  msg:field(mt, pf.map_type, M.extentType, off)
+  msg:field(mt, pf.map_fileoffset, M.fileOffset, off)
+  msg:field(mt, pf.map_filebytes, M.fileBytes, off)
+  local at = off + M.size
   if n <= 0 then
     if at + 2 <= limit and msg:has(at, 2) and msg:u16(at) ~= 0 then
       local text = msg:fsuni(mt, pf.map_text, at, limit)
@@ -322,95 +486,97 @@ local function dissect_map(msg, tree, off, limit)
   end
 end
 
--- Request bodies, by function code.
-local requests = {
-  [1] = function(msg, tree)
-    if not msg:has(84, 32) then return short(tree, msg, 84) end
-    tree:add(pf.volcookie, msg.tvb(84, 32))
-    local path = msg:fsuni(tree, pf.path, 180, 180 + 2048)
-    return path ~= "" and path or "(by cookie)"
-  end,
-  [2] = function(msg, tree)
-    if not msg:has(112, 2) then return short(tree, msg, 48) end
-    msg:add(tree, pf.filesize, 48, 8)
-    msg:add(tree, pf.allocsize, 56, 8)
-    msg:add(tree, pf.lease, 64, 4)
-    msg:add(tree, pf.intention, 68, 4)
-    local flag = msg:add(tree, pf.mapflag, 72, 4)
-    msg:add(flag, pf.mapflag_unlocked, 72, 4)
-    local share, next = msg:fsuni(tree, pf.share, 112, 112 + 2048)
-    local name = msg:fsuni(tree, pf.filename, next, 112 + 2048)
-    return share .. " " .. name .. (msg:u32(68) == 1 and " read" or " write")
-  end,
-  [3] = function(msg, tree)
-    if not msg:has(92, 0) then return short(tree, msg, 48) end
-    msg:add(tree, pf.key, 84, 4)
-    msg:add(tree, pf.start, 64, 8)
-    msg:add(tree, pf.range_length, 72, 8)
-    msg:add(tree, pf.filesize, 48, 8)
-    msg:add(tree, pf.allocsize, 56, 8)
-    msg:add(tree, pf.lease, 80, 4)
-    local flag = msg:add(tree, pf.mapflag, 88, 4)
-    msg:add(flag, pf.mapflag_unlocked, 88, 4)
-    return string.format("key 0x%x", msg:u32(84))
-  end,
-  [4] = function(msg, tree)
-    if not msg:has(64, 0) then return short(tree, msg, 48) end
-    msg:add(tree, pf.key, 60, 4)
-    msg:add(tree, pf.filesize, 48, 8)
-    msg:add(tree, pf.lease, 56, 4)
-    return string.format("key 0x%x", msg:u32(60))
-  end,
-  [5] = function(msg, tree)
-    if not msg:has(60, 0) then return short(tree, msg, 48) end
-    msg:add(tree, pf.key, 56, 4)
-    msg:add(tree, pf.filesize, 48, 8)
-    return string.format("key 0x%x", msg:u32(56))
-  end,
-  [7] = function(msg, tree)
-    if not msg:has(82, 0) then return short(tree, msg, 80) end
-    return "\"" .. msg:fsuni(tree, pf.command, 80, 80 + 2048) .. "\""
-  end,
-}
-
--- Reply bodies, by function code; each returns a summary for the Info column.
 local function result_text(result)
   if result == nil then return "" end
   return "result " .. result .. " (" .. (result_names[result] or "library status") .. ")"
 end
 
-local replies = {
-  [1] = function(msg, tree, pinfo, limit)
-    local result = add_result(msg, tree, pinfo, 48)
-    dissect_volinfo(msg, tree, 88)
+-- The decoder of each body by its layout's name, which the function table
+-- gives for a code; L is that layout. Requests return a summary for the Info
+-- column, replies too, after their result.
+local bodies = {
+  GetVolumeMsg = function(msg, tree, L)
+    if not msg:has(L.volumeCookie.at, L.volumeCookie.width) then
+      return short(tree, msg, L.volumeCookie.at)
+    end
+    msg:bytes(tree, pf.volcookie, L.volumeCookie)
+    local path = msg:fsuni(tree, pf.path, L.path.at, L.path.at + L.path.width)
+    return path ~= "" and path or "(by cookie)"
+  end,
+  GetInitialMapMsg = function(msg, tree, L)
+    if not msg:has(L.names.at, 2) then return short(tree, msg, HEADER_SIZE) end
+    msg:field(tree, pf.filesize, L.filesize)
+    msg:field(tree, pf.allocsize, L.allocsize)
+    msg:field(tree, pf.lease, L.lease)
+    msg:field(tree, pf.intention, L.intention)
+    local flag = msg:field(tree, pf.mapflag, L.flag)
+    msg:field(flag, pf.mapflag_unlocked, L.flag)
+    local names_end = L.names.at + L.names.width
+    local share, next = msg:fsuni(tree, pf.share, L.names.at, names_end)
+    local name = msg:fsuni(tree, pf.filename, next, names_end)
+    return share .. " " .. name .. (msg:u32(L.intention.at) == 1 and " read" or " write")
+  end,
+  GetExtendedMapMsg = function(msg, tree, L)
+    if not msg:has(L.size, 0) then return short(tree, msg, HEADER_SIZE) end
+    msg:field(tree, pf.key, L.key)
+    msg:field(tree, pf.start, L.start)
+    msg:field(tree, pf.range_length, L.length)
+    msg:field(tree, pf.filesize, L.filesize)
+    msg:field(tree, pf.allocsize, L.allocation)
+    msg:field(tree, pf.lease, L.lease)
+    local flag = msg:field(tree, pf.mapflag, L.flag)
+    msg:field(flag, pf.mapflag_unlocked, L.flag)
+    return string.format("key 0x%x", msg:u32(L.key.at))
+  end,
+  SetSizeMsg = function(msg, tree, L)
+    if not msg:has(L.size, 0) then return short(tree, msg, HEADER_SIZE) end
+    msg:field(tree, pf.key, L.key)
+    msg:field(tree, pf.filesize, L.filesize)
+    msg:field(tree, pf.lease, L.lease)
+    return string.format("key 0x%x", msg:u32(L.key.at))
+  end,
+  CloseMsg = function(msg, tree, L)
+    if not msg:has(L.size, 0) then return short(tree, msg, HEADER_SIZE) end
+    msg:field(tree, pf.key, L.key)
+    msg:field(tree, pf.filesize, L.filesize)
+    return string.format("key 0x%x", msg:u32(L.key.at))
+  end,
+  SendStringCmdMsg = function(msg, tree, L)
+    local C = L.command
+    if not msg:has(C.at + 2, 0) then return short(tree, msg, C.at) end
+    return "\"" .. msg:fsuni(tree, pf.command, C.at, C.at + C.width) .. "\""
+  end,
+  GetVolumeReply = function(msg, tree, L, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, L.result)
+    dissect_volinfo(msg, tree, L.volInfo.at)
     return result_text(result)
   end,
-  [2] = function(msg, tree, pinfo, limit)
-    local result = add_result(msg, tree, pinfo, 48)
-    if not msg:has(160, 0) then short(tree, msg, 52) return result_text(result) end
-    msg:add(tree, pf.lease, 52, 4)
-    msg:add(tree, pf.key, 56, 4)
-    tree:add(pf.filecookie, msg.tvb(96, 32))
-    tree:add(pf.volcookie, msg.tvb(128, 32))
-    dissect_map(msg, tree, 160, limit)
-    return result_text(result) .. string.format(" key 0x%x", msg:u32(56))
+  GetInitialMapReply = function(msg, tree, L, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, L.result)
+    if not msg:has(L.map.at, 0) then short(tree, msg, L.lease.at) return result_text(result) end
+    msg:field(tree, pf.lease, L.lease)
+    msg:field(tree, pf.key, L.key)
+    msg:bytes(tree, pf.filecookie, L.fileCookie)
+    msg:bytes(tree, pf.volcookie, L.volumeCookie)
+    dissect_map(msg, tree, L.map.at, limit)
+    return result_text(result) .. string.format(" key 0x%x", msg:u32(L.key.at))
   end,
-  [3] = function(msg, tree, pinfo, limit)
-    local result = add_result(msg, tree, pinfo, 48)
-    msg:add(tree, pf.lease, 52, 4)
-    dissect_map(msg, tree, 88, limit)
+  GetExtendedMapReply = function(msg, tree, L, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, L.result)
+    msg:field(tree, pf.lease, L.lease)
+    dissect_map(msg, tree, L.map.at, limit)
     return result_text(result)
   end,
-  [4] = function(msg, tree, pinfo, limit)
-    local result = add_result(msg, tree, pinfo, 48)
-    msg:add(tree, pf.lease, 52, 4)
+  SetSizeReply = function(msg, tree, L, pinfo, limit)
+    local result = add_result(msg, tree, pinfo, L.result)
+    msg:field(tree, pf.lease, L.lease)
     return result_text(result)
   end,
-  [5] = function(msg, tree, pinfo, limit)
-    return result_text(add_result(msg, tree, pinfo, 48))
+  CloseReply = function(msg, tree, L, pinfo, limit)
+    return result_text(add_result(msg, tree, pinfo, L.result))
   end,
-  [7] = function(msg, tree, pinfo, limit)
-    return result_text(add_result(msg, tree, pinfo, 48))
+  SendStringCmdReply = function(msg, tree, L, pinfo, limit)
+    return result_text(add_result(msg, tree, pinfo, L.result))
   end,
 }
 
@@ -459,34 +625,37 @@ function kx.dissector(tvb, pinfo, root)
 
   -- The writer put 1 into the first word in its own order; anything that is
   -- 1 in neither order is taken as the other order, as the daemon does.
-  local le = tvb(0, 4):le_uint() == 1
-  if not le and tvb(0, 4):uint() ~= 1 then tree:add_proto_expert_info(ef.marker) end
+  local marker = tvb(layout.LanHeader.byteOrder.at, layout.LanHeader.byteOrder.width)
+  local le = marker:le_uint() == 1
+  if not le and marker:uint() ~= 1 then tree:add_proto_expert_info(ef.marker) end
   local msg = new_msg(tvb, le)
 
+  local H = layout.LanHeader
   local ht = tree:add(tvb(0, HEADER_SIZE), "Header")
-  ht:add(pf.byteorder, tvb(0, 4), le and 0 or 1):set_generated()
-  msg:add(ht, pf.marker, 0, 4)
-  msg:add(ht, pf.revision, 4, 4)
-  ht:add(pf.msgid, tvb(8, 16))
-  local code = msg:i32(24)
-  msg:add(ht, pf["function"], 24, 4)
-  local length = msg:u32(28)
-  msg:add(ht, pf.length, 28, 4)
-  local flags = msg:add(ht, pf.flags, 32, 4)
-  msg:add(flags, pf.flag_track, 32, 4)
-  local hresult = msg:i32(36)
-  local hitem = msg:add(ht, pf.hresult, 36, 4)
+  ht:add(pf.byteorder, tvb(H.byteOrder.at, H.byteOrder.width), le and 0 or 1):set_generated()
+  msg:field(ht, pf.marker, H.byteOrder)
+  msg:field(ht, pf.revision, H.revision)
+  msg:bytes(ht, pf.msgid, H.messageID)
+  local code = msg:i32(H.functionCode.at)
+  msg:field(ht, pf["function"], H.functionCode)
+  local length = msg:u32(H.length.at)
+  msg:field(ht, pf.length, H.length)
+  local flags = msg:field(ht, pf.flags, H.flags)
+  msg:field(flags, pf.flag_track, H.flags)
+  local hresult = msg:i32(H.result.at)
+  local hitem = msg:field(ht, pf.hresult, H.result)
   if hresult ~= 0 then hitem:add_proto_expert_info(ef.error) end
-  msg:add(ht, pf.pathsep, 42, 2)
+  msg:field(ht, pf.pathsep, H.pathSeparator)
 
   local reply = code < 0
   local base_code = math.abs(code)
-  local name = function_names[base_code] or ("function " .. base_code)
+  local service = functions[base_code]
+  local name = service and service.name or ("function " .. base_code)
   tree:add(pf.service, name):set_generated()
   tree:add(pf.is_reply, reply):set_generated()
   tree:append_text(", " .. name .. (reply and " reply" or " request") ..
                    (le and "" or ", big-endian"))
-  pair(pinfo, tostring(tvb(8, 16):bytes()), code, tree)
+  pair(pinfo, tostring(tvb(H.messageID.at, H.messageID.width):bytes()), code, tree)
 
   -- The body: only as far as the header's length and the bytes captured.
   local limit = math.min(tvb:len(), math.max(length, HEADER_SIZE))
@@ -494,10 +663,11 @@ function kx.dissector(tvb, pinfo, root)
   if reply and hresult ~= 0 then
     summary = "header " .. result_text(hresult)
   elseif limit > HEADER_SIZE then
-    local body = reply and replies[base_code] or requests[base_code]
+    local body_layout = service and (reply and service.reply or service.request)
+    local body = body_layout and bodies[body_layout]
     if body then
       local bmsg = new_msg(tvb(0, limit):tvb(), le)
-      summary = body(bmsg, tree, pinfo, limit)
+      summary = body(bmsg, tree, layout[body_layout], pinfo, limit)
     end
   end
   pinfo.cols.info = name .. (reply and " reply" or " request") ..

@@ -33,7 +33,8 @@ int UnixSocket(int type, const std::string& path) {
   std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
   const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
   auto* address = reinterpret_cast<sockaddr*>(&a);
-  const bool ok = type == SOCK_DGRAM ? bind(fd, address, sizeof a) == 0 : connect(fd, address, sizeof a) == 0;
+  const bool ok =
+      type == SOCK_DGRAM ? bind(fd, address, sizeof a) == 0 : connect(fd, address, sizeof a) == 0;
   if (!ok) close(fd);
   return ok ? fd : -1;
 }
@@ -63,41 +64,22 @@ class AdminE2E : public MapE2E {
     args.insert(args.begin(), {"admin"});
     args.insert(args.end(), {"--socket", socket_});
     if (user.empty()) return RunToExit(KESTRIX_CLI, args, {});
-    args.insert(args.begin(), {"--reuid=" + user, "--regid=nogroup", "--clear-groups", KESTRIX_CLI});
+    args.insert(args.begin(),
+                {"--reuid=" + user, "--regid=nogroup", "--clear-groups", KESTRIX_CLI});
     return RunToExit("/usr/bin/setpriv", args, {});
   }
   // The leases as "KEY CLIENT PATH INTENTION" lines, sorted.
   std::set<std::string> Leases() {
     std::set<std::string> out;
-    const nlohmann::json doc = nlohmann::json::parse(Cli({"leases", "--json"}).standardOutput, nullptr, false);
+    const nlohmann::json doc =
+        nlohmann::json::parse(Cli({"leases", "--json"}).standardOutput, nullptr, false);
     if (doc.is_discarded() || !doc.contains("leases")) return {"unreadable"};
     for (const auto& l : doc["leases"])
-      out.insert(std::to_string(l["key"].get<uint32_t>()) + " " + l["client"].get<std::string>() + " " +
-                 l["path"].get<std::string>() + " " + l["intention"].get<std::string>());
+      out.insert(std::to_string(l["key"].get<uint32_t>()) + " " + l["client"].get<std::string>() +
+                 " " + l["path"].get<std::string>() + " " + l["intention"].get<std::string>());
     return out;
   }
-  // A request sent from a socket bound to another loopback address, so that
-  // the daemon sees another client.
-  Bytes AskFrom(const char* source, Bytes request) {
-    client::Write(request, 8, ++sequence_);
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    inet_pton(AF_INET, source, &a.sin_addr);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    inet_pton(AF_INET, "127.0.0.1", &a.sin_addr);
-    a.sin_port = htons(daemon_.port());
-    sendto(fd, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    const std::string reply = ReceiveText(fd, 2000, false);
-    close(fd);
-    return Bytes(reply.begin(), reply.end());
-  }
-  int Unlocks() const {
-    const std::string calls = MapCalls(*fs_);
-    int n = 0;
-    for (size_t at = calls.find("unlock|"); at != std::string::npos; at = calls.find("unlock|", at + 1)) ++n;
-    return n;
-  }
+  int Unlocks() const { return CountOf(MapCalls(*fs_), "unlock|"); }
 
   std::string socket_ = daemon_.dir().File("admin.sock");
   std::unique_ptr<TestFs> fs_;
@@ -120,8 +102,10 @@ TEST_F(AdminE2E, LeasesListedAndRevokedByKeyClientAndPath) {
 
   // File a is held by two clients: only the last lease to go unlocks it.
   const uint32_t a1 = Open("a").key, b1 = Open("b", {.intention = 2}).key;
-  const uint32_t a2 = client::ParseMapReply(AskFrom("127.0.0.2", MakeGetInitialMapRequest("data", "a", {.intention = 2})))->key;
-  const uint32_t c2 = client::ParseMapReply(AskFrom("127.0.0.2", MakeGetInitialMapRequest("data", "c")))->key;
+  const Bytes openA2 = MakeGetInitialMapRequest("data", "a", {.intention = 2});
+  const uint32_t a2 = client::ParseMapReply(AskFrom("127.0.0.2", openA2))->key;
+  const uint32_t c2 =
+      client::ParseMapReply(AskFrom("127.0.0.2", MakeGetInitialMapRequest("data", "c")))->key;
   EXPECT_EQ(Leases(), (std::set<std::string>{Key(a1) + " 127.0.0.1 /export/data/a read",
                                              Key(b1) + " 127.0.0.1 /export/data/b write",
                                              Key(a2) + " 127.0.0.2 /export/data/a write",
@@ -143,7 +127,8 @@ TEST_F(AdminE2E, LeasesListedAndRevokedByKeyClientAndPath) {
     const RunResult r = Cli(row.args);
     EXPECT_EQ(r.exitStatus, row.exitStatus) << r.standardError;
     for (uint32_t key : row.revoked) {
-      EXPECT_NE(r.standardOutput.find("revoked " + HexKey(key)), std::string::npos) << r.standardOutput;
+      EXPECT_NE(r.standardOutput.find("revoked " + HexKey(key)), std::string::npos)
+          << r.standardOutput;
       const Bytes extend = MakeGetExtendedMapRequest(key, 0, 0);
       const Bytes reply = key == a2 || key == c2 ? AskFrom("127.0.0.2", extend) : Send(extend);
       EXPECT_EQ(client::Read<int32_t>(reply, 48), 407) << key;
@@ -167,7 +152,8 @@ TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
   // Through the file's permissions nobody gets in; past them (widened by
   // hand here) the daemon refuses the peer by its user.
   chmod(daemon_.dir().path().c_str(), 0711);
-  for (auto [mode, exitStatus, error] : {std::tuple{0600, 2, "Permission denied"}, {0666, 3, "permission denied"}}) {
+  for (auto [mode, exitStatus, error] :
+       {std::tuple{0600, 2, "Permission denied"}, {0666, 3, "permission denied"}}) {
     chmod(socket_.c_str(), mode);
     const RunResult r = Cli({"revoke", Key(key)}, "nobody");
     EXPECT_EQ(r.exitStatus, exitStatus) << r.standardError;
@@ -180,16 +166,17 @@ TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
   EXPECT_NE(ReceiveText(silent, 5000).find("request timed out"), std::string::npos);
   close(silent);
 
-  for (auto [request, error] : {std::pair{std::string("not json\n"), "malformed request"},
-                                {"[1,2]\n", "malformed request"},
-                                {"{\"command\":\"unmake\"}\n", "unknown command 'unmake'"},
-                                {"{\"command\":\"revoke\",\"key\":-1}\n", "bad key"},
-                                {"{\"command\":\"revoke\",\"key\":4294967296}\n", "bad key"},
-                                {"{\"command\":\"revoke\",\"key\":0,\"path\":\"/export/data/a\"}\n", "exactly one"},
-                                {"{\"command\":\"revoke\",\"client\":\"127.1\"}\n", "bad client address"},
-                                {"{\"command\":\"revoke\",\"path\":\"\"}\n", "bad path"},
-                                {std::string(4080, ' ') + "{\"command\":\"revoke\",\"key\":0}\n", "request too long"},
-                                {std::string(5000, ' ') + "{\"command\":\"revoke\",\"key\":0}\n", "request too long"}}) {
+  for (auto [request, error] :
+       {std::pair{std::string("not json\n"), "malformed request"},
+        {"[1,2]\n", "malformed request"},
+        {"{\"command\":\"unmake\"}\n", "unknown command 'unmake'"},
+        {"{\"command\":\"revoke\",\"key\":-1}\n", "bad key"},
+        {"{\"command\":\"revoke\",\"key\":4294967296}\n", "bad key"},
+        {"{\"command\":\"revoke\",\"key\":0,\"path\":\"/export/data/a\"}\n", "exactly one"},
+        {"{\"command\":\"revoke\",\"client\":\"127.1\"}\n", "bad client address"},
+        {"{\"command\":\"revoke\",\"path\":\"\"}\n", "bad path"},
+        {std::string(4080, ' ') + "{\"command\":\"revoke\",\"key\":0}\n", "request too long"},
+        {std::string(5000, ' ') + "{\"command\":\"revoke\",\"key\":0}\n", "request too long"}}) {
     const int fd = UnixSocket(SOCK_STREAM, socket_);
     send(fd, request.data(), request.size(), MSG_NOSIGNAL);
     const nlohmann::json answer = nlohmann::json::parse(ReceiveText(fd, 5000), nullptr, false);
@@ -202,20 +189,21 @@ TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
 }
 
 TEST_F(AdminE2E, CommandLineMistakesAreRefusedBeforeAsking) {
-  for (auto [args, why] : {std::pair{std::vector<std::string>{"leases", "extra"}, "leases takes no arguments"},
-                           {{"revoke"}, "revoke takes one of KEY, --client, --path"},
-                           {{"revoke", "1", "--path", "/export/data/a"}, "revoke takes one of"},
-                           {{"revoke", "0x100000000"}, "bad key"},
-                           {{"revoke", ""}, "bad key"},
-                           {{"unmake"}, "unknown admin command unmake"},
-                           {{"stats", "--verbose"}, "unknown option --verbose"}}) {
+  for (auto [args, why] :
+       {std::pair{std::vector<std::string>{"leases", "extra"}, "leases takes no arguments"},
+        {{"revoke"}, "revoke takes one of KEY, --client, --path"},
+        {{"revoke", "1", "--path", "/export/data/a"}, "revoke takes one of"},
+        {{"revoke", "0x100000000"}, "bad key"},
+        {{"revoke", ""}, "bad key"},
+        {{"unmake"}, "unknown admin command unmake"},
+        {{"stats", "--verbose"}, "unknown option --verbose"}}) {
     const RunResult r = Cli(args);  // no daemon: a request would find no socket (status 2)
     EXPECT_EQ(r.exitStatus, 1) << why;
     EXPECT_NE(r.standardError.find(why), std::string::npos) << r.standardError;
   }
   // Options before the command words, and help per command.
-  const RunResult before =
-      RunToExit(KESTRIX_CLI, {"--json", "--socket", socket_, "admin", "--path", "/x", "revoke"}, {});
+  const RunResult before = RunToExit(
+      KESTRIX_CLI, {"--json", "--socket", socket_, "admin", "--path", "/x", "revoke"}, {});
   EXPECT_EQ(before.exitStatus, 2) << before.standardError;  // asked, but no daemon
   const RunResult help = RunToExit(KESTRIX_CLI, {"admin", "revoke", "--help"}, {});
   EXPECT_EQ(help.exitStatus, 0);
@@ -276,34 +264,37 @@ TEST_F(AdminE2E, MetricsCountAKnownSequenceOfRequests) {
     for (const std::string& line : SplitLines(daemon_.Log())) n += line.rfind("Print ", 0) == 0;
     return static_cast<double>(n);
   };
-  for (auto [name, value] : {std::pair{"kestrix_requests_totalfunction=GetInitialMap,result=0", 2.0},
-                             {"kestrix_requests_totalfunction=Close,result=0", 1.0},
-                             {"kestrix_requests_totalfunction=Close,result=407", 2.0},  // the copy too
-                             {"kestrix_requests_totalfunction=GetExtendedMap,result=407", 1.0},
-                             {"kestrix_requests_totalfunction=other,result=8", 1.0},
-                             {"kestrix_request_duration_seconds_countfunction=GetInitialMap", 2.0},
-                             {"kestrix_request_duration_seconds_bucketfunction=Close,le=+Inf", 3.0},
-                             {"kestrix_duplicates_answered_total", 1.0},
-                             {"kestrix_duplicates_dropped_total", 0.0},
-                             {"kestrix_header_refused_total", 1.0},
-                             {"kestrix_tracker_entriesstate=answered", 1.0},
-                             {"kestrix_leases_openintention=read", 0.0},
-                             {"kestrix_leases_openintention=write", 1.0},
-                             {"kestrix_leases_revoked_total", 0.0},
-                             {"kestrix_library_calls_totalentry=FS_GetCookies", 2.0},
-                             {"kestrix_library_calls_totalentry=FS_UnlockMap", 1.0},
-                             {"kestrix_library_call_duration_seconds_countentry=FS_GetLockedMap", 2.0},
-                             {"kestrix_log_lines_totallevel=Print", prints()}})
+  for (auto [name, value] :
+       {std::pair{"kestrix_requests_totalfunction=GetInitialMap,result=0", 2.0},
+        {"kestrix_requests_totalfunction=Close,result=0", 1.0},
+        {"kestrix_requests_totalfunction=Close,result=407", 2.0},  // the copy too
+        {"kestrix_requests_totalfunction=GetExtendedMap,result=407", 1.0},
+        {"kestrix_requests_totalfunction=other,result=8", 1.0},
+        {"kestrix_request_duration_seconds_countfunction=GetInitialMap", 2.0},
+        {"kestrix_request_duration_seconds_bucketfunction=Close,le=+Inf", 3.0},
+        {"kestrix_duplicates_answered_total", 1.0},
+        {"kestrix_duplicates_dropped_total", 0.0},
+        {"kestrix_header_refused_total", 1.0},
+        {"kestrix_tracker_entriesstate=answered", 1.0},
+        {"kestrix_leases_openintention=read", 0.0},
+        {"kestrix_leases_openintention=write", 1.0},
+        {"kestrix_leases_revoked_total", 0.0},
+        {"kestrix_library_calls_totalentry=FS_GetCookies", 2.0},
+        {"kestrix_library_calls_totalentry=FS_UnlockMap", 1.0},
+        {"kestrix_library_call_duration_seconds_countentry=FS_GetLockedMap", 2.0},
+        {"kestrix_log_lines_totallevel=Print", prints()}})
     EXPECT_EQ(samples.count(name) != 0 ? samples[name] : -1, value) << name;
   EXPECT_GT(samples["kestrix_allocator_bytes"], 0);
   // Every series the Grafana dashboard asks for is served.
   const std::string dashboard = ReadFile(KESTRIX_GRAFANA_DASHBOARD);
   const std::regex series("kestrix_[a-z_]+");
   for (std::sregex_iterator m(dashboard.begin(), dashboard.end(), series), end; m != end; ++m)
-    EXPECT_TRUE(std::any_of(samples.begin(), samples.end(), [&](const auto& s) { return s.first.rfind(m->str(), 0) == 0; }))
-        << m->str();
+    EXPECT_TRUE(std::any_of(samples.begin(), samples.end(), [&](const auto& s) {
+      return s.first.rfind(m->str(), 0) == 0;
+    })) << m->str();
   // The admin socket shows the same counters.
-  EXPECT_NE(Cli({"stats"}).standardOutput.find("kestrix_header_refused_total 1\n"), std::string::npos);
+  EXPECT_NE(Cli({"stats"}).standardOutput.find("kestrix_header_refused_total 1\n"),
+            std::string::npos);
 }
 
 TEST_F(AdminE2E, ReadyIsReportedOnceTheSocketServes) {

@@ -43,7 +43,8 @@ inline Bytes ExpectedLanReply(const Bytes& requestHeaderInHostOrder, int result)
   LanHeader* h = client::HeaderOf(reply);
   h->byteOrder = 1;
   h->length = 48;
-  h->functionCode = static_cast<int32_t>(0u - static_cast<uint32_t>(h->functionCode));  // INT32_MIN: itself
+  // Negated without overflow: INT32_MIN stays itself.
+  h->functionCode = static_cast<int32_t>(0u - static_cast<uint32_t>(h->functionCode));
   h->result = result;
   return reply;
 }
@@ -115,7 +116,7 @@ class PluginDaemonTest : public ::testing::Test {
 };
 
 // A plug-in daemon whose share "data" lies at /export/data, for the map
-// handlers' tests. Send gives every request a fresh message ID.
+// handlers' tests. Send and AskFrom give every request a fresh message ID.
 class MapE2E : public PluginDaemonTest {
  protected:
   void SetUp() override {
@@ -142,15 +143,18 @@ class MapE2E : public PluginDaemonTest {
   }
   int32_t Result(const Bytes& request) { return client::Read<int32_t>(Send(request), 48); }
   // The reply to a request sent from another loopback address, such as 127.0.0.2.
-  Bytes AskFrom(const char* local, const Bytes& request) {
+  Bytes AskFrom(const char* local, Bytes request) {
+    client::Write(request, 8, ++sequence_);
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in from{AF_INET, 0, {}, {}}, to{AF_INET, htons(daemon_.port()), {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in from{AF_INET, 0, {}, {}};
+    sockaddr_in to{AF_INET, htons(daemon_.port()), {htonl(INADDR_LOOPBACK)}, {}};
     inet_pton(AF_INET, local, &from.sin_addr);
     const timeval wait{2, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     Bytes reply(65536);
     const bool sent = bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
-                      sendto(fd, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) > 0;
+                      sendto(fd, request.data(), request.size(), 0,
+                             reinterpret_cast<sockaddr*>(&to), sizeof to) > 0;
     const ssize_t n = sent ? recv(fd, reply.data(), reply.size(), 0) : -1;
     close(fd);
     EXPECT_GT(n, 0) << "no reply to " << local;
@@ -168,7 +172,8 @@ inline std::string MapCalls(const TestFs& fs) {
   for (const CallRecord& c : fs.Calls()) {
     if (c.function == "FS_GetLockedMap")
       out += "map " + c.Get("start") + " " + c.Get("length") + " " + c.Get("flags") + "|";
-    if (c.function == "FS_SetFileSizes") out += "size " + c.Get("size") + " " + c.Get("alloc") + "|";
+    if (c.function == "FS_SetFileSizes")
+      out += "size " + c.Get("size") + " " + c.Get("alloc") + "|";
     if (c.function == "FS_UnlockMap") out += "unlock|";
   }
   return out;

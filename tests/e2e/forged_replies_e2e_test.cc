@@ -29,20 +29,26 @@ struct Volume {
   int64_t blockOffset = 1, nBlocks = 60;
   uint32_t idLength = 16;
   // The file: disk 0 at its block 2, a hole, then disk 1 at its block 1.
-  std::vector<VerboseExtent> extents = {{0, 2 * kBlock, 2 * kBlock, 0, FS_VALIDITY_DATA},
-                                        {2 * kBlock, 0, kBlock, 0, FS_VALIDITY_HOLE},
-                                        {3 * kBlock, kBlock, kSize - 3 * kBlock, 1, FS_VALIDITY_DATA}};
+  std::vector<VerboseExtent> extents = {
+      {.LogicalByteAddr = 0, .PhysicalByteAddr = 2 * kBlock, .nBytes = 2 * kBlock,
+       .VolumeOrdinal = 0, .validity = FS_VALIDITY_DATA},
+      {.LogicalByteAddr = 2 * kBlock, .PhysicalByteAddr = 0, .nBytes = kBlock,
+       .VolumeOrdinal = 0, .validity = FS_VALIDITY_HOLE},
+      {.LogicalByteAddr = 3 * kBlock, .PhysicalByteAddr = kBlock, .nBytes = kSize - 3 * kBlock,
+       .VolumeOrdinal = 1, .validity = FS_VALIDITY_DATA}};
   bool otherPort = false, decoys = false;  // replies from another port; wrong ID and code first
 };
 
 // Answers every request of one kestrix-cli run from the volume above.
 class Responder {
  public:
-  explicit Responder(Volume v) : v_(std::move(v)), fd_(Bound()), other_(Bound()), thread_([this] { Run(); }) {}
+  explicit Responder(Volume v)
+      : v_(std::move(v)), fd_(Bound()), other_(Bound()), thread_([this] { Run(); }) {}
   ~Responder() {
     stop_ = true;
     thread_.join();
-    close(fd_), close(other_);
+    close(fd_);
+    close(other_);
   }
   uint16_t port() const { return Port(fd_); }
 
@@ -63,12 +69,18 @@ class Responder {
     const int64_t end = length < 0 ? kSize : std::min(kSize, start + length);
     std::vector<VerboseExtent> in;
     for (VerboseExtent e : v_.extents) {
-      const int64_t from = std::max(e.LogicalByteAddr, start), to = std::min(e.LogicalByteAddr + e.nBytes, end);
+      const int64_t from = std::max(e.LogicalByteAddr, start);
+      const int64_t to = std::min(e.LogicalByteAddr + e.nBytes, end);
       if (to <= from) continue;
-      e.PhysicalByteAddr += from - e.LogicalByteAddr, e.LogicalByteAddr = from, e.nBytes = to - from;
+      e.PhysicalByteAddr += from - e.LogicalByteAddr;
+      e.LogicalByteAddr = from;
+      e.nBytes = to - from;
       in.push_back(e);
     }
-    FSMapInfo m{kSize, kSize, 64, 0, static_cast<FSLONG>(in.size()), FS_EXTENT_VERBOSE, start, std::max<int64_t>(end - start, 0), {}};
+    const FSMapInfo m{.fileSize = kSize, .allocation = kSize, .msgLen = 64, .vendorStatus = 0,
+                      .nExtents = static_cast<FSLONG>(in.size()),
+                      .extentType = FS_EXTENT_VERBOSE, .fileOffset = start,
+                      .fileBytes = std::max<int64_t>(end - start, 0), .reserved = {}};
     reply.resize(at + 64 + 32 * in.size());
     std::memcpy(reply.data() + at, &m, sizeof m);
     std::memcpy(reply.data() + at + 64, in.data(), 32 * in.size());
@@ -82,10 +94,13 @@ class Responder {
     Write<uint32_t>(r, 52, 60000);  // lease
     if (code == SP_FUNC_GETVOLUME) {
       r.resize(SP_GETVOLUME_TEXT_OFFSET + 2 * FSDISK_SIZE, 0);
-      VolInfo vi{VOLINFO_FIXED_SIZE + 2 * FSDISK_SIZE, 0, 1, 0, 0, 2, kBlock, {}, {}, {}};
+      const VolInfo vi{.msgLen = VOLINFO_FIXED_SIZE + 2 * FSDISK_SIZE, .vendorStatus = 0,
+                       .FStype = 1, .GlomType = 0, .GlomInfo = 0, .nDisks = 2,
+                       .BlockSize = kBlock, .reserved = {}, .Cookie = {}, .fsSystem = {}};
       std::memcpy(r.data() + SP_GETVOLUME_VOLINFO_OFFSET, &vi, sizeof vi);
       for (int i = 0; i < 2; ++i) {
-        FSDisk d{{}, 0, v_.blockOffset, v_.nBlocks, v_.idLength, 0, {}};
+        FSDisk d{.DiskID = {}, .IDoffset = 0, .BlockOffset = v_.blockOffset,
+                 .nBlocks = v_.nBlocks, .IDlength = v_.idLength, .reserved1 = 0, .reserved2 = {}};
         std::memcpy(d.DiskID, i ? "second-disk-0001" : "first-disk-00001", 16);
         std::memcpy(r.data() + SP_GETVOLUME_TEXT_OFFSET + i * FSDISK_SIZE, &d, sizeof d);
       }
@@ -93,8 +108,12 @@ class Responder {
       r = Map(r, SP_GETINITIALMAP_MAP_OFFSET, 0, -1);
       Write<uint32_t>(r, 56, 7);  // key
     } else if (code == SP_FUNC_GETEXTENDEDMAP) {
-      if (client::Read<int64_t>(q, 56) > 0) v_.extents[1] = {2 * kBlock, 4 * kBlock, kBlock, 0, FS_VALIDITY_DATA};
-      r = Map(r, SP_GETEXTENDEDMAP_MAP_OFFSET, client::Read<int64_t>(q, 64), client::Read<int64_t>(q, 72));
+      if (client::Read<int64_t>(q, 56) > 0) {  // an allocation fills the hole
+        v_.extents[1].PhysicalByteAddr = 4 * kBlock;
+        v_.extents[1].validity = FS_VALIDITY_DATA;
+      }
+      r = Map(r, SP_GETEXTENDEDMAP_MAP_OFFSET, client::Read<int64_t>(q, 64),
+              client::Read<int64_t>(q, 72));
     }
     Write<uint32_t>(r, 28, static_cast<uint32_t>(r.size()));
     return r;
@@ -105,11 +124,13 @@ class Responder {
       Bytes q(65536);
       sockaddr_in from{};
       socklen_t n = sizeof from;
-      q.resize(std::max<ssize_t>(recvfrom(fd_, q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&from), &n), 0));
+      q.resize(std::max<ssize_t>(
+          recvfrom(fd_, q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&from), &n), 0));
       if (q.size() < 48) continue;
       const Bytes good = Answer(q);
       auto send = [&](const Bytes& r) {
-        sendto(v_.otherPort ? other_ : fd_, r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&from), n);
+        sendto(v_.otherPort ? other_ : fd_, r.data(), r.size(), 0,
+               reinterpret_cast<sockaddr*>(&from), n);
       };
       if (v_.decoys) {  // each pointing at the start of disk 0, its identifier
         Bytes decoy = good;
@@ -134,7 +155,8 @@ TEST(ForgedRepliesE2E, OnlyRepliesThatFitTheirDisksMoveData) {
   TempDir dir;
   const std::string disks[] = {dir.File("d0"), dir.File("d1"), dir.File("clone")};
   const std::string ids[] = {"first-disk-00001", "second-disk-0001", "first-disk-00001"};
-  for (int i = 0; i < 3; ++i) WriteFile(disks[i], ids[i] + std::string(kDiskBytes - 16, static_cast<char>('a' + i)));
+  for (int i = 0; i < 3; ++i)
+    WriteFile(disks[i], ids[i] + std::string(kDiskBytes - 16, static_cast<char>('a' + i)));
   std::string data(kSize, '\0');
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + i / 4096);
   WriteFile(dir.File("in"), data);
@@ -146,23 +168,34 @@ TEST(ForgedRepliesE2E, OnlyRepliesThatFitTheirDisksMoveData) {
     std::string error;
     bool clone = false;
   } rows[] = {
-      {"across two disks and a hole", [](Volume&) {}, 0, ""},
-      {"decoy replies first", [](Volume& v) { v.decoys = true; }, 0, ""},
-      {"replies from another port", [](Volume& v) { v.otherPort = true; }, 2, "no reply"},
-      {"extent past its disk", [](Volume& v) { v.extents[0].PhysicalByteAddr = 59 * kBlock; }, 4, "outside its disk"},
-      {"negative physical", [](Volume& v) { v.extents[0].PhysicalByteAddr = -kBlock; }, 4, "outside its disk"},
-      {"huge BlockOffset", [](Volume& v) { v.blockOffset = INT64_MAX / 1024; }, 4, "cannot exist"},
-      {"disk larger than its image", [](Volume& v) { v.nBlocks = int64_t{1} << 28; }, 4, "past the end of the disk"},
-      {"one-byte disk ID", [](Volume& v) { v.idLength = 1; }, 4, "to tell disks apart"},
-      {"disk ID on two devices", [](Volume&) {}, 4, disks[0] + " " + disks[2], true},
+      {.name = "across two disks and a hole", .forge = [](Volume&) {}, .status = 0, .error = ""},
+      {.name = "decoy replies first", .forge = [](Volume& v) { v.decoys = true; },
+       .status = 0, .error = ""},
+      {.name = "replies from another port", .forge = [](Volume& v) { v.otherPort = true; },
+       .status = 2, .error = "no reply"},
+      {.name = "extent past its disk",
+       .forge = [](Volume& v) { v.extents[0].PhysicalByteAddr = 59 * kBlock; },
+       .status = 4, .error = "outside its disk"},
+      {.name = "negative physical",
+       .forge = [](Volume& v) { v.extents[0].PhysicalByteAddr = -kBlock; },
+       .status = 4, .error = "outside its disk"},
+      {.name = "huge BlockOffset", .forge = [](Volume& v) { v.blockOffset = INT64_MAX / 1024; },
+       .status = 4, .error = "cannot exist"},
+      {.name = "disk larger than its image",
+       .forge = [](Volume& v) { v.nBlocks = int64_t{1} << 28; },
+       .status = 4, .error = "past the end of the disk"},
+      {.name = "one-byte disk ID", .forge = [](Volume& v) { v.idLength = 1; },
+       .status = 4, .error = "to tell disks apart"},
+      {.name = "disk ID on two devices", .forge = [](Volume&) {},
+       .status = 4, .error = disks[0] + " " + disks[2], .clone = true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Volume v;
     row.forge(v);
     Responder responder(v);
-    std::vector<std::string> on = {"--disk", disks[0], "--disk", disks[1], "-p", std::to_string(responder.port()),
-                                   "-t", "300", "-r", "1", "--json"};
+    std::vector<std::string> on = {"--disk", disks[0], "--disk", disks[1], "-t", "300", "-r", "1",
+                                   "--json", "-p", std::to_string(responder.port())};
     if (row.clone) on.insert(on.end(), {"--disk", disks[2]});
     const std::string before[] = {ReadFile(disks[0]), ReadFile(disks[1])};
     std::vector<std::string> args = {"write", "data", "f", "-i", dir.File("in")};
@@ -170,8 +203,10 @@ TEST(ForgedRepliesE2E, OnlyRepliesThatFitTheirDisksMoveData) {
     RunResult w = RunToExit(KESTRIX_CLI, args, {});
     EXPECT_EQ(w.exitStatus, row.status) << w.standardError;
     if (row.status != 0) {
-      EXPECT_NE(FlatJson(w.standardOutput)["/error"].find(row.error), std::string::npos) << w.standardOutput;
-      EXPECT_EQ(ReadFile(disks[0]) == before[0] && ReadFile(disks[1]) == before[1], true);
+      EXPECT_NE(FlatJson(w.standardOutput)["/error"].find(row.error), std::string::npos)
+          << w.standardOutput;
+      EXPECT_TRUE(ReadFile(disks[0]) == before[0]) << "disk 0 changed";
+      EXPECT_TRUE(ReadFile(disks[1]) == before[1]) << "disk 1 changed";
       continue;
     }
     // The bytes lie where the map put them (the hole allocated at disk 0's

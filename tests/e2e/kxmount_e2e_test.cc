@@ -23,7 +23,8 @@ std::pair<int, int> RenewalsAndReopens(const std::string& log, const std::string
   int renewals = -1, reopens = -1;
   for (const std::string& line : SplitLines(log)) {
     if (line.find("closed " + name + ": ") == std::string::npos) continue;
-    sscanf(line.c_str() + line.find("on the disk, "), "on the disk, %d renewals, %d reopens", &renewals, &reopens);
+    sscanf(line.c_str() + line.find("on the disk, "), "on the disk, %d renewals, %d reopens",
+           &renewals, &reopens);
   }
   return {renewals, reopens};
 }
@@ -55,8 +56,8 @@ class MountE2E : public ::testing::TestWithParam<FsKind> {
     return ReadFile("/proc/self/mounts").find(" " + mnt_ + " fuse.kestrix ") != std::string::npos;
   }
   void Mount(std::vector<std::string> args = {}) {
-    args.insert(args.end(), {"-f", "-v", "-p", std::to_string(daemon_.port()), "--disk", fs_->device(),
-                             "--names", exp_, "data", mnt_});
+    args.insert(args.end(), {"-f", "-v", "-p", std::to_string(daemon_.port()), "--disk",
+                             fs_->device(), "--names", exp_, "data", mnt_});
     pid_ = Spawn(KESTRIX_MOUNT, args, {}, dir_.File("out"), log_);
     ASSERT_TRUE(PollUntil([&] { return Mounted(); }, 10000)) << ReadFile(log_);
   }
@@ -80,26 +81,33 @@ class MountE2E : public ::testing::TestWithParam<FsKind> {
 TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
   Mount();
   struct Case {
-    std::string name, after;  // the file's name, and after the case ran ("" when gone)
-    std::function<std::string(const std::string& path)> run;  // returns the bytes the file must hold
+    std::string name;   // the file's name
+    std::string after;  // its name after the case ran, "" when gone
+    // Runs the case on the file at path; returns the bytes the file must hold.
+    std::function<std::string(const std::string& path)> run;
   };
   const std::string big = Random((3 << 20) + 17, 1);
   const std::vector<Case> cases = {
-      {"copy.bin", "copy.bin", [&](const std::string& p) {
+      {.name = "copy.bin", .after = "copy.bin",
+       .run = [&](const std::string& p) {
          int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
          for (size_t at = 0; at < big.size(); at += 131072)
            EXPECT_GT(write(fd, big.data() + at, std::min<size_t>(131072, big.size() - at)), 0);
          close(fd);
          return big;
        }},
-      {"append.txt", "append.txt", [&](const std::string& p) {
+      {.name = "append.txt", .after = "append.txt",
+       .run = [&](const std::string& p) {
          WriteFile(p, "head\n");
-         int a = open(p.c_str(), O_WRONLY | O_APPEND), b = open(p.c_str(), O_WRONLY | O_APPEND);
+         int a = open(p.c_str(), O_WRONLY | O_APPEND);
+         int b = open(p.c_str(), O_WRONLY | O_APPEND);
          EXPECT_EQ(write(a, "a1 ", 3) + write(b, "b1 ", 3) + write(a, "a2", 2), 8);
-         close(a), close(b);
+         close(a);
+         close(b);
          return std::string("head\na1 b1 a2");
        }},
-      {"cut.bin", "cut.bin", [&](const std::string& p) {
+      {.name = "cut.bin", .after = "cut.bin",
+       .run = [&](const std::string& p) {
          const std::string data = Random(100000, 2);
          int fd = open(p.c_str(), O_RDWR | O_CREAT, 0644);
          EXPECT_EQ(write(fd, data.data(), data.size()), 100000);
@@ -108,7 +116,8 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
          EXPECT_EQ(truncate(p.c_str(), 20000), 0);  // grown while no program holds it
          return data.substr(0, 5000) + std::string(15000, '\0');
        }},
-      {"sparse.bin", "sparse.bin", [&](const std::string& p) {
+      {.name = "sparse.bin", .after = "sparse.bin",
+       .run = [&](const std::string& p) {
          int fd = open(p.c_str(), O_WRONLY | O_CREAT, 0644);
          EXPECT_EQ(pwrite(fd, "end", 3, (5 << 20) + 3) + pwrite(fd, "start", 5, 0), 8);
          struct stat st;
@@ -116,18 +125,23 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
          close(fd);
          return "start" + std::string((5 << 20) - 2, '\0') + "end";
        }},
-      {"two.txt", "two.txt", [&](const std::string& p) {
-         int r = open(p.c_str(), O_RDONLY | O_CREAT, 0644), w = open(p.c_str(), O_WRONLY);  // a read lease, then a write
+      {.name = "two.txt", .after = "two.txt",
+       .run = [&](const std::string& p) {
+         // A read lease, then a write.
+         int r = open(p.c_str(), O_RDONLY | O_CREAT, 0644);
+         int w = open(p.c_str(), O_WRONLY);
          EXPECT_EQ(write(w, "abc", 3), 3);
          char got[8] = {};
          struct stat st = {};
          EXPECT_EQ(pread(r, got, 8, 0), 3);
          EXPECT_EQ(std::string(got), "abc");
          EXPECT_EQ(fstat(r, &st) == 0 ? st.st_size : -1, 3);  // the size written, before the close
-         close(r), close(w);
+         close(r);
+         close(w);
          return std::string("abc");
        }},
-      {"moving.txt", "moved.txt", [&](const std::string& p) {
+      {.name = "moving.txt", .after = "moved.txt",
+       .run = [&](const std::string& p) {
          int fd = open(p.c_str(), O_WRONLY | O_CREAT, 0644);
          EXPECT_EQ(write(fd, "one ", 4), 4);
          EXPECT_EQ(rename(p.c_str(), M("moved.txt").c_str()), 0);
@@ -135,16 +149,20 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
          close(fd);
          return std::string("one two");
        }},
-      {"busy.txt", "busy.txt", [&](const std::string& p) {
+      {.name = "busy.txt", .after = "busy.txt",
+       .run = [&](const std::string& p) {
          WriteFile(E("busy.txt"), "old");
-         const int server = open(E("busy.txt").c_str(), O_RDONLY);  // held open on the server: no write map
+         // Held open on the server: no write map.
+         const int server = open(E("busy.txt").c_str(), O_RDONLY);
          const int mine = open(p.c_str(), O_WRONLY);
          EXPECT_EQ(mine < 0 ? errno : 0, EBUSY);
-         close(server), close(mine);
+         close(server);
+         close(mine);
          WriteFile(p, "new");
          return std::string("new");
        }},
-      {"gone.txt", "", [&](const std::string& p) {
+      {.name = "gone.txt", .after = "",
+       .run = [&](const std::string& p) {
          int fd = open(p.c_str(), O_RDWR | O_CREAT, 0644);
          EXPECT_EQ(write(fd, "still ", 6), 6);
          EXPECT_EQ(unlink(p.c_str()), 0);
@@ -176,7 +194,6 @@ TEST_P(MountE2E, ProgramsReadBackWhatTheyWroteAndTheServerHoldsIt) {
 TEST_P(MountE2E, NameOperationsPassThroughToTheNamesDirectory) {
   Mount();
   WriteFile(E("f"), "data");  // made on the server, seen through the mount
-  struct stat st = {};
   struct Case {
     std::string what;
     std::function<int()> act;     // through the mount: 0 on success
@@ -184,39 +201,56 @@ TEST_P(MountE2E, NameOperationsPassThroughToTheNamesDirectory) {
   };
   const struct timespec times[2] = {{1000000000, 0}, {1200000000, 0}};
   char value[8] = {};
+  // What the names directory, or the mount, shows of a file.
+  auto server = [&](const char* name) {
+    struct stat st = {};
+    stat(E(name).c_str(), &st);
+    return st;
+  };
+  auto target = [](const std::string& path) { return std::filesystem::read_symlink(path); };
+  auto xattr = [&](const std::string& path) {
+    return getxattr(path.c_str(), "user.k", value, sizeof value);
+  };
   const std::vector<Case> cases = {
       {"mkdir", [&] { return mkdir(M("d").c_str(), 0750); },
-       [&] { return stat(E("d").c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 0777) == 0750; }},
+       [&] { return S_ISDIR(server("d").st_mode) && (server("d").st_mode & 0777) == 0750; }},
       {"symlink", [&] { return symlink("f", M("d/s").c_str()); },
-       [&] { return std::filesystem::read_symlink(E("d/s")) == "f" && std::filesystem::read_symlink(M("d/s")) == "f"; }},
+       [&] { return target(E("d/s")) == "f" && target(M("d/s")) == "f"; }},
       // A file with two names is not mapped: its data is refused, its names stay.
       {"link", [&] { return link(M("f").c_str(), M("d/l").c_str()); },
-       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_nlink == 2 && open(M("d/l").c_str(), O_RDONLY) < 0 && errno == EPERM; }},
+       [&] {
+         return server("f").st_nlink == 2 && open(M("d/l").c_str(), O_RDONLY) < 0 &&
+                errno == EPERM;
+       }},
       {"chmod", [&] { return chmod(M("f").c_str(), 0604); },
-       [&] { return stat(E("f").c_str(), &st) == 0 && (st.st_mode & 0777) == 0604; }},
+       [&] { return (server("f").st_mode & 0777) == 0604; }},
       {"chown", [&] { return chown(M("f").c_str(), 1234, 5678); },
-       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_uid == 1234 && st.st_gid == 5678; }},
+       [&] { return server("f").st_uid == 1234 && server("f").st_gid == 5678; }},
       {"utimens", [&] { return utimensat(AT_FDCWD, M("f").c_str(), times, 0); },
-       [&] { return stat(E("f").c_str(), &st) == 0 && st.st_mtime == 1200000000 && st.st_atime == 1000000000; }},
+       [&] { return server("f").st_mtime == 1200000000 && server("f").st_atime == 1000000000; }},
       {"setxattr", [&] { return setxattr(M("f").c_str(), "user.k", "v1", 2, 0); },
-       [&] { return getxattr(E("f").c_str(), "user.k", value, sizeof value) == 2 && getxattr(M("f").c_str(), "user.k", value, sizeof value) == 2; }},
+       [&] { return xattr(E("f")) == 2 && xattr(M("f")) == 2; }},
       {"removexattr", [&] { return removexattr(M("f").c_str(), "user.k"); },
-       [&] { return getxattr(E("f").c_str(), "user.k", value, sizeof value) < 0 && listxattr(M("f").c_str(), value, sizeof value) == 0; }},
+       [&] { return xattr(E("f")) < 0 && listxattr(M("f").c_str(), value, sizeof value) == 0; }},
       {"rename", [&] { return rename(M("d/l").c_str(), M("d/l2").c_str()); },
        [&] { return access(E("d/l").c_str(), F_OK) != 0 && ReadFile(E("d/l2")) == "data"; }},
       {"unlink", [&] { return unlink(M("d/l2").c_str()) + unlink(M("d/s").c_str()); },
        [&] { return std::filesystem::is_empty(E("d")) && std::filesystem::is_empty(M("d")); }},
-      {"rmdir", [&] { return rmdir(M("d").c_str()); }, [&] { return access(E("d").c_str(), F_OK) != 0; }},
+      {"rmdir", [&] { return rmdir(M("d").c_str()); },
+       [&] { return access(E("d").c_str(), F_OK) != 0; }},
   };
   for (const Case& c : cases) {
     ASSERT_EQ(c.act(), 0) << c.what << ": " << strerror(errno);
     EXPECT_TRUE(c.holds()) << c.what;
   }
   struct statvfs mine, theirs;
-  ASSERT_EQ(statvfs(mnt_.c_str(), &mine) + statvfs(exp_.c_str(), &theirs), 0);
-  EXPECT_EQ(std::tuple(mine.f_blocks, mine.f_bsize), std::tuple(theirs.f_blocks, theirs.f_bsize));
+  ASSERT_EQ(statvfs(mnt_.c_str(), &mine), 0);
+  ASSERT_EQ(statvfs(exp_.c_str(), &theirs), 0);
+  EXPECT_EQ(mine.f_blocks, theirs.f_blocks);
+  EXPECT_EQ(mine.f_bsize, theirs.f_bsize);
   std::vector<std::string> listed;
-  for (const auto& e : std::filesystem::directory_iterator(mnt_)) listed.push_back(e.path().filename());
+  for (const auto& e : std::filesystem::directory_iterator(mnt_))
+    listed.push_back(e.path().filename());
   EXPECT_EQ(listed, std::vector<std::string>{"f"});
 }
 
@@ -231,7 +265,9 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   }
   close(fd);
   EXPECT_EQ(ReadFile(E("slow.bin")) == slow, true);
-  EXPECT_TRUE(PollUntil([&] { return RenewalsAndReopens(ReadFile(log_), "slow.bin").first >= 3; }, 3000)) << ReadFile(log_);
+  EXPECT_TRUE(
+      PollUntil([&] { return RenewalsAndReopens(ReadFile(log_), "slow.bin").first >= 3; }, 3000))
+      << ReadFile(log_);
   EXPECT_EQ(RenewalsAndReopens(ReadFile(log_), "slow.bin").second, 0);
 
   // The daemon restarted half-way through a large write, once as the file
@@ -239,7 +275,8 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
   // by its name and comes out complete.
   const std::string large = Random(16 << 20, 4);
   for (const char* name : {"large.bin", "renamed.bin"}) {
-    fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);  // not held by the new daemon
+    // Not held by the new daemon.
+    fd = open(M("large.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     for (size_t at = 0; at < large.size(); at += 1 << 20) {
       if (at == 8 << 20) {
         // Nothing queued while the daemon is away: starting it closes this
@@ -254,9 +291,11 @@ TEST_P(MountE2E, LeasesOutliveTheirLengthAndARestartButNotALostDaemon) {
     EXPECT_EQ(ReadFile(E(name)) == large, true) << name;
   }
   // The restart was noticed: the lease was taken up again, by RemoteFile or by the mount.
-  EXPECT_TRUE(PollUntil([&] {
-    return RenewalsAndReopens(ReadFile(log_), "large.bin").second >= 1 || ReadFile(log_).find("large.bin opened again") != std::string::npos;
-  }, 3000)) << ReadFile(log_);
+  auto reopened = [&] {
+    return RenewalsAndReopens(ReadFile(log_), "large.bin").second >= 1 ||
+           ReadFile(log_).find("large.bin opened again") != std::string::npos;
+  };
+  EXPECT_TRUE(PollUntil(reopened, 3000)) << ReadFile(log_);
 
   // A daemon that stays away: writes fail with EIO, and the log says why.
   fd = open(M("lost.bin").c_str(), O_WRONLY | O_CREAT, 0644);
@@ -298,9 +337,12 @@ TEST_P(MountE2E, FioVerifiesAMixedRandomJob) {
   const std::string fio = FindProgram("fio");
   if (fio.empty()) GTEST_SKIP() << "fio is not installed: the verified random job cannot run";
   Mount();
-  RunResult r = RunToExit(fio, {"--name=mixed", "--filename_format=$jobname.$jobnum", "--directory=" + mnt_, "--size=12M", "--numjobs=2",
-                                "--rw=randrw", "--bsrange=4k-256k", "--ioengine=psync", "--verify=crc32c",
-                                "--verify_fatal=1", "--verify_state_save=0", "--fallocate=none"}, {}, 120000);
+  RunResult r = RunToExit(
+      fio,
+      {"--name=mixed", "--filename_format=$jobname.$jobnum", "--directory=" + mnt_, "--size=12M",
+       "--numjobs=2", "--rw=randrw", "--bsrange=4k-256k", "--ioengine=psync", "--verify=crc32c",
+       "--verify_fatal=1", "--verify_state_save=0", "--fallocate=none"},
+      {}, 120000);
   EXPECT_EQ(r.exitStatus, 0) << r.standardOutput << r.standardError << ReadFile(log_);
 }
 

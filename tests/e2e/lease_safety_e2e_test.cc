@@ -67,9 +67,7 @@ TEST_F(LeaseSafetyE2E, ASenderAtItsBoundIsRefusedWhileOthersAreServed) {
   Start();
   std::vector<uint32_t> keys;
   auto open = [&](const char* from) {
-    Bytes request = MakeGetInitialMapRequest("data", "f");
-    client::Write(request, 8, ++sequence_);
-    const Bytes reply = AskFrom(from, request);
+    const Bytes reply = AskFrom(from, MakeGetInitialMapRequest("data", "f"));
     keys.push_back(client::Read<uint32_t>(reply, 56));
     return client::Read<int32_t>(reply, 48);
   };

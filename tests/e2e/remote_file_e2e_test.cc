@@ -48,7 +48,8 @@ class RemoteFileE2E : public ::testing::TestWithParam<FsKind> {
     return o;
   }
   std::vector<std::string> Cli(std::vector<std::string> args) {
-    args.insert(args.end(), {"--json", "-p", std::to_string(daemon_.port()), "--disk", fs_->device()});
+    args.insert(args.end(),
+                {"--json", "-p", std::to_string(daemon_.port()), "--disk", fs_->device()});
     return args;
   }
 
@@ -79,7 +80,8 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
   // Read in odd pieces into unaligned buffers, the last one asked for past the end.
   auto readWhole = [&] {
     std::string error, whole;
-    std::unique_ptr<client::RemoteFile> file = client::RemoteFile::Open("data", "sparse", Options(false), &error);
+    std::unique_ptr<client::RemoteFile> file =
+        client::RemoteFile::Open("data", "sparse", Options(false), &error);
     EXPECT_TRUE(file) << error;
     for (size_t at = 0, piece = 12345; file && at < model.size(); at += piece) {
       std::string buf(piece + 1, '\0');
@@ -95,7 +97,8 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
   EXPECT_EQ(s.zeroBytes, 30 * bs_ - 1000);
 
   std::string error;
-  std::unique_ptr<client::RemoteFile> file = client::RemoteFile::Open("data", "sparse", Options(true), &error);
+  std::unique_ptr<client::RemoteFile> file =
+      client::RemoteFile::Open("data", "sparse", Options(true), &error);
   ASSERT_TRUE(file) << error;
   const struct {
     int64_t offset, length;
@@ -111,7 +114,8 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
   for (const auto& row : rows) {
     const std::string data = Random(static_cast<size_t>(row.length), ++seed);
     ASSERT_EQ(file->Write(row.offset, data.data(), data.size()), row.length) << file->error();
-    if (model.size() < static_cast<size_t>(row.offset + row.length)) model.resize(row.offset + row.length, '\0');
+    if (model.size() < static_cast<size_t>(row.offset + row.length))
+      model.resize(row.offset + row.length, '\0');
     model.replace(row.offset, row.length, data);
     std::string back(row.length + 1, '\0');  // read into an unaligned buffer
     ASSERT_EQ(file->Read(row.offset, back.data() + 1, row.length), row.length) << file->error();
@@ -157,7 +161,8 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
     if (row.status != 0) {
       RunResult r = cli.Wait(10000);
       EXPECT_EQ(r.exitStatus, row.status);
-      EXPECT_NE(FlatJson(r.standardOutput)["/error"].find(row.error), std::string::npos) << r.standardOutput;
+      EXPECT_NE(FlatJson(r.standardOutput)["/error"].find(row.error), std::string::npos)
+          << r.standardOutput;
       char left[4096];
       EXPECT_EQ(read(in[0], left, sizeof left), 4096);  // the input was not touched, nor the file
       EXPECT_EQ(ReadFile(exp_ + "/" + row.name) == before, true);
@@ -188,7 +193,8 @@ TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
     }
     if (row.bytes > (64 << 20)) {  // and read back whole through kestrix-cli
       TempDir out;
-      RunResult back = RunToExit(KESTRIX_CLI, Cli({"read", "data", row.name, "-o", out.File("f")}), {});
+      RunResult back =
+          RunToExit(KESTRIX_CLI, Cli({"read", "data", row.name, "-o", out.File("f")}), {});
       EXPECT_EQ(back.exitStatus, 0) << back.standardError;
       EXPECT_EQ(ReadFile(out.File("f")) == data, true);
     }
@@ -244,7 +250,8 @@ TEST_F(LeaseKeptE2E, AStalledReadKeepsItsLeaseAcrossThePurge) {
   close(out[1]);
   std::string got;
   char buf[65536];
-  for (ssize_t n; got.size() < (1 << 20) && (n = read(out[0], buf, sizeof buf)) > 0;) got.append(buf, n);
+  for (ssize_t n; got.size() < (1 << 20) && (n = read(out[0], buf, sizeof buf)) > 0;)
+    got.append(buf, n);
   std::this_thread::sleep_for(std::chrono::seconds(37));  // lease 1 s + 30 s grace + a purge period
   for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) got.append(buf, n);
   close(out[0]);

@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
 # The Wireshark dissector on real traffic: a daemon with the testfs plug-in
 # on a loopback port, kestrix-cli requests and one big-endian request,
-# captured with tcpdump and decoded by tshark with kestrix.lua.
-# Usage: dissector_test.sh KESTRIXD KESTRIX_CLI LIBTESTFS KESTRIX_LUA
+# captured with tcpdump and decoded by tshark with kestrix.lua. First, the
+# dissector's layout and function tables must be the ones the wire
+# description prints.
+# Usage: dissector_test.sh KESTRIXD KESTRIX_CLI LIBTESTFS KESTRIX_LUA LAYOUTS_LUA
 set -uo pipefail
-daemon=$1 cli=$2 plugin=$3 lua=$4
+daemon=$1 cli=$2 plugin=$3 lua=$4 layouts=$5
+sed -n '/^-- BEGIN wire /,/^-- END wire /{/^--/!p}' "$lua" |
+  diff - <("$layouts") ||
+  { echo "FAIL: the wire tables in $lua differ from the output of $layouts (< in the .lua, > printed)"; exit 1; }
 for tool in tshark tcpdump; do
   command -v $tool >/dev/null || { echo "SKIPPED: $tool is not installed (.ci/run installs it)"; exit 77; }
 done

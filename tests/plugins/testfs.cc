@@ -74,8 +74,10 @@ struct Conf {
 std::string SteeringPath(const char* suffix) {
   const char* dir = getenv("KESTRIX_TESTFS_DIR");
   Dl_info info;
-  if (dir == nullptr || *dir == '\0' || dladdr(reinterpret_cast<void*>(&SteeringPath), &info) == 0) return "";
-  return std::string(dir) + "/" + (strrchr(info.dli_fname, '/') ? strrchr(info.dli_fname, '/') + 1 : info.dli_fname) +
+  if (dir == nullptr || *dir == '\0' || dladdr(reinterpret_cast<void*>(&SteeringPath), &info) == 0)
+    return "";
+  return std::string(dir) + "/" +
+         (strrchr(info.dli_fname, '/') ? strrchr(info.dli_fname, '/') + 1 : info.dli_fname) +
          suffix;
 }
 
@@ -86,7 +88,8 @@ Conf ReadConf() {
     std::istringstream fields(line);
     Words w{std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>()};
     if (w.empty() || w[0][0] == '#') continue;
-    const size_t named = (w[0] == "result" || w[0] == "miss" || w[0] == "volume" || w[0] == "file") && w.size() > 1;
+    const size_t named =
+        (w[0] == "result" || w[0] == "miss" || w[0] == "volume" || w[0] == "file") && w.size() > 1;
     conf.lines[named ? w[0] + " " + w[1] : w[0]] = Words(w.begin() + 1 + named, w.end());
   }
   return conf;
@@ -97,7 +100,8 @@ void Record(const std::string& line) {
   const std::string path = SteeringPath(".calls"), text = line + "\n";
   const int fd = path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (fd < 0) return;
-  [[maybe_unused]] ssize_t written = write(fd, text.data(), text.size());  // a lost record fails the test
+  // A lost record fails the test.
+  [[maybe_unused]] ssize_t written = write(fd, text.data(), text.size());
   close(fd);
 }
 
@@ -108,8 +112,9 @@ FSLONG Recorded(const std::string& call, FSLONG result) {
 }
 
 std::string Cookie(const uint8_t* cookie) {
-  return cookie == nullptr ? "null" : std::string(reinterpret_cast<const char*>(cookie),
-                                                  strnlen(reinterpret_cast<const char*>(cookie), 32));
+  return cookie == nullptr ? "null"
+                           : std::string(reinterpret_cast<const char*>(cookie),
+                                         strnlen(reinterpret_cast<const char*>(cookie), 32));
 }
 
 std::string Cookies(const uint8_t* volume, const uint8_t* file) {
@@ -145,8 +150,10 @@ void WriteVolInfo(const Conf& conf, const uint8_t* cookie, uint8_t* out, size_t 
   v.nDisks = static_cast<FSULONG>(conf.Num("vol.nDisks", 1));
   size_t end = VOLINFO_FIXED_SIZE;
   if (v.vendorStatus != 0 && end + 2 <= room)  // the error text with its zero unit, cut to the room
-    mb2fsuni(reinterpret_cast<FSUNI*>(out + end), conf.Text("vol.error").c_str(), static_cast<int32_t>((room - end) / 2));
-  for (FSULONG i = 0; v.vendorStatus == 0 && i < v.nDisks && end + FSDISK_SIZE <= room; ++i, end += FSDISK_SIZE) {
+    mb2fsuni(reinterpret_cast<FSUNI*>(out + end), conf.Text("vol.error").c_str(),
+             static_cast<int32_t>((room - end) / 2));
+  for (FSULONG i = 0; v.vendorStatus == 0 && i < v.nDisks && end + FSDISK_SIZE <= room;
+       ++i, end += FSDISK_SIZE) {
     FSDisk d{};
     for (int j = 0; j < FSDISK_ID_SIZE; ++j) d.DiskID[j] = static_cast<uint8_t>(0x10 * (i + 1) + j);
     d.IDlength = FSDISK_ID_SIZE;
@@ -222,7 +229,8 @@ TESTFS_EXPORT FSLONG FS_SetLog(int* levelPointer, void* reserved) {
 TESTFS_EXPORT FSLONG FS_GetMaxLeases(const uint8_t* volumeCookie, FSLONG* readMaxSeconds, FSLONG*) {
   const Conf conf = ReadConf();
   const FSLONG result = Result(conf, "FS_GetMaxLeases");
-  if (conf.Find("maxlease.read")) *readMaxSeconds = static_cast<FSLONG>(conf.Num("maxlease.read", 0));
+  if (conf.Find("maxlease.read"))
+    *readMaxSeconds = static_cast<FSLONG>(conf.Num("maxlease.read", 0));
   return Recorded("FS_GetMaxLeases vol=" + Cookie(volumeCookie), result);
 }
 #endif
@@ -230,47 +238,57 @@ TESTFS_EXPORT FSLONG FS_GetMaxLeases(const uint8_t* volumeCookie, FSLONG* readMa
 TESTFS_EXPORT FSLONG FS_GetVolCookie(const FSUNI* mountPoint, uint8_t* volumeCookieOut) {
   const Conf conf = ReadConf();
   const std::string mount = Utf8(mountPoint);
-  return Recorded("FS_GetVolCookie mount=" + mount,
-                  Lookup(conf, "FS_GetVolCookie", conf.Find("volume " + mount), volumeCookieOut, nullptr));
+  return Recorded(
+      "FS_GetVolCookie mount=" + mount,
+      Lookup(conf, "FS_GetVolCookie", conf.Find("volume " + mount), volumeCookieOut, nullptr));
 }
 
-TESTFS_EXPORT FSLONG FS_GetVolByCookie(const uint8_t* volumeCookie, struct VolInfo* info, FSULONG* room) {
+TESTFS_EXPORT FSLONG FS_GetVolByCookie(const uint8_t* volumeCookie, struct VolInfo* info,
+                                       FSULONG* room) {
   const Conf conf = ReadConf();
   const FSULONG bytes = room != nullptr ? *room : 0;
   const FSLONG result = Result(conf, "FS_GetVolByCookie");
   WriteVolInfo(conf, volumeCookie, reinterpret_cast<uint8_t*>(info), bytes);
-  return Recorded("FS_GetVolByCookie vol=" + Cookie(volumeCookie) + " room=" + to_string(bytes), result);
+  return Recorded("FS_GetVolByCookie vol=" + Cookie(volumeCookie) + " room=" + to_string(bytes),
+                  result);
 }
 
-TESTFS_EXPORT FSLONG FS_GetCookies(const FSUNI* path, uint8_t* volumeCookieOut, uint8_t* fileCookieOut) {
+TESTFS_EXPORT FSLONG FS_GetCookies(const FSUNI* path, uint8_t* volumeCookieOut,
+                                   uint8_t* fileCookieOut) {
   const Conf conf = ReadConf();
   const std::string full = Utf8(path);
-  return Recorded("FS_GetCookies path=" + full,
-                  Lookup(conf, "FS_GetCookies", conf.Find("file " + full), volumeCookieOut, fileCookieOut));
+  return Recorded(
+      "FS_GetCookies path=" + full,
+      Lookup(conf, "FS_GetCookies", conf.Find("file " + full), volumeCookieOut, fileCookieOut));
 }
 
-TESTFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t* fileCookie, FS64LONG start,
-                                     FS64LONG length, FSULONG flags, struct FSMapInfo* map, FSULONG* room) {
+TESTFS_EXPORT FSLONG FS_GetLockedMap(const uint8_t* volumeCookie, const uint8_t* fileCookie,
+                                     FS64LONG start, FS64LONG length, FSULONG flags,
+                                     struct FSMapInfo* map, FSULONG* room) {
   const Conf conf = ReadConf();
   usleep(static_cast<useconds_t>(conf.Num("delay.map", 0) * 1000));
   const FSULONG bytes = room != nullptr ? *room : 0;
   const FSLONG result = Result(conf, "FS_GetLockedMap");
   WriteMap(conf, start, length, reinterpret_cast<uint8_t*>(map), bytes);
-  return Recorded("FS_GetLockedMap" + Cookies(volumeCookie, fileCookie) + " start=" + to_string(start) +
-                  " length=" + to_string(length) + " flags=" + to_string(flags) + " room=" + to_string(bytes),
+  return Recorded("FS_GetLockedMap" + Cookies(volumeCookie, fileCookie) +
+                      " start=" + to_string(start) + " length=" + to_string(length) +
+                      " flags=" + to_string(flags) + " room=" + to_string(bytes),
                   result);
 }
 
 #ifndef TESTFS_NO_UNLOCK
 TESTFS_EXPORT FSLONG FS_UnlockMap(const uint8_t* volumeCookie, const uint8_t* fileCookie) {
   usleep(static_cast<useconds_t>(ReadConf().Num("delay.unlock", 0) * 1000));
-  return Recorded("FS_UnlockMap" + Cookies(volumeCookie, fileCookie), Result(ReadConf(), "FS_UnlockMap"));
+  return Recorded("FS_UnlockMap" + Cookies(volumeCookie, fileCookie),
+                  Result(ReadConf(), "FS_UnlockMap"));
 }
 #endif
 
-TESTFS_EXPORT FSLONG FS_SetFileSizes(const uint8_t* volumeCookie, const uint8_t* fileCookie, FSLONG zero,
-                                     FS64LONG fileSize, FS64LONG allocSize, FS64LONG allOnes) {
-  return Recorded("FS_SetFileSizes" + Cookies(volumeCookie, fileCookie) + " zero=" + to_string(zero) +
-                  " size=" + to_string(fileSize) + " alloc=" + to_string(allocSize) + " last=" + to_string(allOnes),
+TESTFS_EXPORT FSLONG FS_SetFileSizes(const uint8_t* volumeCookie, const uint8_t* fileCookie,
+                                     FSLONG zero, FS64LONG fileSize, FS64LONG allocSize,
+                                     FS64LONG allOnes) {
+  return Recorded("FS_SetFileSizes" + Cookies(volumeCookie, fileCookie) +
+                      " zero=" + to_string(zero) + " size=" + to_string(fileSize) +
+                      " alloc=" + to_string(allocSize) + " last=" + to_string(allOnes),
                   Result(ReadConf(), "FS_SetFileSizes"));
 }

@@ -9,6 +9,7 @@
 
 #include "client/kxclient.h"
 #include "sp/lease.h"
+#include "sp/sp_state.h"
 #include "spmsgs.h"
 #include "support/test_util.h"
 #include "support/testfs.h"

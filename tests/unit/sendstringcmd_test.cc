@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sp/handlers.h"
+#include "sp/sendstringcmd.h"
 #include "spmsgs.h"
 #include "support/test_util.h"
 #include "utils/ksxmem.h"

@@ -119,6 +119,50 @@ TEST(SpSupDumpTest, EachMessageKindAsText) {
   }
 }
 
+// Every body line of each dump, in order, after the title and the five
+// header lines: the order is interface, whatever the layout rows say.
+TEST(SpSupDumpTest, BodyLinesInTheirOrder) {
+  GetInitialMapMsg im{Header(2, sizeof(GetInitialMapMsg)), -1, 4096, 30000, 1, 8};
+  PutText(im.names, {u"s\0f", 3});
+  GetExtendedMapMsg em{Header(3, 92), -1, 5000000000LL, 8192, 0, 5000, 0xBEEF, 2};
+  SetSizeMsg sm{Header(4, 64), 1000, 9, 0x2a};
+  CloseMsg cm{Header(5, 60), -1, 0xffffffff};
+  Buffer vr(SP_GETVOLUME_REPLY_SIZE), ir(SP_GETINITIALMAP_REPLY_SIZE);
+  *vr.As<GetVolumeReply>() = {Header(-1, 272), 0, {}, {184, 0, 2, 3, 4, 1, 512, {}, {0xC1}}};
+  *vr.As<FSDisk>(192) = {{0x5A}, 6, 7, 100, 1};
+  *ir.As<GetInitialMapReply>() = {Header(-2, 256), 1, 60000, 0x1f, {}, {0xAB}, {0, 0xCD},
+                                  {4096, 8, 16, 0, 0, FS_EXTENT_SIMPLE, 32, 64}};
+  SetSizeReply sr{Header(-4, SP_SETSIZE_REPLY_SIZE), 400, 7};
+  const struct {
+    const void* msg;
+    std::vector<std::string> body;
+  } cases[] = {
+      {&im, {"SP share: [s]", "SP filename:[f]", "SP lease 30000", "SP intention 1", "SP flag 8",
+             "SP filesize -1", "SP allocsize 4096"}},
+      {&em, {"SP lease 5000", "SP key beef", "SP filesize -1", "SP allocation 5000000000",
+             "SP start 8192", "SP length 0", "SP flag 2"}},
+      {&sm, {"SP key 2a", "SP lease 9", "SP filesize 1000"}},
+      {&cm, {"SP key ffffffff", "SP filesize -1"}},
+      {vr.bytes(), {"SP result 0", "SP msgLen 184", "SP FStype 2", "SP vendorStatus 0",
+                    "SP GlomType 3", "SP GlomInfo 4", "SP BlockSize 512", "SP Cookie C1",
+                    "SP nDisks 1", "SP DiskID 5A ", "SP IDlength 1", "SP IDoffset 6",
+                    "SP BlockOffset 7", "SP nBlocks 100"}},
+      {ir.bytes(), {"SP result 1", "SP lease 60000", "SP key 1f", "SP fileCookie AB",
+                    "SP volumeCookie 00 CD", "SP msgLen 16", "SP vendorStatus 0",
+                    "SP fileSize 4096", "SP allocation 8", "SP fileOffset 32", "SP fileBytes 64",
+                    "SP nExtents 0", "SP extentType 2"}},
+      {&sr, {"SP result 400", "SP lease 7"}},
+  };
+  kestrix::test::LogCapture log;
+  for (const auto& [msg, body] : cases) {
+    log.Clear();
+    SPSUP_DumpMessage(static_cast<const LanHeader*>(msg), 0);
+    const auto got = log.Lines();
+    ASSERT_GE(got.size(), 6u);
+    EXPECT_EQ(std::vector<std::string>(got.begin() + 6, got.end()), body) << got[0];
+  }
+}
+
 // Two disks by the converted nDisks; the third slot stays. The map words 1 to
 // 16 from byte 64 turn up to `end` for the known extent types (the last word
 // of a verbose extent as two 4-byte fields); the rest stays.

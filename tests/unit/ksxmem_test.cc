@@ -23,7 +23,7 @@ void RecordFree(void* orig, int32_t size) {
 
 // Negative asks for zero fill; below 8 is 8, others the next power of two up to 8192.
 // Each block lies inside what was obtained, is counted, and is given back whole.
-TEST(SolKsxmemTest, AlignmentsFillGuardAndRelease) {
+TEST(KsxmemTest, AlignmentsFillGuardAndRelease) {
   kestrix::test::LogCapture log(2);
   const struct { int32_t asked, size, used;
   } cases[] = {{-8, 10, 8},           {0, 10, 8},       {3, 10, 8},
@@ -55,7 +55,7 @@ TEST(SolKsxmemTest, AlignmentsFillGuardAndRelease) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST(SolKsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
+TEST(KsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
   kestrix::test::LogCapture log(2);
   const int32_t before = g_kmemstat;
   MemBlockHeader* const newest = sol_ksxmemHead.next;
@@ -85,7 +85,7 @@ TEST(SolKsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
 
 // A free before the first allocation is refused without reading the caller's
 // memory; only a fresh process, started for the check, has such an allocator.
-TEST(SolKsxmemTest, AFreeBeforeAnyAllocationIsRefused) {
+TEST(KsxmemTest, AFreeBeforeAnyAllocationIsRefused) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
@@ -95,7 +95,7 @@ TEST(SolKsxmemTest, AFreeBeforeAnyAllocationIsRefused) {
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST(SolKsxmemTest, RefusalsLogAndCountNothing) {
+TEST(KsxmemTest, RefusalsLogAndCountNothing) {
   kestrix::test::LogCapture log(2);
   const int32_t before = g_kmemstat;
   EXPECT_EQ(ksxmem_memalign(-8, -1, "negs"), nullptr);
