@@ -30,7 +30,9 @@ class WriteBehind {
   static constexpr int kBuffers = 4;
   // Queued writes put on the disk at once; one that overlaps an earlier
   // queued write waits for it, so the last write of a byte lands last.
-  static constexpr int kWriters = 2;
+  // One: with two, a sequential reader's test saw a few hundred bytes of
+  // zeros once in a few runs, not yet explained.
+  static constexpr int kWriters = 1;
   static constexpr size_t kBufferBytes = size_t{1} << 20;  // the largest FUSE write
   // Every WriteBehind of the process together holds at most this much.
   static constexpr size_t kBudget = size_t{256} << 20;
