@@ -63,7 +63,7 @@ class ReadAhead {
   // at the end of the file) or a negative errno value.
   using Fetch = std::function<ssize_t(int64_t offset, uint8_t* buf, size_t n)>;
   static constexpr size_t kWindow = size_t{4} << 20;
-  static constexpr int kWindows = 2;
+  static constexpr int kWindows = 3;
   // Every ReadAhead of the process together holds at most this much.
   static constexpr size_t kBudget = size_t{256} << 20;
   // Windows read longer ago than this are read again from the disk.
