@@ -260,7 +260,7 @@ int main(int argc, char** argv) {
   for (int t = 0; t < threads; ++t) {
     clients.emplace_back([&, t] {
       Client c(port, t);
-      const std::string own = "t" + std::to_string(t);
+      const std::string own = std::string("t").append(std::to_string(t));
       for (long n = 0; !g_stop; ++n) {
         c.Cycle(n % 2 ? own : "shared");
         ++g_cycles;

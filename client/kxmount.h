@@ -10,6 +10,7 @@
 #include <fuse_lowlevel.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -21,6 +22,8 @@
 #include <utility>
 
 #include "client/kxfile.h"
+#include "client/kxreadahead.h"
+#include "client/kxwritebehind.h"
 
 namespace kestrix::client {
 
@@ -52,6 +55,17 @@ struct OpenFile {
   // anew (guarded by swap).
   bool givenUp = false;
   std::string path;                // share-relative, for the log; guarded by swap
+  ChangeCount changes;             // writes and size changes by this host
+  // Writes answered before they reach the disk; every other use of the
+  // file's data waits for them first.
+  std::unique_ptr<WriteBehind> behind;
+
+  // The size this host sees: what the lease knows, and the queued writes.
+  int64_t Size() {
+    const int64_t queued = behind->QueuedEnd();
+    std::shared_lock s(swap);
+    return std::max(remote->Size(), queued);
+  }
 };
 
 // A file or directory of the names directory the kernel knows: an O_PATH
@@ -75,11 +89,14 @@ struct Inode {
   }
 };
 
-// An open handle of the kernel's (a file descriptor of a program).
+// An open handle of the kernel's (a file descriptor of a program), with a
+// read-ahead when it is open for reading. A read holds the read-ahead until
+// its pieces are let go, which may be after the kernel released the handle.
 struct Handle {
   Inode* inode = nullptr;
   std::shared_ptr<OpenFile> file;
   int flags = 0;
+  std::shared_ptr<ReadAhead> ahead;
 };
 
 class Mount {

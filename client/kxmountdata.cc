@@ -73,6 +73,13 @@ std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
   MountLog(true, "opened %s for %s, size %lld", path.c_str(), write ? "writing" : "reading",
            static_cast<long long>(remote->Size()));
   file = std::make_shared<OpenFile>();
+  // Queued writes go through the same road as the program's own.
+  file->behind = std::make_unique<WriteBehind>(
+      file->changes, [this, &inode, f = file.get()](int64_t at, const uint8_t* buf, size_t n) {
+        const ssize_t put = OnRemote(*this, inode, *f, [&](RemoteFile& r) { return r.Write(at, buf, n); });
+        if (put < 0) DataError(*f, "writing", at, put);
+        return put;
+      });
   file->remote = std::move(remote);
   file->write = write;
   file->path = path;
@@ -86,6 +93,8 @@ std::shared_ptr<OpenFile> Mount::Acquire(Inode& inode, bool write, int* err) {
 
 int Mount::Sync(Inode& inode, OpenFile& file) {
   if (!file.write) return 0;
+  file.behind->Wait();
+  if (const int failed = file.behind->Failed(); failed != 0) return -failed;  // logged when it failed
   const int result = OnRemote(*this, inode, file, [](RemoteFile& r) { return r.Sync(); });
   if (result != 0) return DataError(file, "syncing", 0, result);
   // The bytes changed on the disk only: the modification time is set
@@ -101,7 +110,8 @@ int Mount::Release(Inode& inode) {
   std::lock_guard o(inode.openLock);
   std::shared_ptr<OpenFile> file = inode.Open();
   if (!file || --file->handles > 0) return 0;
-  int err = file->dirty ? Sync(inode, *file) : 0;
+  file->behind->Wait();
+  int err = file->dirty ? Sync(inode, *file) : -file->behind->Failed();
   {
     std::lock_guard l(inode.fileLock);
     inode.file.reset();
@@ -128,7 +138,12 @@ int Mount::Truncate(Inode& inode, int64_t size) {
   int err = 0;
   std::shared_ptr<OpenFile> file = Acquire(inode, true, &err);
   if (!file) return err;
-  const int result = OnRemote(*this, inode, *file, [&](RemoteFile& r) { return r.Truncate(size); });
+  int result;
+  file->behind->Wait();
+  {
+    ChangeCount::Guard change(file->changes);
+    result = OnRemote(*this, inode, *file, [&](RemoteFile& r) { return r.Truncate(size); });
+  }
   if (result != 0) err = DataError(*file, "setting the size of", size, result);
   else file->dirty = true;
   const int released = Release(inode);
@@ -194,6 +209,8 @@ int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
   std::shared_ptr<OpenFile> file = m.Acquire(inode, write, &err);
   if (!file) return err;
   if (fi->flags & O_TRUNC) {
+    file->behind->Wait();
+    ChangeCount::Guard change(file->changes);
     const int result = OnRemote(m, inode, *file, [](RemoteFile& r) { return r.Truncate(0); });
     if (result != 0) {
       err = DataError(*file, "emptying", 0, result);
@@ -202,7 +219,16 @@ int OpenHandle(Mount& m, Inode& inode, fuse_file_info* fi) {
     }
     file->dirty = true;
   }
-  fi->fh = reinterpret_cast<uintptr_t>(new Handle{&inode, std::move(file), fi->flags});
+  auto* h = new Handle{&inode, std::move(file), fi->flags, nullptr};
+  if ((fi->flags & O_ACCMODE) != O_WRONLY) {
+    // A window is read under the lease like any other read; when the
+    // RemoteFile gave up, the program's own read finds out why.
+    h->ahead = std::make_shared<ReadAhead>(h->file->changes, [f = h->file](int64_t at, uint8_t* buf, size_t n) {
+      std::shared_lock s(f->swap);
+      return f->givenUp ? ssize_t{-EIO} : f->remote->Read(at, buf, n);
+    });
+  }
+  fi->fh = reinterpret_cast<uintptr_t>(h);
   fi->direct_io = 1;  // no page cache: data only through the lease
   fi->keep_cache = 0;
   return 0;
@@ -259,28 +285,58 @@ char* AlignedBuffer(size_t size, bool forWrite) {
   return b.data.get();
 }
 
+// A read is answered from the handle's read-ahead when it holds the range,
+// else straight from the disk; either way the reply is the one copy.
 void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
-  Handle& h = HandleOf(fi);
+  Handle& h = HandleOf(fi);  // may be gone once the reply is sent
   OpenFile& file = *h.file;
-  char* buf = AlignedBuffer(size, false);
-  if (!buf) return (void)fuse_reply_err(req, ENOMEM);
-  const ssize_t n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) { return r.Read(offset, buf, size); });
-  if (n < 0) return (void)fuse_reply_err(req, DataError(file, "reading", offset, n));
-  fuse_reply_buf(req, buf, static_cast<size_t>(n));
+  const std::shared_ptr<ReadAhead> ahead = h.ahead;
+  file.behind->Wait();  // a program reads what it wrote
+  ReadAhead::Pieces pieces;
+  ssize_t n = ahead ? ahead->Serve(offset, size, &pieces) : -1;
+  if (n >= 0) {
+    fuse_reply_iov(req, pieces.iov, pieces.count);
+  } else if (char* buf = AlignedBuffer(size, false); !buf) {
+    fuse_reply_err(req, ENOMEM);
+  } else {
+    n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) { return r.Read(offset, buf, size); });
+    if (n < 0) fuse_reply_err(req, DataError(file, "reading", offset, n));
+    else fuse_reply_buf(req, buf, static_cast<size_t>(n));
+  }
+  if (ahead) ahead->Done(pieces, offset, n > 0 ? static_cast<size_t>(n) : 0);
 }
 
 // The request's data arrives in a pipe (spliced from the kernel) or in
-// libfuse's buffer; either way it is copied once, into an aligned buffer.
+// libfuse's buffer; either way it is copied once, into an aligned buffer:
+// one of the file's write-behind buffers, answered at once, or for writes
+// that must be on the disk (or at the end) before they return, one of this
+// thread's, written after the queued ones.
 void WriteBuf(fuse_req_t req, fuse_ino_t, fuse_bufvec* in, off_t offset, fuse_file_info* fi) {
   Handle& h = HandleOf(fi);
   OpenFile& file = *h.file;
+  WriteBehind& behind = *file.behind;
   const size_t size = fuse_buf_size(in);
+  if (const int failed = behind.Failed(); failed != 0) return (void)fuse_reply_err(req, -failed);
+  fuse_bufvec out = FUSE_BUFVEC_INIT(size);
+  const int queued = h.flags & (O_APPEND | O_DSYNC) ? -1 : behind.Take(size);
+  if (queued >= 0) {
+    out.buf[0].mem = behind.Data(queued);
+    const ssize_t got = fuse_buf_copy(&out, in, FUSE_BUF_NO_SPLICE);
+    if (got < 0) {
+      behind.Give(queued);
+      return (void)fuse_reply_err(req, static_cast<int>(-got));
+    }
+    behind.Queue(queued, offset, static_cast<size_t>(got));
+    file.dirty = true;
+    return (void)fuse_reply_write(req, static_cast<size_t>(got));
+  }
   char* buf = AlignedBuffer(size, true);
   if (!buf) return (void)fuse_reply_err(req, ENOMEM);
-  fuse_bufvec out = FUSE_BUFVEC_INIT(size);
   out.buf[0].mem = buf;
   const ssize_t got = fuse_buf_copy(&out, in, FUSE_BUF_NO_SPLICE);
   if (got < 0) return (void)fuse_reply_err(req, static_cast<int>(-got));
+  behind.Wait();
+  ChangeCount::Guard change(file.changes);
   const ssize_t n = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) {
     if (!(h.flags & O_APPEND)) return r.Write(offset, buf, static_cast<size_t>(got));
     // The kernel's idea of the end may be old; the lease's is not.
@@ -308,6 +364,7 @@ void FSync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
 
 void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   Handle* h = &HandleOf(fi);
+  if (h->ahead) h->ahead->Stop();  // no window is read after the lease is closed
   int err = MountOf(req).Release(*h->inode);
   delete h;
   fuse_reply_err(req, err);
@@ -319,6 +376,8 @@ void Allocate(fuse_req_t req, fuse_ino_t, int mode, off_t offset, off_t length, 
   if (mode != 0) return (void)fuse_reply_err(req, EOPNOTSUPP);
   Handle& h = HandleOf(fi);
   OpenFile& file = *h.file;
+  file.behind->Wait();
+  ChangeCount::Guard change(file.changes);
   const int result = OnRemote(MountOf(req), *h.inode, file, [&](RemoteFile& r) {
     return offset + length > r.Size() ? r.Truncate(offset + length) : 0;
   });

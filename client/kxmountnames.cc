@@ -41,10 +41,7 @@ std::string Mount::SharePath(const Inode& inode) {
 
 int Mount::Stat(Inode& inode, struct stat* st) {
   if (fstatat(inode.fd, "", st, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) != 0) return errno;
-  if (std::shared_ptr<OpenFile> f = inode.Open()) {
-    std::shared_lock s(f->swap);
-    st->st_size = f->remote->Size();
-  }
+  if (std::shared_ptr<OpenFile> f = inode.Open()) st->st_size = f->Size();
   return 0;
 }
 
@@ -71,10 +68,7 @@ int Mount::Lookup(fuse_ino_t parent, const char* name, fuse_entry_param* entry) 
     inode = slot.get();
     ++inode->lookups;
   }
-  if (std::shared_ptr<OpenFile> f = inode->Open()) {
-    std::shared_lock s(f->swap);
-    st.st_size = f->remote->Size();
-  }
+  if (std::shared_ptr<OpenFile> f = inode->Open()) st.st_size = f->Size();
   entry->ino = reinterpret_cast<uintptr_t>(inode);
   entry->attr = st;
   entry->entry_timeout = config_.entryTimeout;

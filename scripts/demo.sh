@@ -59,7 +59,7 @@ rm -rf "$demo"
 mkdir -p "$demo/lib" "$mnt" "$client"
 if [ "$(id -u)" != 0 ]; then why="not running as root"
 elif ! command -v mkfs.ext4 >/dev/null && [ ! -x /sbin/mkfs.ext4 ]; then why="mkfs.ext4 is not installed"
-elif ! truncate -s 64M "$image" || ! PATH="$PATH:/sbin:/usr/sbin" mkfs.ext4 -q -F -b 4096 "$image"; then
+elif ! truncate -s 256M "$image" || ! PATH="$PATH:/sbin:/usr/sbin" mkfs.ext4 -q -F -b 4096 "$image"; then
   why="mkfs.ext4 failed"
 elif ! loopdev="$(losetup --find --show "$image" 2>&1)"; then why="no loop device: $loopdev"; loopdev=""
 elif ! mount -t ext4 "$loopdev" "$mnt"; then why="mounting $loopdev failed"
@@ -102,7 +102,10 @@ cat >"$demo/smb.conf" <<CONF
 [demo]
    path = $share
 CONF
-printf '# Directories localfs serves\n%s\n' "$share" >"$demo/localfs.conf"
+# Leases short enough that a local change waits for every map to end
+# within the kernel's default lease-break-time (45 s): 14 s and 30 s of grace.
+printf '# Directories localfs serves\n%s\nmax-read-lease 14\nmax-write-lease 14\n' "$share" \
+  >"$demo/localfs.conf"
 ln -s "$build/plugins/localfs.so" "$demo/lib/localfs.so"
 export KESTRIX_LIBDIR="$demo/lib" KESTRIX_SMBPATH="$demo/smb.conf"
 export KESTRIX_LOCALFS_CONF="$demo/localfs.conf"

@@ -102,8 +102,9 @@ bool Load::Start() {
         slot.index = static_cast<uint32_t>(client->slots.size());
         kc::OpenOptions options;
         if (shape_.kind == Kind::kSetSize) options.lease = kHeldLeaseMs, options.intention = 2;
-        const std::string file = "t" + std::to_string(t) + "s" + std::to_string(s) + "w" +
-                                 std::to_string(w);
+        // Appended piece by piece: "t" + std::string trips a false -Wrestrict of GCC 12.
+        std::string file = "t";
+        file += std::to_string(t) + "s" + std::to_string(s) + "w" + std::to_string(w);
         slot.open = kc::MakeGetInitialMapRequest(kShare, file, options);
         client->slots.push_back(std::move(slot));
       }

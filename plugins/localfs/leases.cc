@@ -58,7 +58,9 @@ void Scan(LockTable* table) {
   for (const OpenFile& file : table->All()) {
     if (file->withdrawn.load() || fcntl(file->fd.get(), F_GETLEASE) == file->leaseType) continue;
     file->withdrawn = true;
-    OSL_Log(KSX_ERROR,
+    // A server-side program opening a file clients use is ordinary work
+    // (a reader right after a client's close, a backup), not a fault.
+    OSL_Log(KSX_INFO,
             "localfs: a local process waits to change %s; its maps are refused until they end\n",
             Escaped(PathOf(file->fd.get())).c_str());
   }
