@@ -66,7 +66,7 @@ TEST_F(GetInitialMapE2E, TheLibrarysAnswersDecideWhetherTheLeaseIsKept) {
   }
 }
 
-TEST_F(GetInitialMapE2E, LibrariesAskedInOrderAndPathsJoined) {
+TEST_F(GetInitialMapE2E, LibrariesAreAskedInLoadOrder) {
   TestFs a = Serve("", "liba.so"), b = Serve("", "libb.so");
   Start();
   const bool aFirst = LoadOrder().at(0) == "liba.so";
@@ -83,11 +83,16 @@ TEST_F(GetInitialMapE2E, LibrariesAskedInOrderAndPathsJoined) {
   second.Configure("file /export/data/f - file-f\n");
   EXPECT_EQ(Result(open), 0);
   EXPECT_EQ(second.Calls("FS_GetLockedMap").at(0).Get("vol"), "");
+}
+
+TEST_F(GetInitialMapE2E, TheFileNameIsJoinedToTheSharePath) {
+  TestFs fs = Serve("");
+  Start();
   for (auto [separator, name, path] :
        {std::tuple{u'/', "a/b", "/export/data/a/b"}, {u'/', "/a", "/export/data/a"},
         {u'\\', "a\\b", "/export/data/a/b"}, {u'\0', "x", "/export/datax"}}) {
     Send(MakeGetInitialMapRequest("data", name, {-1, -1, 0, 1, 0, separator}));
-    EXPECT_EQ(first.Calls("FS_GetCookies").back().Get("path"), path);
+    EXPECT_EQ(fs.Calls("FS_GetCookies").back().Get("path"), path);
   }
 }
 
