@@ -75,7 +75,7 @@ TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
   EXPECT_EQ(CountOf(daemon_.Log(), "parseSmbConfFile: Opening"), parses);
 }
 
-TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
+TEST_F(GetVolumeE2E, AnUnknownShareCookieOrVolumeIsRefused) {
   // The cookie the library leaves when it refuses names a known volume: still 405.
   Install("libtestfs.so", "liba.so",
           "volume /export/data vol-a\nmiss FS_GetVolCookie 2\nmisscookie vol-a\n");
@@ -88,7 +88,12 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
   EXPECT_EQ(Fs("liba.so").CountCalls("FS_GetVolByCookie"), 1);
   EXPECT_TRUE(
       daemon_.WaitForLog("Error FTX1201W OSL_ShareNameToMountPoint failed name is : nosuch\n"));
-  // 1023 lone high surrogates cost one line, not one per unit.
+}
+
+// 1023 lone high surrogates cost one line, not one per unit.
+TEST_F(GetVolumeE2E, ANameOfBrokenSurrogatesIsLoggedOnce) {
+  Install("libtestfs.so", "liba.so", "volume /export/data vol-a\n");
+  Start();
   Bytes broken = client::MakeGetVolumeRequest("");
   for (size_t i = 0; i < 1023; ++i) client::Write<uint16_t>(broken, 180 + 2 * i, 0xD800);
   EXPECT_EQ(Read<int32_t>(Ask(broken), 48), 3);
@@ -97,10 +102,13 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
                     "the first d800 , d800 \n"),
             1);
   EXPECT_EQ(CountOf(daemon_.Log(), "utf16array_to_utf8asciz"), 2);
+}
 
-  Fs("liba.so").Configure(
-      "volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
-      "result FS_GetVolByCookie 7\n");
+TEST_F(GetVolumeE2E, TheLibrarysErrorTextIsPassedOn) {
+  Install("libtestfs.so", "liba.so",
+          "volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
+          "result FS_GetVolByCookie 7\n");
+  Start();
   const Bytes text = Ask(client::MakeGetVolumeRequest("data"));
   EXPECT_EQ(std::tuple(Read<int32_t>(text, 48), text.size(), Read<uint16_t>(text, 192)),
             std::tuple(7, 294u, uint16_t{u'0'}));  // 272 + 2 x (10 + 1)
