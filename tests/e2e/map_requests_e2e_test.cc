@@ -201,28 +201,38 @@ TEST_F(LeaseE2E, SigusrOneDumpsTheLeasesAndCounters) {
   EXPECT_NE(log.find("Print Number of duplicate messages dropped:      0\n"), std::string::npos);
 }
 
-TEST_F(SetSizeE2E, SizeCallAndRenewal) {
-  const auto rows = {std::tuple{1u, 0u, "", 0, 5000u},  // a read lease keeps the read rules
-                     {1u, 0u, "maxlease.read 2", 0, 2000u},  // capped by the library's maximum
-                     {0u, 7000u, "", 0, 7000u},
-                     {0u, 0u, "result FS_SetFileSizes 400", 400, 0u}};  // passed on as it is
+TEST_F(SetSizeE2E, TheNewSizeReachesTheLibraryWithTheLeaseRenewed) {
+  // intention 1 opens for reading, 0 for writing; lease is what SetSize asks for.
+  const struct {
+    uint32_t intention, lease;
+    const char* conf;
+    int result;
+    uint32_t granted;
+  } rows[] = {
+      {.intention = 1, .lease = 0, .conf = "", .result = 0, .granted = 5000},  // read rules kept
+      {.intention = 1, .lease = 0, .conf = "maxlease.read 2", .result = 0,
+       .granted = 2000},  // capped by the library's maximum
+      {.intention = 0, .lease = 7000, .conf = "", .result = 0, .granted = 7000},
+      {.intention = 0, .lease = 0, .conf = "result FS_SetFileSizes 400", .result = 400,
+       .granted = 0}};  // passed on as it is
   TestFs fs = Serve(kFile);
   Start();
-  for (auto [intention, lease, conf, result, granted] : rows) {
-    fs.Configure(kFile + conf + "\n");
-    const uint32_t key = Open("f", {-1, -1, 0, intention}).key;
+  for (const auto& row : rows) {
+    fs.Configure(kFile + row.conf + "\n");
+    const uint32_t key = Open("f", {-1, -1, 0, row.intention}).key;
     fs.ClearCalls();
-    const auto r = client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, lease)));
+    const auto r =
+        client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, row.lease)));
     const CallRecord size = fs.Calls("FS_SetFileSizes").at(0);
     EXPECT_EQ(
         std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
-        std::tuple(result, granted, "5000", -1, -1));
+        std::tuple(row.result, row.granted, "5000", -1, -1));
   }
   const Bytes unknown = Send(client::MakeSetSizeRequest(999, 1));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 72u));
 }
 
-TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
+TEST_F(CloseE2E, EndsTheLeaseAfterSettingTheFinalSize) {
   TestFs fs = Serve(kFile);
   Start();
   for (auto [size, conf, result, calls] :
@@ -236,7 +246,12 @@ TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
     EXPECT_EQ(Result(client::MakeCloseRequest(key, size)), 407);
     EXPECT_EQ(MapCalls(fs), calls);
   }
-  // Two clients on one file: the map stays locked until the second closes.
+}
+
+// Two clients on one file: the map stays locked until the second closes.
+TEST_F(CloseE2E, TheMapStaysLockedUntilTheLastLeaseCloses) {
+  TestFs fs = Serve(kFile);
+  Start();
   const uint32_t first = Open("f").key, second = Open("f").key;
   fs.ClearCalls();
   EXPECT_EQ(Result(client::MakeCloseRequest(first)), 0);
@@ -247,7 +262,7 @@ TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
 
 const std::string kFiles = kFile + "file /export/data/g vol-a file-g\n";
 
-TEST_F(LeaseE2E, UnrenewedLeasesArePurgedAndOnlyTheLastOnAFileUnlocks) {
+TEST_F(LeaseE2E, PurgedLeasesUnlockEachFileOnce) {
   TestFs fs = Serve(kFiles);
   Start();
   for (const char* file : {"f", "f", "g"}) Open(file, {-1, -1, 1, 1});  // 1 ms, then the grace
