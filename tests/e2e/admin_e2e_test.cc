@@ -140,7 +140,7 @@ TEST_F(AdminE2E, LeasesListedAndRevokedByKeyClientAndPath) {
   EXPECT_TRUE(daemon_.WaitForLog("on [/export/data/c] revoked by uid 0 pid ")) << daemon_.Log();
 }
 
-TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
+TEST_F(AdminE2E, OnlyTheDaemonsUserGetsIn) {
   if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0)
     GTEST_SKIP() << "SKIPPED: running kestrix-cli as nobody needs root and /usr/bin/setpriv";
   Start();
@@ -159,13 +159,24 @@ TEST_F(AdminE2E, OnlyTheDaemonsUserGetsInAndBadRequestsChangeNothing) {
     EXPECT_EQ(r.exitStatus, exitStatus) << r.standardError;
     EXPECT_NE(r.standardError.find(error), std::string::npos) << r.standardError;
   }
+  EXPECT_EQ(Leases(), before);
+  EXPECT_EQ(Unlocks(), 0);
+}
 
-  // A client that says nothing holds the socket's thread, never the requests.
+// A client that says nothing holds the socket's thread, never the requests.
+TEST_F(AdminE2E, ASilentClientHoldsUpNoRequest) {
+  Start();
+  const uint32_t key = Open("a").key;
   const int silent = UnixSocket(SOCK_STREAM, socket_);
   EXPECT_EQ(Result(MakeGetExtendedMapRequest(key, 0, 0)), 0);
   EXPECT_NE(ReceiveText(silent, 5000).find("request timed out"), std::string::npos);
   close(silent);
+}
 
+TEST_F(AdminE2E, BadRequestsAreRefusedWithNothingChanged) {
+  Start();
+  Open("a");
+  const std::set<std::string> before = Leases();
   for (auto [request, error] :
        {std::pair{std::string("not json\n"), "malformed request"},
         {"[1,2]\n", "malformed request"},

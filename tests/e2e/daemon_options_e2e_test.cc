@@ -44,13 +44,18 @@ TEST(DaemonOptionsE2E, BadCommandLinesPrintUsageAndExit1) {
   }
 }
 
-TEST(DaemonOptionsE2E, LogFileNameOf99CharactersAndATakenPort) {
+TEST(DaemonOptionsE2E, ALogFileNameOf99CharactersIsUsedWhole) {
   TempDir dir;
   const std::string name = dir.path() + "/" + std::string(98 - dir.path().size(), 'n');
-  DaemonProcess first;
-  ASSERT_FALSE(first.Start({"-f", name}, 1500));  // the last -f wins over the helper's
+  DaemonProcess daemon;
+  ASSERT_FALSE(daemon.Start({"-f", name}, 1500));  // the last -f wins over the helper's
   EXPECT_TRUE(PollUntil(
       [&] { return ReadFile(name).find("kestrixd started.") != std::string::npos; }, 5000));
+}
+
+TEST(DaemonOptionsE2E, ASecondDaemonOnATakenPortExits1) {
+  DaemonProcess first;
+  ASSERT_TRUE(first.Start()) << first.Log();
   DaemonProcess second;
   second.SetPort(first.port());
   EXPECT_FALSE(second.Start({}, 1000));

@@ -16,6 +16,24 @@ class GetVolumeE2E : public MapE2E {
   }
 };
 
+// The fields of a GetVolume reply the tests look at; the disk table starts
+// at byte 192, 80 bytes a disk.
+struct VolumeReply {
+  int32_t result;
+  size_t size;
+  uint32_t headerLength;
+  int32_t revision;
+  uint32_t nDisks;
+  uint8_t firstDiskIdByte;
+  int64_t secondDiskBlocks;
+  bool operator==(const VolumeReply&) const = default;
+  friend std::ostream& operator<<(std::ostream& os, const VolumeReply& r) {
+    return os << "result " << r.result << ", size " << r.size << ", length " << r.headerLength
+              << ", revision " << r.revision << ", disks " << r.nDisks << ", first ID byte "
+              << int{r.firstDiskIdByte} << ", second disk's blocks " << r.secondDiskBlocks;
+  }
+};
+
 TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
   for (const char* name : {"liba.so", "libb.so"}) Install("libtestfs.so", name, "");
   Start();
@@ -28,10 +46,21 @@ TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
   client::SwapHeader(request);
   for (size_t i = 180; i < request.size(); i += 2) std::swap(request[i], request[i + 1]);
   const Bytes reply = Ask(request);
-  EXPECT_EQ(std::tuple(Read<int32_t>(reply, 48), reply.size(), Read<uint32_t>(reply, 28),
-                       Read<int32_t>(reply, 4), Read<uint32_t>(reply, 88 + 20), reply[192],
-                       Read<int64_t>(reply, 192 + 80 + 32)),
-            std::tuple(0, 352u, 352u, 229, 2u, 0x10, 200000));  // revision: the library's version
+  const VolumeReply got = {.result = Read<int32_t>(reply, 48),
+                           .size = reply.size(),
+                           .headerLength = Read<uint32_t>(reply, 28),
+                           .revision = Read<int32_t>(reply, 4),
+                           .nDisks = Read<uint32_t>(reply, 88 + 20),
+                           .firstDiskIdByte = reply[192],
+                           .secondDiskBlocks = Read<int64_t>(reply, 192 + 80 + 32)};
+  const VolumeReply want = {.result = 0,
+                            .size = 352,
+                            .headerLength = 352,
+                            .revision = 229,  // the library's version
+                            .nDisks = 2,
+                            .firstDiskIdByte = 0x10,
+                            .secondDiskBlocks = 200000};
+  EXPECT_EQ(got, want);
   EXPECT_EQ(first.Calls("FS_GetVolCookie").at(0).Get("mount"), "/export/data");
   EXPECT_EQ(second.Calls("FS_GetVolByCookie").at(0).Get("vol"), "vol-b");
   EXPECT_EQ(second.Calls("FS_GetVolByCookie").at(0).Int("room"), 65536 - 272);
@@ -46,7 +75,7 @@ TEST_F(GetVolumeE2E, ServedByTheFirstLibraryThatAcceptsThenKnownByItsCookie) {
   EXPECT_EQ(CountOf(daemon_.Log(), "parseSmbConfFile: Opening"), parses);
 }
 
-TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
+TEST_F(GetVolumeE2E, AnUnknownShareCookieOrVolumeIsRefused) {
   // The cookie the library leaves when it refuses names a known volume: still 405.
   Install("libtestfs.so", "liba.so",
           "volume /export/data vol-a\nmiss FS_GetVolCookie 2\nmisscookie vol-a\n");
@@ -59,7 +88,12 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
   EXPECT_EQ(Fs("liba.so").CountCalls("FS_GetVolByCookie"), 1);
   EXPECT_TRUE(
       daemon_.WaitForLog("Error FTX1201W OSL_ShareNameToMountPoint failed name is : nosuch\n"));
-  // 1023 lone high surrogates cost one line, not one per unit.
+}
+
+// 1023 lone high surrogates cost one line, not one per unit.
+TEST_F(GetVolumeE2E, ANameOfBrokenSurrogatesIsLoggedOnce) {
+  Install("libtestfs.so", "liba.so", "volume /export/data vol-a\n");
+  Start();
   Bytes broken = client::MakeGetVolumeRequest("");
   for (size_t i = 0; i < 1023; ++i) client::Write<uint16_t>(broken, 180 + 2 * i, 0xD800);
   EXPECT_EQ(Read<int32_t>(Ask(broken), 48), 3);
@@ -68,10 +102,13 @@ TEST_F(GetVolumeE2E, UnknownShareCookieOrVolumeAndTheLibrarysErrorText) {
                     "the first d800 , d800 \n"),
             1);
   EXPECT_EQ(CountOf(daemon_.Log(), "utf16array_to_utf8asciz"), 2);
+}
 
-  Fs("liba.so").Configure(
-      "volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
-      "result FS_GetVolByCookie 7\n");
+TEST_F(GetVolumeE2E, TheLibrarysErrorTextIsPassedOn) {
+  Install("libtestfs.so", "liba.so",
+          "volume /export/data vol-a\nvol.vendorStatus 7\nvol.nDisks 0\nvol.error 0123456789\n"
+          "result FS_GetVolByCookie 7\n");
+  Start();
   const Bytes text = Ask(client::MakeGetVolumeRequest("data"));
   EXPECT_EQ(std::tuple(Read<int32_t>(text, 48), text.size(), Read<uint16_t>(text, 192)),
             std::tuple(7, 294u, uint16_t{u'0'}));  // 272 + 2 x (10 + 1)

@@ -10,7 +10,7 @@ using client::MakeRequest;
 
 class LanServerE2E : public PluginDaemonTest {};
 
-TEST_F(LanServerE2E, HeaderErrorsByteOrderAndCodesWithoutHandler) {
+TEST_F(LanServerE2E, BadHeadersAreAnsweredAtTheLanLevel) {
   Start({"-l", "4"});
   Bytes shortOne = MakeRequest(3, 47, 0, "id-47");  // reserved bytes come back unchanged
   shortOne[40] = 0xAB;

@@ -20,35 +20,53 @@ using CloseE2E = MapE2E;
 using LeaseE2E = MapE2E;
 const std::string kFile = "file /export/data/f vol-a file-f\n";
 
-TEST_F(GetInitialMapE2E, SizeAndMapCallsAndWhatBecomesOfTheLease) {
+TEST_F(GetInitialMapE2E, TheLibrarysAnswersDecideWhetherTheLeaseIsKept) {
+  // size and alloc are the request's new sizes (-1: unchanged), flag its
+  // map flags; conf is what testfs is told to answer, calls what it records.
+  struct Row {
+    int64_t size, alloc;
+    uint32_t flag;
+    const char* conf;
+    int result;
+    const char* calls;
+  };
+  const Row rows[] = {
+      {.size = -1, .alloc = -1, .flag = 0, .conf = "", .result = 0, .calls = "map 0 -1 0|"},
+      {.size = 1000, .alloc = -1, .flag = 0, .conf = "result FS_SetFileSizes 400",
+       .result = 0, .calls = "map 0 -1 0|size 1000 -1|"},
+      {.size = -1, .alloc = 4096, .flag = 0, .conf = "",
+       .result = 0, .calls = "map 0 -1 0|size -1 4096|map 0 -1 2|"},
+      {.size = -1, .alloc = 4096, .flag = 2, .conf = "result FS_SetFileSizes 1",
+       .result = 0, .calls = "map 0 -1 2|size -1 4096|map 0 -1 2|"},
+      {.size = -1, .alloc = -1, .flag = 0, .conf = "result FS_GetLockedMap 1",
+       .result = 1, .calls = "map 0 -1 0|"},
+      {.size = -1, .alloc = -1, .flag = 8, .conf = "", .result = 0, .calls = "map 0 -1 8|unlock|"},
+      {.size = -1, .alloc = -1, .flag = 0, .conf = "result FS_GetLockedMap 12",
+       .result = 12, .calls = "map 0 -1 0|unlock|"},
+      {.size = 5, .alloc = -1, .flag = 0, .conf = "result FS_SetFileSizes 7",
+       .result = 7, .calls = "map 0 -1 0|size 5 -1|unlock|"},
+      {.size = -1, .alloc = 4096, .flag = 0, .conf = "result FS_GetLockedMap 0 9",
+       .result = 9, .calls = "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}};
   TestFs fs = Serve("");
-  for (auto [size, alloc, flag, conf, result, calls] :
-       {std::tuple{-1, -1, 0u, "", 0, "map 0 -1 0|"},
-        {1000, -1, 0u, "result FS_SetFileSizes 400", 0, "map 0 -1 0|size 1000 -1|"},
-        {-1, 4096, 0u, "", 0, "map 0 -1 0|size -1 4096|map 0 -1 2|"},
-        {-1, 4096, 2u, "result FS_SetFileSizes 1", 0, "map 0 -1 2|size -1 4096|map 0 -1 2|"},
-        {-1, -1, 0u, "result FS_GetLockedMap 1", 1, "map 0 -1 0|"},
-        {-1, -1, 8u, "", 0, "map 0 -1 8|unlock|"},
-        {-1, -1, 0u, "result FS_GetLockedMap 12", 12, "map 0 -1 0|unlock|"},
-        {5, -1, 0u, "result FS_SetFileSizes 7", 7, "map 0 -1 0|size 5 -1|unlock|"},
-        {-1, 4096, 0u, "result FS_GetLockedMap 0 9", 9,
-         "map 0 -1 0|size -1 4096|map 0 -1 2|unlock|"}}) {
-    fs.Configure(kFile + conf + "\n");
+  for (const Row& row : rows) {
+    fs.Configure(kFile + row.conf + "\n");
     fs.ClearCalls();
     Restart();
-    const client::MapReply open = Open("f", {size, alloc, 0, 1, flag});
-    const bool delivered = result == 0 || result == 1, held = delivered && flag != 8;
+    const client::MapReply open = Open("f", {row.size, row.alloc, 0, 1, row.flag});
+    const bool delivered = row.result == 0 || row.result == 1;
+    const bool held = delivered && row.flag != 8;
     // Length 160 + msgLen 80 + 4: the first extent's bytes also read as a 1-unit text.
     EXPECT_EQ(std::tuple(open.result, MapCalls(fs), open.lease >= 5000, open.volumeCookie[0],
                          open.fileCookie[5], open.header.length),
-              std::tuple(result, calls, delivered, delivered ? 'v' : 0, delivered ? 'f' : 0, 244u));
+              std::tuple(row.result, row.calls, delivered, delivered ? 'v' : 0,
+                         delivered ? 'f' : 0, 244u));
     // Only a lease still held can be mapped further.
-    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? result : 407)
-        << calls;
+    EXPECT_EQ(Result(client::MakeGetExtendedMapRequest(open.key, 0, 0)), held ? row.result : 407)
+        << row.calls;
   }
 }
 
-TEST_F(GetInitialMapE2E, LibrariesAskedInOrderAndPathsJoined) {
+TEST_F(GetInitialMapE2E, LibrariesAreAskedInLoadOrder) {
   TestFs a = Serve("", "liba.so"), b = Serve("", "libb.so");
   Start();
   const bool aFirst = LoadOrder().at(0) == "liba.so";
@@ -65,11 +83,16 @@ TEST_F(GetInitialMapE2E, LibrariesAskedInOrderAndPathsJoined) {
   second.Configure("file /export/data/f - file-f\n");
   EXPECT_EQ(Result(open), 0);
   EXPECT_EQ(second.Calls("FS_GetLockedMap").at(0).Get("vol"), "");
+}
+
+TEST_F(GetInitialMapE2E, TheFileNameIsJoinedToTheSharePath) {
+  TestFs fs = Serve("");
+  Start();
   for (auto [separator, name, path] :
        {std::tuple{u'/', "a/b", "/export/data/a/b"}, {u'/', "/a", "/export/data/a"},
         {u'\\', "a\\b", "/export/data/a/b"}, {u'\0', "x", "/export/datax"}}) {
     Send(MakeGetInitialMapRequest("data", name, {-1, -1, 0, 1, 0, separator}));
-    EXPECT_EQ(first.Calls("FS_GetCookies").back().Get("path"), path);
+    EXPECT_EQ(fs.Calls("FS_GetCookies").back().Get("path"), path);
   }
 }
 
@@ -99,31 +122,48 @@ TEST_F(GetInitialMapE2E, ALaterReplyCarriesNoBytesOfAnEarlierOne) {
             static_cast<std::ptrdiff_t>(reply.size() - 224));
 }
 
-TEST_F(GetExtendedMapE2E, RangesSizesRenewalAndLengths) {
-  const auto rows = {
-      std::tuple{-1, 8192, 0, "", 0, "map 8192 -1 4|", 5000u, 244u},  // read rules, to the end
-      {100, 0, 4096, "", 0, "size 100 -1|map 0 4096 4|", 3600000u, 244u},
-      {5, 0, 0, "result FS_SetFileSizes 7", 7, "size 5 -1|", 0u, 162u},
-      {-1, 0, 0, "result FS_GetLockedMap 12", 12, "map 0 -1 4|", 0u, 244u},
-      {-1, 0, 0, "map.msgLen 70000", 0, "map 0 -1 4|", 5000u, 65507u},  // one datagram at most
-      {-1, 0, 0, "map.msgLen -100000", 0, "map 0 -1 4|", 5000u, 162u},  // the fixed part only
-      {-1, 0, 0, "map.msgLen 70000\nresult FS_GetLockedMap 1", 1, "map 0 -1 4|", 0u, 184u}};
+TEST_F(GetExtendedMapE2E, EachRequestIsAnsweredWithTheLibrarysMapAndLease) {
+  // size is the request's new file size (-1: unchanged), start and length the
+  // range asked for; lease is the renewal expected, replyLength in bytes.
+  struct Row {
+    int64_t size, start, length;
+    const char* conf;
+    int result;
+    const char* calls;
+    uint32_t lease, replyLength;
+  };
+  const Row rows[] = {
+      {.size = -1, .start = 8192, .length = 0, .conf = "", .result = 0,  // read rules, to the end
+       .calls = "map 8192 -1 4|", .lease = 5000, .replyLength = 244},
+      {.size = 100, .start = 0, .length = 4096, .conf = "", .result = 0,
+       .calls = "size 100 -1|map 0 4096 4|", .lease = 3600000, .replyLength = 244},
+      {.size = 5, .start = 0, .length = 0, .conf = "result FS_SetFileSizes 7", .result = 7,
+       .calls = "size 5 -1|", .lease = 0, .replyLength = 162},
+      {.size = -1, .start = 0, .length = 0, .conf = "result FS_GetLockedMap 12", .result = 12,
+       .calls = "map 0 -1 4|", .lease = 0, .replyLength = 244},
+      {.size = -1, .start = 0, .length = 0, .conf = "map.msgLen 70000", .result = 0,
+       .calls = "map 0 -1 4|", .lease = 5000, .replyLength = 65507},  // one datagram at most
+      {.size = -1, .start = 0, .length = 0, .conf = "map.msgLen -100000", .result = 0,
+       .calls = "map 0 -1 4|", .lease = 5000, .replyLength = 162},  // the fixed part only
+      {.size = -1, .start = 0, .length = 0, .conf = "map.msgLen 70000\nresult FS_GetLockedMap 1",
+       .result = 1, .calls = "map 0 -1 4|", .lease = 0, .replyLength = 184}};
   TestFs fs = Serve(kFile);
   Start();
-  for (auto [size, start, length, conf, result, calls, lease, replyLength] : rows) {
+  for (const Row& row : rows) {
     fs.Configure(kFile);
     const uint32_t key = Open("f", {-1, -1, 0, 0}).key;  // a write lease
-    fs.Configure(kFile + conf + "\n");
+    fs.Configure(kFile + row.conf + "\n");
     fs.ClearCalls();
-    Bytes request = client::MakeGetExtendedMapRequest(key, start, length, 0, size, -1, 4);
+    Bytes request =
+        client::MakeGetExtendedMapRequest(key, row.start, row.length, 0, row.size, -1, 4);
     client::HeaderOf(request)->revision = 77;  // echoed in the reply
     client::HeaderOf(request)->result = 9;     // cleared in the reply
     const Bytes bytes = Send(request);
     const client::MapReply r = client::ParseMapReply(bytes).value();
-    EXPECT_EQ(
-        std::tuple(r.result, MapCalls(fs), r.lease - lease < 1000, bytes.size(), r.header.revision,
-                   r.header.result),
-        std::tuple(result, calls, true, size_t{replyLength}, bytes.size() == 184 ? 230 : 77, 0));
+    EXPECT_EQ(std::tuple(r.result, MapCalls(fs), r.lease - row.lease < 1000, bytes.size(),
+                         r.header.revision, r.header.result),
+              std::tuple(row.result, row.calls, true, size_t{row.replyLength},
+                         bytes.size() == 184 ? 230 : 77, 0));
   }
   const Bytes unknown = Send(client::MakeGetExtendedMapRequest(999, 0, 0));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 184u));
@@ -161,28 +201,38 @@ TEST_F(LeaseE2E, SigusrOneDumpsTheLeasesAndCounters) {
   EXPECT_NE(log.find("Print Number of duplicate messages dropped:      0\n"), std::string::npos);
 }
 
-TEST_F(SetSizeE2E, SizeCallAndRenewal) {
-  const auto rows = {std::tuple{1u, 0u, "", 0, 5000u},  // a read lease keeps the read rules
-                     {1u, 0u, "maxlease.read 2", 0, 2000u},  // capped by the library's maximum
-                     {0u, 7000u, "", 0, 7000u},
-                     {0u, 0u, "result FS_SetFileSizes 400", 400, 0u}};  // passed on as it is
+TEST_F(SetSizeE2E, TheNewSizeReachesTheLibraryWithTheLeaseRenewed) {
+  // intention 1 opens for reading, 0 for writing; lease is what SetSize asks for.
+  const struct {
+    uint32_t intention, lease;
+    const char* conf;
+    int result;
+    uint32_t granted;
+  } rows[] = {
+      {.intention = 1, .lease = 0, .conf = "", .result = 0, .granted = 5000},  // read rules kept
+      {.intention = 1, .lease = 0, .conf = "maxlease.read 2", .result = 0,
+       .granted = 2000},  // capped by the library's maximum
+      {.intention = 0, .lease = 7000, .conf = "", .result = 0, .granted = 7000},
+      {.intention = 0, .lease = 0, .conf = "result FS_SetFileSizes 400", .result = 400,
+       .granted = 0}};  // passed on as it is
   TestFs fs = Serve(kFile);
   Start();
-  for (auto [intention, lease, conf, result, granted] : rows) {
-    fs.Configure(kFile + conf + "\n");
-    const uint32_t key = Open("f", {-1, -1, 0, intention}).key;
+  for (const auto& row : rows) {
+    fs.Configure(kFile + row.conf + "\n");
+    const uint32_t key = Open("f", {-1, -1, 0, row.intention}).key;
     fs.ClearCalls();
-    const auto r = client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, lease)));
+    const auto r =
+        client::ParseStatusReply(Send(client::MakeSetSizeRequest(key, 5000, row.lease)));
     const CallRecord size = fs.Calls("FS_SetFileSizes").at(0);
     EXPECT_EQ(
         std::tuple(r->result, r->lease, size.Get("size"), size.Int("alloc"), size.Int("last")),
-        std::tuple(result, granted, "5000", -1, -1));
+        std::tuple(row.result, row.granted, "5000", -1, -1));
   }
   const Bytes unknown = Send(client::MakeSetSizeRequest(999, 1));
   EXPECT_EQ(std::tuple(client::Read<int32_t>(unknown, 48), unknown.size()), std::tuple(407, 72u));
 }
 
-TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
+TEST_F(CloseE2E, EndsTheLeaseAfterSettingTheFinalSize) {
   TestFs fs = Serve(kFile);
   Start();
   for (auto [size, conf, result, calls] :
@@ -196,7 +246,12 @@ TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
     EXPECT_EQ(Result(client::MakeCloseRequest(key, size)), 407);
     EXPECT_EQ(MapCalls(fs), calls);
   }
-  // Two clients on one file: the map stays locked until the second closes.
+}
+
+// Two clients on one file: the map stays locked until the second closes.
+TEST_F(CloseE2E, TheMapStaysLockedUntilTheLastLeaseCloses) {
+  TestFs fs = Serve(kFile);
+  Start();
   const uint32_t first = Open("f").key, second = Open("f").key;
   fs.ClearCalls();
   EXPECT_EQ(Result(client::MakeCloseRequest(first)), 0);
@@ -207,7 +262,7 @@ TEST_F(CloseE2E, FinalSizeRemovalAndTheLastLeaseUnlocking) {
 
 const std::string kFiles = kFile + "file /export/data/g vol-a file-g\n";
 
-TEST_F(LeaseE2E, UnrenewedLeasesArePurgedAndOnlyTheLastOnAFileUnlocks) {
+TEST_F(LeaseE2E, PurgedLeasesUnlockEachFileOnce) {
   TestFs fs = Serve(kFiles);
   Start();
   for (const char* file : {"f", "f", "g"}) Open(file, {-1, -1, 1, 1});  // 1 ms, then the grace

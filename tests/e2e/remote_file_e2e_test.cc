@@ -133,7 +133,7 @@ TEST_P(RemoteFileE2E, RangesMoveInPlaceAcrossExtentsHolesAndTheEnd) {
 
 // Input that only a pipe gives (no size known), larger than kestrix-cli's
 // buffers; a file missing on the share; a daemon restarted mid-write.
-TEST_P(RemoteFileE2E, WritesFromPipesSurviveARestartAndAMissingFileFailsFirst) {
+TEST_P(RemoteFileE2E, PipedWritesLandWholeOrFailBeforeReading) {
   const struct {
     std::string name, names, disk;  // --names DIR, or none; --disk, or the image's device
     size_t bytes;

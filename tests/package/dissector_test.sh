@@ -9,14 +9,19 @@ set -uo pipefail
 daemon=$1 cli=$2 plugin=$3 lua=$4 layouts=$5
 sed -n '/^-- BEGIN wire /,/^-- END wire /{/^--/!p}' "$lua" |
   diff - <("$layouts") ||
-  { echo "FAIL: the wire tables in $lua differ from the output of $layouts (< in the .lua, > printed)"; exit 1; }
+  { echo "FAIL: the wire tables in $lua differ from the output of $layouts" \
+      "(< in the .lua, > printed)"; exit 1; }
 for tool in tshark tcpdump; do
-  command -v $tool >/dev/null || { echo "SKIPPED: $tool is not installed (.ci/run installs it)"; exit 77; }
+  command -v $tool >/dev/null ||
+    { echo "SKIPPED: $tool is not installed (.ci/run installs it)"; exit 77; }
 done
 
 work=$(mktemp -d)
 pids=()
-cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; wait "$p" 2>/dev/null; done; rm -rf "$work"; }
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null; wait "$p" 2>/dev/null; done
+  rm -rf "$work"
+}
 trap cleanup EXIT
 fail() { echo "FAIL: $*"; exit 1; }
 
@@ -37,19 +42,24 @@ for attempt in 1 2 3 4 5; do
   tcpdump -i lo -U -w "$work/cap.pcap" "udp port $port" 2> "$work/tcpdump.err" &
   tpid=$!
   for _ in $(seq 50); do grep -q listening "$work/tcpdump.err" && break; sleep 0.1; done
-  KESTRIX_PORT=$port KESTRIX_LIBDIR="$work/lib" KESTRIX_TESTFS_DIR="$work/steer" KESTRIX_ADMIN_SOCKET= \
-    KESTRIX_SMBPATH="$work/smb.conf" "$daemon" -d -f "$work/log" &
+  KESTRIX_PORT=$port KESTRIX_LIBDIR="$work/lib" KESTRIX_TESTFS_DIR="$work/steer" \
+    KESTRIX_ADMIN_SOCKET= KESTRIX_SMBPATH="$work/smb.conf" "$daemon" -d -f "$work/log" &
   dpid=$!
-  for _ in $(seq 100); do grep -q "kestrixd started" "$work/log" 2>/dev/null && break; sleep 0.1; done
+  for _ in $(seq 100); do
+    grep -q "kestrixd started" "$work/log" 2>/dev/null && break
+    sleep 0.1
+  done
   if grep -q "kestrixd started" "$work/log"; then pids=("$dpid" "$tpid"); break; fi
   kill "$dpid" "$tpid" 2>/dev/null; wait "$dpid" "$tpid" 2>/dev/null; rm -f "$work/log"
 done
-[ ${#pids[@]} -gt 0 ] || fail "no daemon on a loopback port: $(cat "$work/tcpdump.err" "$work/log" 2>/dev/null)"
+[ ${#pids[@]} -gt 0 ] ||
+  fail "no daemon on a loopback port: $(cat "$work/tcpdump.err" "$work/log" 2>/dev/null)"
 
 kx() { "$cli" -p "$port" "$@" > /dev/null; }
 kx getvolume data
 # Lease keys start at a random value: the open's key names the lease.
-key=$("$cli" -p "$port" open data report.txt --write --json | sed -n 's/.*"key": *\([0-9]*\).*/\1/p')
+key=$("$cli" -p "$port" open data report.txt --write --json |
+  sed -n 's/.*"key": *\([0-9]*\).*/\1/p')
 [ -n "$key" ] || fail "no key from the open"
 kx map "$key" 65536
 kx setsize "$key" 100000
@@ -73,8 +83,9 @@ kill -INT "${pids[1]}"; wait "${pids[1]}" 2>/dev/null
 
 fields=(frame.number kestrix.function kestrix.byteorder kestrix.result kestrix.header_result
         kestrix.request_in kestrix.response_in kestrix.path kestrix.share kestrix.filename
-        kestrix.key kestrix.command kestrix.vol.ndisks kestrix.disk.idoffset kestrix.disk.nblocks
-        kestrix.vol.status kestrix.vol.error kestrix.map.nextents kestrix.ext.physical kestrix.ext.validity)
+        kestrix.key kestrix.command kestrix.vol.ndisks kestrix.disk.idoffset
+        kestrix.disk.nblocks kestrix.vol.status kestrix.vol.error kestrix.map.nextents
+        kestrix.ext.physical kestrix.ext.validity)
 args=()
 for f in "${fields[@]}"; do args+=(-e "$f"); done
 tshark -2 -r "$work/cap.pcap" -X "lua_script:$lua" -o "kestrix.port:$port" -T fields \

@@ -71,7 +71,7 @@ void Clear(const client::Bytes& last) {
   EXPECT_EQ(answered + inProcess, 0u);
 }
 
-TEST(AllocationFailuresTest, EveryRequestAnswersFiveFallsBackOrStaysSilentAndLeavesNothing) {
+TEST(AllocationFailuresTest, EveryAllocationFailureEndsCleanly) {
   TempDir dir;
   LogCapture log(KSX_ERROR);
   WriteFile(dir.File("smb.conf"), "[data]\n   path = /vol/a\n");

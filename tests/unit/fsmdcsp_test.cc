@@ -22,7 +22,7 @@ class FsmdcspInitTest : public ::testing::Test {
   LogCapture log_{9};
 };
 
-TEST_F(FsmdcspInitTest, RefusedLibrariesTakeNoSlotAndTheAcceptedOneGetsTheLogLevel) {
+TEST_F(FsmdcspInitTest, OnlyALibraryThatAcceptsIsKeptAndSetUp) {
   InstallTestPlugin("libtestfs.so", lib_.path(), "good.so");
   InstallTestPlugin("libtestfs_v231.so", lib_.path(), "v231.so");
   InstallTestPlugin("libtestfs_initfail.so", lib_.path(), "initfail.so");
@@ -45,7 +45,7 @@ TEST_F(FsmdcspInitTest, AtMostThirtyTwoLibrariesAreLoadedWithoutFsSetLog) {
   EXPECT_TRUE(ServiceProviderReady());
 }
 
-TEST(DispatchListTest, LaterClaimReplacesTheEarlierOneAndUnknownCookiesFindNothing) {
+TEST(DispatchListTest, EachCookieFindsTheLibraryThatClaimedItLast) {
   InitDispatchList();
   FsLibrary first{}, second{};
   std::vector<uint8_t> a(FS_COOKIE_SIZE, 'v'), b = a, unknown = a;

@@ -23,7 +23,7 @@ void RecordFree(void* orig, int32_t size) {
 
 // Negative asks for zero fill; below 8 is 8, others the next power of two up to 8192.
 // Each block lies inside what was obtained, is counted, and is given back whole.
-TEST(KsxmemTest, AlignmentsFillGuardAndRelease) {
+TEST(KsxmemTest, BlocksFollowTheAlignmentAsked) {
   kestrix::test::LogCapture log(2);
   const struct { int32_t asked, size, used;
   } cases[] = {{-8, 10, 8},           {0, 10, 8},       {3, 10, 8},
@@ -55,10 +55,9 @@ TEST(KsxmemTest, AlignmentsFillGuardAndRelease) {
   EXPECT_EQ(log.Text(), "");
 }
 
-TEST(KsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
+TEST(KsxmemTest, FreedBlocksAreFilledWithA) {
   kestrix::test::LogCapture log(2);
   const int32_t before = g_kmemstat;
-  MemBlockHeader* const newest = sol_ksxmemHead.next;
   auto* p = static_cast<char*>(ksxmem_memalign(-8, 10, "fill"));
   memset(p + 10, 'x', 6);  // bytes 11 to 16 are rounding room
   kestrix::SetFreememObserverForTesting(RecordFree);
@@ -66,13 +65,22 @@ TEST(KsxmemTest, FreedBlocksAreFilledAndOverrunsLogged) {
   kestrix::SetFreememObserverForTesting(nullptr);
   EXPECT_EQ(g_freedBytes, std::string(10, 'A') + "xxxxxx" + std::string(4, '\0'));
   EXPECT_EQ(log.Text(), "");
-  p = static_cast<char*>(ksxmem_memalign(-8, 10, "ovrn"));
+  EXPECT_EQ(g_kmemstat, before);
+}
+
+TEST(KsxmemTest, AnOverwrittenGuardIsLoggedAndTheBlockStillFreed) {
+  kestrix::test::LogCapture log(2);
+  const int32_t before = g_kmemstat;
+  MemBlockHeader* const newest = sol_ksxmemHead.next;
+  auto* p = static_cast<char*>(ksxmem_memalign(-8, 10, "ovrn"));
   p[16] = 'x';  // byte 17 is the guard word
-  EXPECT_EQ(ksxmem_free(p), 10);  // freed all the same
+  EXPECT_EQ(ksxmem_free(p), 10);
   EXPECT_EQ(log.Text(), "Error Memory Corruption: End of memory was over written!! tag:ovrn\n");
   EXPECT_EQ(g_kmemstat, before);
-  EXPECT_EQ(sol_ksxmemHead.next, newest);  // both blocks are off the list
+  EXPECT_EQ(sol_ksxmemHead.next, newest);  // the block is off the list
+}
 
+TEST(KsxmemTest, TagsKeepAtMostFourBytes) {
   const char shortTag[3] = {'a', 'b', '\0'};  // nothing readable past the NUL
   void* s = ksxmem_memalign(-8, 4, shortTag);
   void* l = ksxmem_memalign(-8, 4, "longer");
@@ -95,7 +103,7 @@ TEST(KsxmemTest, AFreeBeforeAnyAllocationIsRefused) {
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST(KsxmemTest, RefusalsLogAndCountNothing) {
+TEST(KsxmemTest, RefusalsAreLoggedWithoutChangingTheCount) {
   kestrix::test::LogCapture log(2);
   const int32_t before = g_kmemstat;
   EXPECT_EQ(ksxmem_memalign(-8, -1, "negs"), nullptr);

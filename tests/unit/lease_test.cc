@@ -32,7 +32,7 @@ FSLONG FakeGetMaxLeases(const uint8_t*, FSLONG* readMax, FSLONG* writeMax) {
   return g_row->result;
 }
 
-TEST(CalcLeaseTest, DefaultsAndLibraryMaxima) {
+TEST(CalcLeaseTest, LibraryMaximaCapTheDefaultLeases) {
   FsLibrary lib{}, noSlot{};
   lib.FS_GetMaxLeases = FakeGetMaxLeases;
   FsLibrary* const libs[] = {nullptr, &lib, &noSlot, &lib};
@@ -106,11 +106,12 @@ class LeaseListTest : public ::testing::Test {
   FsLibrary libA_{}, libB_{};
 };
 
-TEST_F(LeaseListTest, KeysWrapNegativeDurationsAndNoMemory) {
+TEST_F(LeaseListTest, ARepeatedRequestRenewsItsOwnLease) {
   EXPECT_EQ(0u, Add(1));
   EXPECT_EQ(0u, Add(1, 1, 1, &libB_, 8000));  // the same request renews its own lease
   EXPECT_EQ(1u, Add(1, 2, 1));                // another sender
   EXPECT_EQ(2u, Add(1, 1, 2));                // another request
+  EXPECT_EQ(ListLength(), 3);
   LeaseEntry copy{};
   ASSERT_EQ(0, GetLeaseCopy(0, &copy));
   EXPECT_EQ(copy.library, &libA_) << "the renewal kept the first library";
@@ -120,17 +121,28 @@ TEST_F(LeaseListTest, KeysWrapNegativeDurationsAndNoMemory) {
   EXPECT_EQ(0, ChangeLeaseEntry(0, 8000));
   ASSERT_EQ(0, GetLeaseCopy(0, &copy));
   EXPECT_EQ(copy.creationTime, 4000u);
+}
+
+TEST_F(LeaseListTest, KeysWrapToZeroAfterTheLargest) {
   globalKey = 4294967295u;
-  EXPECT_EQ(4294967295u, Add(3, 1, 1, nullptr, static_cast<FSULONG>(-30000)));
+  EXPECT_EQ(4294967295u, Add(3));
   EXPECT_EQ(0u, globalKey);
+}
+
+TEST_F(LeaseListTest, ANegativeDurationIsLoggedAsAnError) {
+  EXPECT_EQ(0u, Add(3, 1, 1, nullptr, static_cast<FSULONG>(-30000)));
   EXPECT_TRUE(log_.Contains("Error Lease value is less than zero -30000\n"));
+}
+
+TEST_F(LeaseListTest, ALeaseRefusedForWantOfMemoryTakesNoKey) {
+  EXPECT_EQ(0u, Add(1));
   const int32_t held = g_kmemstat;
   kestrix::FailGetmem(1);
   EXPECT_EQ(0xdeadbeefu, Add(4, 1, 1, nullptr, 5000, -1));
   kestrix::FailGetmem(0, 0);
   EXPECT_TRUE(log_.Contains("Error Out of memory in AddToLeaseList\n"));
-  EXPECT_EQ(globalKey, 0u) << "the refused lease took a key";
-  EXPECT_EQ(ListLength(), 4);
+  EXPECT_EQ(globalKey, 1u) << "the refused lease took a key";
+  EXPECT_EQ(ListLength(), 1);
   EXPECT_EQ(g_kmemstat, held);
 }
 

@@ -39,7 +39,7 @@ class LoadLibTest : public ::testing::Test {
 // Files whose names start with "lib" are taken in reverse listing order; one
 // that does not open or lacks an entry point is dropped and the same call goes
 // on; the libraries bind to the daemon's logger and allocator.
-TEST_F(LoadLibTest, CandidatesOrderAndBrokenLibraries) {
+TEST_F(LoadLibTest, OnlyCandidatesThatLoadWhollyAreKept) {
   for (const char* name : {"libb.so", "liba.so", "libfs.so.1", "ksxcvt.so"})
     InstallTestPlugin("libtestfs_callback.so", dir_, name);
   for (const char* name : {"libbad1.so", "libbad2.so"})
@@ -65,7 +65,7 @@ TEST_F(LoadLibTest, CandidatesOrderAndBrokenLibraries) {
   EXPECT_TRUE(log_.Contains("Info Got FS_SetFileSizes "));
 }
 
-TEST_F(LoadLibTest, MissingEmptyAndOverlongDirectoryEntries) {
+TEST_F(LoadLibTest, UnreachableLibrariesAreLoggedAndSkipped) {
   UseDirectory(lib_.File("missing"));  // tried again on every call
   EXPECT_EQ(LoadAll().size() + LoadAll().size(), 0u);
   EXPECT_EQ(Logged("Error FSMDCSP_LoadNextLibrary: Unable to open directory " + dir_), 2);

@@ -490,9 +490,8 @@ TEST_P(LocalFsTest, AnExportReplacedAfterStartUpIsRefused) {
 
 // An allocation comes in parts of at most max-growth, written on the disk:
 // no range left unwritten to read as zeros over what a client writes, no
-// bytes of deleted files for a client to read. One beyond the free space, or
-// a negative size, is refused with nothing changed.
-TEST_P(LocalFsTest, AllocationsComeWrittenInPartsAndWithinTheFreeSpace) {
+// bytes of deleted files for a client to read.
+TEST_P(LocalFsTest, AllocationsComeWrittenInPartsOfAtMostMaxGrowth) {
   const int64_t mib = 1 << 20;
   WriteFile(dir_.File("localfs.conf"), exp_ + "\nmax-growth 1\n");
   ASSERT_EQ(lib_->FS_Init(), 0);
@@ -520,7 +519,14 @@ TEST_P(LocalFsTest, AllocationsComeWrittenInPartsAndWithinTheFreeSpace) {
   WriteAt(fs_->image(), Physical(m, 2 * mib + 5), "client");
   EXPECT_EQ(Unlock(vol, file), 0);
   EXPECT_EQ(ReadFile(f).substr(2 * mib, 12), std::string(5, '\0') + "client" + '\0');
+}
 
+// A size beyond the free space, or a negative one, is refused with the file unchanged.
+TEST_P(LocalFsTest, SizesBeyondTheFreeSpaceOrBelowZeroChangeNothing) {
+  const std::string f = exp_ + "/f";
+  WriteFile(f, "data");
+  Cookie vol, file;
+  ASSERT_EQ(Cookies("f", &vol, &file), 0);
   struct statvfs sv;
   struct stat before, after;
   ASSERT_EQ(statvfs(exp_.c_str(), &sv) | stat(f.c_str(), &before), 0);

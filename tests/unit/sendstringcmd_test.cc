@@ -53,7 +53,7 @@ TEST(CommandTextTest, ReadsDigitsWithEveryMinusFlippingTheSign) {
   for (const auto& c : kNumbers) EXPECT_EQ(myatoi(c.text), c.value) << c.text;
 }
 
-TEST(SendStringCmdTest, LogCommandSystemLogNegativeLevelAndA1024UnitText) {
+TEST(SendStringCmdTest, LogCommandSetsTheLevelAndTheDestination) {
   const struct { std::string text; int level; std::string destination; } kCases[] = {
       {"log 5", 5, "SYSTEM"},
       {"LOG|-3|system", -3, "system"},

@@ -86,20 +86,23 @@ TEST(SpSupDumpTest, EachMessageKindAsText) {
   GetExtendedMapMsg em{Header(3, 92), -1, 5000000000LL, 8192, 0, 5000, 0xBEEF, 2};
   SetSizeMsg sm{Header(4, 64), 1000, 0, 0x2a};
   CloseMsg cm{Header(5, 60), -1, 0xffffffff};
-  Buffer vr(SP_GETVOLUME_REPLY_SIZE), ir(SP_GETINITIALMAP_REPLY_SIZE), er(SP_GETEXTENDEDMAP_REPLY_SIZE);
+  Buffer vr(SP_GETVOLUME_REPLY_SIZE), ir(SP_GETINITIALMAP_REPLY_SIZE),
+      er(SP_GETEXTENDEDMAP_REPLY_SIZE);
   *vr.As<GetVolumeReply>() = {Header(-1, 272), 0, {}, {184, 0, 2, 0, 0, 1000000, 512, {}, {0xC0}}};
   *vr.As<FSDisk>(192) = {{0x5A}, 0, 0, 100, 1};
   *ir.As<GetInitialMapReply>() = {Header(-2, 256), 1, 60000, 0x1f, {}, {0xAB}, {0, 0xCD},
                                   {4096, 0, 0, 0, 0, FS_EXTENT_SIMPLE}};
-  *er.As<GetExtendedMapReply>() = {Header(-3, 184), 0, 10000, {}, {0, 0, 0, 0, 1000000, FS_EXTENT_VERBOSE}};
+  *er.As<GetExtendedMapReply>() = {Header(-3, 184), 0, 10000, {},
+                                   {0, 0, 0, 0, 1000000, FS_EXTENT_VERBOSE}};
   *er.As<VerboseExtent>(152) = {1, 2, 3, 4, 5};
   SetSizeReply sr{Header(-4, SP_SETSIZE_REPLY_SIZE), 400, 7};
   CloseReply cr{Header(-5, SP_CLOSE_REPLY_SIZE), -380};
   const LanHeader h7 = Header(7, 2132), h0 = Header(0, 48);
   const struct { const void* msg; std::vector<std::string> lines; } cases[] = {
       {&vm, {"SP --- GetVolume Message ---", "SP messageID 01 02", "SP path share\\dir \xC3\xA9"}},
-      {&im, {"SP share: [ABA" + std::string(253, 'q') + "]", "SP filename:[" + std::string(47, 'q') + "]",
-             "SP allocsize 4096"}},
+      {&im,
+       {"SP share: [ABA" + std::string(253, 'q') + "]",
+        "SP filename:[" + std::string(47, 'q') + "]", "SP allocsize 4096"}},
       {&em, {"SP key beef", "SP flag 2"}},
       {&sm, {"SP --- SetSize Message ---", "SP filesize 1000"}},
       {&cm, {"SP key ffffffff", "SP filesize -1"}},
@@ -114,7 +117,8 @@ TEST(SpSupDumpTest, EachMessageKindAsText) {
     log.Clear();
     SPSUP_DumpMessage(static_cast<const LanHeader*>(msg), 0);
     const auto got = log.Lines();
-    for (const std::string& line : want) EXPECT_EQ(std::count(got.begin(), got.end(), line), 1) << line;
+    for (const std::string& line : want)
+      EXPECT_EQ(std::count(got.begin(), got.end(), line), 1) << line;
     EXPECT_EQ(got.empty() ? "" : got.back(), want.empty() ? "" : want.back());
   }
 }
@@ -166,7 +170,7 @@ TEST(SpSupDumpTest, BodyLinesInTheirOrder) {
 // Two disks by the converted nDisks; the third slot stays. The map words 1 to
 // 16 from byte 64 turn up to `end` for the known extent types (the last word
 // of a verbose extent as two 4-byte fields); the rest stays.
-TEST(FsmdcTransTest, VolInfoAndMapInfoFromTheOtherByteOrder) {
+TEST(FsmdcTransTest, EmbeddedStructsAreSwappedFromTheOtherByteOrder) {
   if (std::endian::native != std::endian::little) GTEST_SKIP() << "little-endian host only";
   const Puts volume = {
       {0, "00000108 00000000 00000007 FFFFFFFE 00010000 00000002 00001000 =11223344 =01020304"},
@@ -196,7 +200,7 @@ TEST(FsmdcTransTest, VolInfoAndMapInfoFromTheOtherByteOrder) {
 
 // The dumps, by the lines that matter: IDs by IDlength (at most 16 bytes),
 // the error text, and each extent type's fields.
-TEST(FsmdcDumpTest, VolInfoAndMapInfo) {
+TEST(FsmdcDumpTest, DumpsPrintEveryEmbeddedField) {
   Buffer b(VOLINFO_FIXED_SIZE + 2 * FSDISK_SIZE);
   *b.As<VolInfo>() = {264, 0, 7, -2, 65536, 2, 4096, {}, {0x01, 0, 0, 0x04}, {}};
   *b.As<FSDisk>(104) = {{0x00, 0x1A, 0x2B, 0x00}, 512, 4294967296LL, 10, 4, 0, {}};
@@ -225,7 +229,8 @@ TEST(FsmdcDumpTest, VolInfoAndMapInfo) {
     *b.As<FSMapInfo>() = {5000000000LL, 8192, 128, 3, n, type, 0, -1, {}};
     log.Clear();
     FSMDCSUP_DumpFSMapInfo(b.As<FSMapInfo>());
-    EXPECT_TRUE(log.Text().starts_with("SP msgLen 128\nSP vendorStatus 3\nSP fileSize 5000000000\n"));
+    EXPECT_TRUE(
+        log.Text().starts_with("SP msgLen 128\nSP vendorStatus 3\nSP fileSize 5000000000\n"));
     EXPECT_TRUE(log.Text().ends_with(tail)) << log.Text();
   }
 }
