@@ -10,6 +10,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <random>
@@ -162,7 +163,7 @@ class MapE2E : public PluginDaemonTest {
     return reply;
   }
 
-  uint64_t sequence_ = 0;
+  std::atomic<uint64_t> sequence_{0};  // AskFrom may run on a thread of the test
 };
 
 // The map, size and unlock calls a testfs instance saw, in order:
